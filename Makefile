@@ -1,0 +1,51 @@
+# Convenience entry points. Each target installs what is missing first
+# (scripts/install-deps.sh), so they work on a fresh Debian 12 machine.
+#
+#   make demo        build and run the main job with the vorta tool
+#   make test        build and run the whole test suite
+#   make test-asan   the test suite under AddressSanitizer + UndefinedBehaviorSanitizer
+#   make bench       run the benchmarks
+#   make fuzz        run every fuzz target for FUZZ_SECONDS seconds
+#   make format      apply .clang-format;  make format-check  only check it
+
+FUZZ_SECONDS ?= 30
+FORMAT_FILES = $(shell git ls-files '*.cpp' '*.h' 2>/dev/null | grep -v -e '^tests/data/' -e '_generated' )
+
+.PHONY: all deps build test demo bench test-asan fuzz format format-check clean
+
+all: build
+
+deps:
+	@bash scripts/install-deps.sh
+
+build: deps
+	@cmake --preset default >/dev/null
+	@cmake --build --preset default
+
+test: build
+	@ctest --preset default
+
+demo: build
+	@bash scripts/demo.sh build/default/tools/vorta/vorta
+
+bench: build
+	@cmake --build --preset default --target bench
+
+test-asan: deps
+	@cmake --preset asan >/dev/null
+	@cmake --build --preset asan
+	@ctest --preset asan
+
+fuzz: deps
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz
+	@bash scripts/run-fuzz.sh build/fuzz $(FUZZ_SECONDS)
+
+format:
+	@clang-format -i $(FORMAT_FILES)
+
+format-check:
+	@clang-format --dry-run -Werror $(FORMAT_FILES)
+
+clean:
+	@rm -rf build

@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# Installs the Debian packages vorta needs. Idempotent: packages already
+# present are not touched, and apt is not called at all when nothing is missing.
+#
+#   scripts/install-deps.sh            build, test and benchmark dependencies
+#   scripts/install-deps.sh ppc        plus the PowerPC cross toolchain and qemu
+#   scripts/install-deps.sh fixtures   plus ffmpeg, for regenerating test clips
+#   scripts/install-deps.sh all        everything
+set -euo pipefail
+
+base=(
+  build-essential cmake ninja-build pkg-config make git
+  libboost-dev libcjson-dev libantlr3c-dev antlr3 default-jre-headless
+  libgtest-dev libgmock-dev libbenchmark-dev
+  libpng-dev libavutil-dev
+  clang libclang-rt-14-dev clang-format valgrind
+)
+ppc=(
+  g++-powerpc-linux-gnu qemu-user-static dpkg-dev
+  autoconf automake libtool
+)
+fixtures=(ffmpeg libfreetype-dev fonts-dejavu-core)
+
+want=("${base[@]}")
+for group in "$@"; do
+  case "$group" in
+    base) ;;
+    ppc) want+=("${ppc[@]}") ;;
+    fixtures) want+=("${fixtures[@]}") ;;
+    all) want+=("${ppc[@]}" "${fixtures[@]}") ;;
+    *) echo "install-deps: unknown group '$group' (base, ppc, fixtures, all)" >&2; exit 2 ;;
+  esac
+done
+
+missing=()
+for pkg in "${want[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$pkg")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  exit 0
+fi
+
+SUDO=
+if [ "$(id -u)" -ne 0 ]; then SUDO=sudo; fi
+echo "install-deps: installing ${missing[*]}" >&2
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
