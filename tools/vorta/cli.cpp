@@ -1,0 +1,201 @@
+// vorta tool: command registry, argument parsing and output helpers.
+#include "cli.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <ostream>
+
+namespace vorta {
+namespace cli {
+
+namespace {
+std::vector<const Command*>& registry() {
+  static std::vector<const Command*> all;
+  return all;
+}
+
+const Option* findOption(const Command& command, const std::string& name) {
+  for (const Option& option : command.options)
+    if (option.name == name) return &option;
+  return nullptr;
+}
+
+bool looksLikeNumber(const std::string& word) {
+  return word.size() > 1 && word[0] == '-' && (std::isdigit(static_cast<unsigned char>(word[1])) != 0);
+}
+}  // namespace
+
+bool registerCommand(const Command* command) {
+  registry().push_back(command);
+  return true;
+}
+
+std::vector<const Command*> commands() {
+  std::vector<const Command*> sorted = registry();
+  std::sort(sorted.begin(), sorted.end(),
+            [](const Command* a, const Command* b) { return a->name < b->name; });
+  return sorted;
+}
+
+const Command* findCommand(const std::string& name) {
+  for (const Command* command : registry())
+    if (command->name == name) return command;
+  return nullptr;
+}
+
+Invocation::Invocation(const Command& command, const std::vector<std::string>& words) : command_(&command) {
+  bool optionsEnded = false;
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    const std::string& word = words[i];
+    if (optionsEnded || word == "-" || word.empty() || word[0] != '-' || looksLikeNumber(word)) {
+      args_.push_back(word);
+      continue;
+    }
+    if (word == "--") {
+      optionsEnded = true;
+      continue;
+    }
+    if (word == "--help" || word == "-h") {
+      help_ = true;
+      return;
+    }
+    if (word.compare(0, 2, "--") != 0) throw UsageError("unknown option '" + word + "'");
+    std::string name = word.substr(2);
+    std::optional<std::string> inlineValue;
+    const std::string::size_type eq = name.find('=');
+    if (eq != std::string::npos) {
+      inlineValue = name.substr(eq + 1);
+      name.erase(eq);
+    }
+    const Option* option = findOption(command, name);
+    if (option == nullptr) throw UsageError("unknown option '--" + name + "'");
+    if (option->valueName.empty()) {
+      if (inlineValue) throw UsageError("option '--" + name + "' takes no value");
+      values_[name] = "";
+    } else if (inlineValue) {
+      values_[name] = *inlineValue;
+    } else {
+      if (i + 1 >= words.size())
+        throw UsageError("option '--" + name + "' needs a value " + option->valueName);
+      values_[name] = words[++i];
+    }
+  }
+  if (args_.size() < command.minArgs) throw UsageError("missing argument");
+  if (args_.size() > command.maxArgs) throw UsageError("too many arguments");
+}
+
+bool Invocation::flag(const std::string& name) const { return values_.count(name) != 0; }
+
+std::optional<std::string> Invocation::value(const std::string& name) const {
+  const auto it = values_.find(name);
+  if (it == values_.end()) return std::nullopt;
+  return it->second;
+}
+
+long long Invocation::integer(const std::string& name, long long fallback, long long min,
+                              long long max) const {
+  const std::optional<std::string> text = value(name);
+  if (!text) return fallback;
+  return parseInteger(*text, min, max, "--" + name);
+}
+
+long long parseInteger(const std::string& text, long long min, long long max, const std::string& what) {
+  errno = 0;
+  char* end = nullptr;
+  const long long value = std::strtoll(text.c_str(), &end, 10);
+  if (text.empty() || end == nullptr || *end != '\0' || errno == ERANGE)
+    throw UsageError(what + " must be a whole number, not '" + text + "'");
+  if (value < min || value > max)
+    throw UsageError(what + " must be between " + std::to_string(min) + " and " + std::to_string(max));
+  return value;
+}
+
+std::string usageLine(const Command& command) {
+  std::string line = "usage: vorta " + command.name;
+  if (!command.options.empty()) line += " [options]";
+  if (!command.synopsis.empty()) line += " " + command.synopsis;
+  return line;
+}
+
+void printCommandHelp(std::ostream& out, const Command& command) {
+  out << usageLine(command) << "\n\n" << command.summary << "\n";
+  if (!command.description.empty()) out << "\n" << command.description << "\n";
+  out << "\noptions:\n";
+  std::vector<std::pair<std::string, std::string>> lines;
+  for (const Option& option : command.options) {
+    std::string left = "--" + option.name;
+    if (!option.valueName.empty()) left += " " + option.valueName;
+    lines.emplace_back(left, option.help);
+  }
+  lines.emplace_back("-h, --help", "show this help");
+  std::size_t width = 0;
+  for (const auto& line : lines) width = std::max(width, line.first.size());
+  for (const auto& line : lines)
+    out << "  " << line.first << std::string(width - line.first.size() + 2, ' ') << line.second << "\n";
+}
+
+Table::Table(std::vector<std::string> headers, std::vector<Align> align)
+    : headers_(std::move(headers)), align_(std::move(align)) {
+  align_.resize(headers_.size(), Left);
+}
+
+void Table::addRow(std::vector<std::string> cells) {
+  cells.resize(headers_.size());
+  rows_.push_back(std::move(cells));
+}
+
+void Table::print(std::ostream& out) const {
+  std::vector<std::size_t> widths(headers_.size());
+  for (std::size_t c = 0; c < headers_.size(); ++c) widths[c] = displayWidth(headers_[c]);
+  for (const auto& row : rows_)
+    for (std::size_t c = 0; c < row.size(); ++c) widths[c] = std::max(widths[c], displayWidth(row[c]));
+
+  auto printRow = [&](const std::vector<std::string>& cells) {
+    std::string line;
+    for (std::size_t c = 0; c < cells.size(); ++c) {
+      const std::size_t pad = widths[c] - displayWidth(cells[c]);
+      const bool last = c + 1 == cells.size();
+      if (align_[c] == Right) {
+        line += std::string(pad, ' ') + cells[c];
+      } else {
+        line += cells[c];
+        if (!last) line += std::string(pad, ' ');
+      }
+      if (!last) line += "  ";
+    }
+    while (!line.empty() && line.back() == ' ') line.pop_back();
+    out << line << "\n";
+  };
+  printRow(headers_);
+  for (const auto& row : rows_) printRow(row);
+}
+
+void printJson(std::ostream& out, const cJSON* json) {
+  char* text = cJSON_Print(json);
+  if (text == nullptr) throw Failure("out of memory while writing JSON");
+  out << text << "\n";
+  cJSON_free(text);
+}
+
+std::string hexBytes(const std::string& text) {
+  static const char digits[] = "0123456789ABCDEF";
+  std::string out;
+  for (unsigned char c : text) {
+    if (!out.empty()) out += ' ';
+    out += digits[c >> 4];
+    out += digits[c & 15];
+  }
+  return out;
+}
+
+std::size_t displayWidth(const std::string& text) {
+  std::size_t width = 0;
+  for (unsigned char c : text)
+    if ((c & 0xC0) != 0x80) ++width;
+  return width;
+}
+
+}  // namespace cli
+}  // namespace vorta
