@@ -1,0 +1,25 @@
+# Runs the vorta tool once and checks its exit status and output.
+# -DVORTA=path -DEMULATOR=a|b -DARGS=w1|w2 -DRC=n -DSTDOUT=regex -DSTDERR=regex
+string(REPLACE "|" ";" _args "${ARGS}")
+string(REPLACE "|" ";" _emulator "${EMULATOR}")
+execute_process(
+  COMMAND ${_emulator} ${VORTA} ${_args}
+  RESULT_VARIABLE _rc
+  OUTPUT_VARIABLE _out
+  ERROR_VARIABLE _err)
+set(_shown "vorta ${ARGS}\n--- exit status: ${_rc}\n--- stdout:\n${_out}--- stderr:\n${_err}")
+if(NOT "${_rc}" STREQUAL "${RC}")
+  message(FATAL_ERROR "expected exit status ${RC}\n${_shown}")
+endif()
+if(DEFINED STDOUT AND NOT "${STDOUT}" STREQUAL "")
+  if(NOT "${_out}" MATCHES "${STDOUT}")
+    message(FATAL_ERROR "stdout does not match '${STDOUT}'\n${_shown}")
+  endif()
+endif()
+if(DEFINED STDERR AND NOT "${STDERR}" STREQUAL "")
+  if(NOT "${_err}" MATCHES "${STDERR}")
+    message(FATAL_ERROR "stderr does not match '${STDERR}'\n${_shown}")
+  endif()
+elseif("${RC}" STREQUAL "0" AND NOT "${_err}" STREQUAL "")
+  message(FATAL_ERROR "unexpected output on stderr\n${_shown}")
+endif()

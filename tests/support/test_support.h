@@ -1,0 +1,39 @@
+// vorta tests: temporary directories, unique names and small file helpers.
+#pragma once
+
+#include <string>
+
+namespace vorta_test {
+
+/// A directory under the system's temporary directory, removed with its
+/// contents when the object goes out of scope.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  /// path() + "/" + name
+  std::string file(const std::string& name) const;
+
+ private:
+  std::string path_;
+};
+
+/// A name no other test process uses at the same time (pid, time and a
+/// counter), with the given prefix; for shared-memory segments and mutexes.
+std::string uniqueName(const std::string& prefix);
+
+void writeFile(const std::string& path, const std::string& content);
+std::string readFile(const std::string& path);
+
+/// Path of a committed test fixture under tests/data.
+std::string dataPath(const std::string& relative);
+
+/// True when the process runs under user-mode emulation (qemu-user), where
+/// a few kernel features behave differently.
+bool underEmulation();
+
+}  // namespace vorta_test
