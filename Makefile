@@ -9,7 +9,7 @@
 #   make format      apply .clang-format;  make format-check  only check it
 
 FUZZ_SECONDS ?= 30
-FORMAT_FILES = $(shell git ls-files '*.cpp' '*.h' 2>/dev/null | grep -v -e '^tests/data/' -e '_generated' )
+FORMAT_FILES = $(shell git ls-files -co --exclude-standard '*.cpp' '*.h' 2>/dev/null | grep -v -e '^tests/data/' -e '_generated' )
 
 .PHONY: all deps build test demo bench test-asan fuzz format format-check clean
 
