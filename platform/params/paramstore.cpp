@@ -1,0 +1,335 @@
+// vorta platform: the recorder's parameter service interface and two implementations.
+#include "paramstore.h"
+
+#include <cjson/cJSON.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+// clang-format off
+const std::vector<ParamInfo> kParams = {
+  {eParamLinkMode,           "link-mode",             false, 0, "", "1: the unit runs linked to other units"},
+  {eParamLinkRole,           "link-role",             false, 1, "", "0: this unit is the slave"},
+  {eParamClipNameSource,     "clip-name-source",      false, 0, "", "1, 2 or 3: the clip name comes from the camera (RED)"},
+  {eParamEncodeType,         "encode-type",           false, 1, "", "current encode type (0-3 ProRes 422, 4-6 DNxHD, 7 4444, 8 2vuy, 9 v210)"},
+  {eParamPlaybackMode,       "playback-mode",         false, 0, "", "2: play the current playlist; else all clips"},
+  {eParamCurrentPlaylist,    "current-playlist",      true,  0, "", "name of the current playlist"},
+  {eParamClipNameScene,      "clip-name-scene",       false, 0, "", "non-zero: names start \"SC\", else \"Clip\""},
+  {eParamClipNameNumber,     "clip-name-number",      false, 0, "", "number after the prefix; 0: none"},
+  {eParamClipNameLetterOn,   "clip-name-letter-on",   false, 0, "", "non-zero: a letter follows the number"},
+  {eParamClipNameLetter,     "clip-name-letter",      false, 'A', "", "that letter, as a character code"},
+  {eParamTake,               "take",                  false, 1, "", "take of the standard name"},
+  {eParamCustomClipName,     "custom-clip-name",      false, 0, "", "1: use the typed clip name"},
+  {eParamCustomClipNameText, "custom-clip-name-text", true,  0, "", "the typed clip name"},
+  {eParamCustomTake,         "custom-take",           false, 0, "", "1: append a take to the typed name"},
+  {eParamCustomTakeNumber,   "custom-take-number",    false, 1, "", "take of the typed name"},
+  {eParamLinkClipName,       "link-clip-name",        false, 1, "", "0: a slave names its clips after the master"},
+  {eParamMediaDir,           "media-dir",             true,  0, "", "the media directory"},
+  {eParamMediaBusy,          "media-busy",            false, 2, "", "1 while a media operation runs, 2 after"},
+  {eParamMasterClipName,     "master-clip-name",      true,  0, "", "the master unit's clip name"},
+  {eParamREDClipName,        "red-clip-name",         true,  0, "InvalidRED", "the camera-supplied clip name"},
+};
+// clang-format on
+
+std::string keyOf(eParam_t id) {
+  if (const ParamInfo* info = findParam(id)) return info->name;
+  char buffer[16];
+  std::snprintf(buffer, sizeof buffer, "0x%08X", static_cast<unsigned>(id));
+  return buffer;
+}
+
+uint32_t defaultValue(eParam_t id) {
+  const ParamInfo* info = findParam(id);
+  return info != nullptr && !info->isText ? info->defaultValue : 0;
+}
+
+std::string defaultText(eParam_t id) {
+  const ParamInfo* info = findParam(id);
+  return info != nullptr && info->isText ? info->defaultText : "";
+}
+
+struct JsonDeleter {
+  void operator()(cJSON* json) const { cJSON_Delete(json); }
+};
+using Json = std::unique_ptr<cJSON, JsonDeleter>;
+
+// A parameter file is small; anything larger is not one.
+constexpr long kMaxFileSize = 1 << 20;
+
+enum class FileState { Missing, Ok, Bad };
+
+// Reads and parses the file. Missing: no file. Bad: unreadable, too large,
+// or not a JSON object.
+FileState readFile(const std::string& path, Json& doc) {
+  FILE* f = std::fopen(path.c_str(), "rb");
+  if (f == nullptr) return errno == ENOENT ? FileState::Missing : FileState::Bad;
+  std::string text;
+  char chunk[4096];
+  std::size_t n;
+  while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) {
+    text.append(chunk, n);
+    if (text.size() > static_cast<std::size_t>(kMaxFileSize)) break;
+  }
+  const bool readError = std::ferror(f) != 0;
+  std::fclose(f);
+  if (readError || text.size() > static_cast<std::size_t>(kMaxFileSize)) return FileState::Bad;
+  doc.reset(cJSON_ParseWithLength(text.data(), text.size()));
+  if (!doc || !cJSON_IsObject(doc.get())) return FileState::Bad;
+  return FileState::Ok;
+}
+
+bool asValue(const cJSON* item, uint32_t& value) {
+  if (!cJSON_IsNumber(item)) return false;
+  const double d = item->valuedouble;
+  if (!(d >= 0.0 && d <= 4294967295.0) || std::floor(d) != d) return false;
+  value = static_cast<uint32_t>(d);
+  return true;
+}
+
+// Holds an exclusive lock on path + ".lock" for the duration of a write.
+class WriteLock {
+ public:
+  explicit WriteLock(const std::string& path) {
+    fd_ = ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd_ < 0) return;
+    struct flock lock;
+    std::memset(&lock, 0, sizeof lock);
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    while (fcntl(fd_, F_SETLKW, &lock) < 0) {
+      if (errno != EINTR) {
+        ::close(fd_);
+        fd_ = -1;
+        return;
+      }
+    }
+  }
+  ~WriteLock() {
+    if (fd_ >= 0) ::close(fd_);  // closing releases the lock
+  }
+  bool held() const { return fd_ >= 0; }
+
+ private:
+  int fd_ = -1;
+};
+
+bool writeAtomically(const std::string& path, const cJSON* doc) {
+  char* text = cJSON_Print(doc);
+  if (text == nullptr) return false;
+  const std::string tmp = path + ".tmp." + std::to_string(getpid());
+  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    std::perror(tmp.c_str());
+    cJSON_free(text);
+    return false;
+  }
+  std::string content(text);
+  content += '\n';
+  cJSON_free(text);
+  std::size_t done = 0;
+  bool ok = true;
+  while (done < content.size()) {
+    const ssize_t w = ::write(fd, content.data() + done, content.size() - done);
+    if (w < 0) {
+      if (errno == EINTR) continue;
+      ok = false;
+      break;
+    }
+    done += static_cast<std::size_t>(w);
+  }
+  if (ok && ::fsync(fd) != 0) ok = false;
+  if (::close(fd) != 0) ok = false;
+  if (ok && std::rename(tmp.c_str(), path.c_str()) != 0) ok = false;
+  if (!ok) {
+    std::perror(path.c_str());
+    ::unlink(tmp.c_str());
+  }
+  return ok;
+}
+
+}  // namespace
+
+const std::vector<ParamInfo>& knownParams() { return kParams; }
+
+const ParamInfo* findParam(eParam_t id) {
+  for (const ParamInfo& info : kParams)
+    if (info.id == id) return &info;
+  return nullptr;
+}
+
+const ParamInfo* findParam(const std::string& nameOrNumber) {
+  for (const ParamInfo& info : kParams)
+    if (nameOrNumber == info.name) return &info;
+  if (nameOrNumber.empty()) return nullptr;
+  errno = 0;
+  char* end = nullptr;
+  const unsigned long long number = std::strtoull(nameOrNumber.c_str(), &end, 0);
+  if (errno != 0 || end == nullptr || *end != '\0' || number > 0xFFFFFFFFull || nameOrNumber[0] == '-')
+    return nullptr;
+  return findParam(static_cast<eParam_t>(number));
+}
+
+ParamStore::~ParamStore() = default;
+
+// ---- MemoryParamStore ------------------------------------------------------
+
+MemoryParamStore::MemoryParamStore() = default;
+MemoryParamStore::~MemoryParamStore() = default;
+
+bool MemoryParamStore::hasParam(eParam_t id) {
+  return values_.count(id) != 0 || texts_.count(id) != 0 || findParam(id) != nullptr;
+}
+
+int MemoryParamStore::setParam(eParam_t id, uint32_t value) {
+  texts_.erase(id);
+  values_[id] = value;
+  return 1;
+}
+
+uint32_t MemoryParamStore::getParam(eParam_t id) {
+  uint32_t value = 0;
+  getParamValue(id, value);
+  return value;
+}
+
+bool MemoryParamStore::isTextParam(eParam_t id) {
+  if (texts_.count(id) != 0) return true;
+  if (values_.count(id) != 0) return false;
+  const ParamInfo* info = findParam(id);
+  return info != nullptr && info->isText;
+}
+
+int MemoryParamStore::getParamValue(eParam_t id, uint32_t& value) {
+  const auto it = values_.find(id);
+  if (it != values_.end()) {
+    value = it->second;
+    return 1;
+  }
+  if (isTextParam(id)) return 0;
+  value = defaultValue(id);
+  return 1;
+}
+
+int MemoryParamStore::setParamString(eParam_t id, const std::string& text) {
+  values_.erase(id);
+  texts_[id] = text;
+  return 1;
+}
+
+int MemoryParamStore::getParamString(eParam_t id, std::string& value) {
+  const auto it = texts_.find(id);
+  if (it != texts_.end()) {
+    value = it->second;
+    return 1;
+  }
+  if (!isTextParam(id) && findParam(id) != nullptr) return 0;
+  value = defaultText(id);
+  return 1;
+}
+
+// ---- FileParamStore --------------------------------------------------------
+
+FileParamStore::FileParamStore(std::string path) : path_(std::move(path)) {}
+FileParamStore::~FileParamStore() = default;
+
+bool FileParamStore::hasParam(eParam_t id) {
+  if (findParam(id) != nullptr) return true;
+  Json doc;
+  return readFile(path_, doc) == FileState::Ok &&
+         cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str());
+}
+
+int FileParamStore::setParam(eParam_t id, uint32_t value) {
+  WriteLock lock(path_);
+  if (!lock.held()) {
+    std::perror((path_ + ".lock").c_str());
+    return 0;
+  }
+  Json doc;
+  const FileState state = readFile(path_, doc);
+  if (state == FileState::Bad) {
+    std::fprintf(stderr, "%s: not a parameter file (a JSON object); left as it is\n", path_.c_str());
+    return 0;
+  }
+  if (state == FileState::Missing) doc.reset(cJSON_CreateObject());
+  const std::string key = keyOf(id);
+  cJSON_DeleteItemFromObjectCaseSensitive(doc.get(), key.c_str());
+  cJSON_AddNumberToObject(doc.get(), key.c_str(), static_cast<double>(value));
+  return writeAtomically(path_, doc.get()) ? 1 : 0;
+}
+
+uint32_t FileParamStore::getParam(eParam_t id) {
+  uint32_t value = 0;
+  getParamValue(id, value);
+  return value;
+}
+
+bool FileParamStore::isTextParam(eParam_t id) {
+  if (const ParamInfo* info = findParam(id)) return info->isText;
+  Json doc;
+  if (readFile(path_, doc) != FileState::Ok) return false;
+  return cJSON_IsString(cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str()));
+}
+
+int FileParamStore::getParamValue(eParam_t id, uint32_t& value) {
+  const ParamInfo* info = findParam(id);
+  if (info != nullptr && info->isText) return 0;
+  Json doc;
+  const FileState state = readFile(path_, doc);
+  if (state == FileState::Bad) return 0;
+  if (state == FileState::Ok) {
+    const cJSON* item = cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str());
+    if (item != nullptr) {
+      if (cJSON_IsString(item)) return 0;
+      if (asValue(item, value)) return 1;
+    }
+  }
+  value = defaultValue(id);
+  return 1;
+}
+
+int FileParamStore::setParamString(eParam_t id, const std::string& text) {
+  WriteLock lock(path_);
+  if (!lock.held()) {
+    std::perror((path_ + ".lock").c_str());
+    return 0;
+  }
+  Json doc;
+  const FileState state = readFile(path_, doc);
+  if (state == FileState::Bad) {
+    std::fprintf(stderr, "%s: not a parameter file (a JSON object); left as it is\n", path_.c_str());
+    return 0;
+  }
+  if (state == FileState::Missing) doc.reset(cJSON_CreateObject());
+  const std::string key = keyOf(id);
+  cJSON_DeleteItemFromObjectCaseSensitive(doc.get(), key.c_str());
+  cJSON_AddStringToObject(doc.get(), key.c_str(), text.c_str());
+  return writeAtomically(path_, doc.get()) ? 1 : 0;
+}
+
+int FileParamStore::getParamString(eParam_t id, std::string& value) {
+  const ParamInfo* info = findParam(id);
+  if (info != nullptr && !info->isText) return 0;
+  Json doc;
+  const FileState state = readFile(path_, doc);
+  if (state == FileState::Bad) return 0;
+  if (state == FileState::Ok) {
+    const cJSON* item = cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str());
+    if (item != nullptr) {
+      if (!cJSON_IsString(item)) return 0;
+      value = item->valuestring;
+      return 1;
+    }
+  }
+  value = defaultText(id);
+  return 1;
+}
