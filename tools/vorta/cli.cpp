@@ -5,7 +5,10 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <ostream>
+
+#include <sys/stat.h>
 
 namespace vorta {
 namespace cli {
@@ -195,6 +198,29 @@ std::size_t displayWidth(const std::string& text) {
   for (unsigned char c : text)
     if ((c & 0xC0) != 0x80) ++width;
   return width;
+}
+
+std::string paramsFilePath(const Invocation& in, bool create) {
+  if (const auto option = in.value("params")) return *option;
+  if (const char* env = std::getenv("VORTA_PARAMS"); env != nullptr && *env != '\0') return env;
+  std::string dir;
+  if (const char* state = std::getenv("XDG_STATE_HOME"); state != nullptr && *state == '/') {
+    dir = std::string(state) + "/vorta";
+  } else if (const char* home = std::getenv("HOME"); home != nullptr && *home == '/') {
+    dir = std::string(home) + "/.local/state/vorta";
+  } else {
+    throw Failure("no place for the parameter file: give --params FILE or set VORTA_PARAMS");
+  }
+  if (create) {
+    // mkdir -p: each missing level in turn.
+    for (std::string::size_type slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
+      const std::string level = dir.substr(0, slash);
+      if (::mkdir(level.c_str(), 0755) != 0 && errno != EEXIST)
+        throw Failure("cannot create " + level + ": " + std::strerror(errno));
+      if (slash == std::string::npos) break;
+    }
+  }
+  return dir + "/params.json";
 }
 
 }  // namespace cli

@@ -112,6 +112,11 @@ std::string hexBytes(const std::string& text);
 /// Number of characters a UTF-8 text shows as (for padding table cells).
 std::size_t displayWidth(const std::string& text);
 
+/// The parameter file shared by separate vorta runs: the --params option
+/// when given, else $VORTA_PARAMS, else ~/.local/state/vorta/params.json
+/// ($XDG_STATE_HOME when set). Creates its directory when create is true.
+std::string paramsFilePath(const Invocation& in, bool create);
+
 }  // namespace cli
 }  // namespace vorta
 
