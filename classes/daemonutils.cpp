@@ -57,14 +57,23 @@ class SignalMessage {
   std::size_t used_ = 0;
 };
 
-void installHandler(int sig) {
+void installHandler(int sig, void (*handler)(int) = Daemonizer::signalHandler) {
   struct sigaction action;
   std::memset(&action, 0, sizeof action);
-  action.sa_handler = Daemonizer::signalHandler;
+  action.sa_handler = handler;
   sigemptyset(&action.sa_mask);
   action.sa_flags = 0;
   // Fails for SIGKILL, which cannot be caught; that is expected and ignored.
   sigaction(sig, &action, nullptr);
+}
+
+// Ends a crashed process the way the crash handler does. Used when taking
+// the back-trace itself aborts (an unwinder that cannot read the signal
+// frame gives up with abort()), so that the crash still removes the pid file
+// and ends with status -99.
+void endCrashedProcess(int) {
+  unlink(Daemonizer::pidfile);
+  _exit(-99);
 }
 
 // Reports a failed system call with the daemon's prefix: "name: what: reason".
@@ -148,6 +157,7 @@ void Daemonizer::signalHandler(int sig) {
       printStatus();
       break;
     case SIGSEGV:
+      installHandler(SIGABRT, endCrashedProcess);
       size = backtrace(sig_buffer, 1024);
       backtrace_symbols_fd(sig_buffer, size, STDOUT_FILENO);
       unlink(pidfile);
