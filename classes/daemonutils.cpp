@@ -119,7 +119,8 @@ void Daemonizer::setupSignalHandler(std::string daemonName, void (*handleTermOrK
 
   // The first back-trace loads the unwinder, which allocates: do it now and
   // not for the first time inside the crash handler.
-  size = backtrace(sig_buffer, 1);
+  void* warmUp[1];
+  backtrace(warmUp, 1);
 
   installHandler(SIGINT);
   installHandler(SIGTERM);

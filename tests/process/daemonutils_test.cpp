@@ -321,9 +321,10 @@ TEST(Daemonizer, SetupStoresHooksAndResetsKilled) {
     Daemonizer::setupSignalHandler("setup", onTermination, onStatus, true);
     report("killed " + std::to_string(Daemonizer::killed) + " name [" + Daemonizer::name + "] hooks " +
            yesNo(Daemonizer::_handleTermOrKillSignal == onTermination) +
-           yesNo(Daemonizer::_getStatus == onStatus) + " keep " + yesNo(Daemonizer::_hasCleanupAfterKilled));
+           yesNo(Daemonizer::_getStatus == onStatus) + " keep " + yesNo(Daemonizer::_hasCleanupAfterKilled) +
+           " frames " + std::to_string(Daemonizer::size));
   });
-  EXPECT_EQ(child.rest(), "killed 0 name [setup: ] hooks yesyes keep yes\n");
+  EXPECT_EQ(child.rest(), "killed 0 name [setup: ] hooks yesyes keep yes frames 0\n");
   EXPECT_EQ(child.wait(), 0);
 }
 
