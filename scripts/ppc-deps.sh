@@ -23,6 +23,7 @@ recipe=1
 step="starting"
 say() { printf 'ppc-deps: %s\n' "$*" >&2; }
 fail() {
+  trap - ERR
   say "FAILED while $step"
   [ -n "${log:-}" ] && [ -f "$log" ] && { say "last lines of $log:"; tail -n 25 "$log" >&2; }
   exit 1
@@ -52,6 +53,7 @@ for dir in /usr/include/boost /usr/src/googletest; do
   fi
 done
 
+step="creating $staging and $work"
 mkdir -p "$staging/include" "$staging/lib" "$staging/.stamps" "$work/src" "$work/logs"
 
 stamp_ok() { [ -f "$staging/.stamps/$1" ] && [ "$(cat "$staging/.stamps/$1")" = "$2" ]; }
@@ -160,12 +162,14 @@ else
   step="building libantlr3c (log: $log)"
   # The release tarball's build files are incomplete (antlr3convertutf.c is
   # missing from the generated Makefile): regenerate them.
-  (cd "$src" && quiet autoreconf -fi)
-  (cd "$src" && quiet ./configure --host=powerpc-linux-gnu --build="$(dpkg-architecture -qDEB_BUILD_GNU_TYPE)" \
+  cd "$src"
+  quiet autoreconf -fi
+  quiet ./configure --host=powerpc-linux-gnu --build="$(dpkg-architecture -qDEB_BUILD_GNU_TYPE)" \
     --prefix="$staging" --libdir="$staging/lib" \
-    --disable-64bit --disable-abiflags --disable-antlrdebug)
-  (cd "$src" && quiet make -j "$jobs")
-  (cd "$src" && quiet make install)
+    --disable-64bit --disable-abiflags --disable-antlrdebug
+  quiet make -j "$jobs"
+  quiet make install
+  cd "$root"
   stamp_set libantlr3c "$key"
 fi
 # Whatever was built, the staged runtime must be the 32-bit one: its
