@@ -73,3 +73,17 @@ TEST(Strtol, TakeNumbersClampToTheDevicesLimitEverywhere) {
   EXPECT_EQ(Clip::extractTake("A_99999999999.mov"), 2147483647);
   EXPECT_EQ(Clip::extractTake("A_-2147483649.mov"), -2147483647 - 1);
 }
+
+// Plain char is unsigned on PowerPC and signed on x86: code that compares
+// text bytes with 0x80 or below 0 casts to unsigned char first.
+TEST(TypeSizes, PlainCharSignednessFollowsTheMachine) {
+  const char high = static_cast<char>(0xE9);
+#if defined(__powerpc__)
+  EXPECT_FALSE(std::numeric_limits<char>::is_signed);
+  EXPECT_EQ(static_cast<int>(high), 233);
+#elif defined(__x86_64__) || defined(__i386__)
+  EXPECT_TRUE(std::numeric_limits<char>::is_signed);
+  EXPECT_EQ(static_cast<int>(high), -23);
+#endif
+  EXPECT_EQ(static_cast<int>(static_cast<unsigned char>(high)), 233);
+}
