@@ -60,6 +60,100 @@ bool readComponent(const char* text, std::size_t length, unsigned int& value) {
   return true;
 }
 
+// Per-format constants, inlined where the value is built (the public
+// queries below resolve 0 to the stored format and call these).
+inline uint32_t fpsOf(TimecodeFormat f) {
+  switch (f) {
+    case TCFormat24fps:
+      return 24;
+    case TCFormat25fps:
+      return 25;
+    case TCFormat50fps:
+      return 50;
+    case TCFormat60fps:
+    case TCFormat60fpsDF:
+      return 60;
+    default:  // 30 and 30 drop, and the fallback for anything unknown
+      return 30;
+  }
+}
+inline bool isDropFrameFormat(TimecodeFormat f) { return f == TCFormat30fpsDF || f == TCFormat60fpsDF; }
+inline bool is60_50Format(TimecodeFormat f) {
+  return f == TCFormat50fps || f == TCFormat60fps || f == TCFormat60fpsDF;
+}
+inline bool isPalFormat(TimecodeFormat f) { return f == TCFormat25fps || f == TCFormat50fps; }
+
+inline VexaFrameRate defaultRateOf(TimecodeFormat f) {
+  // The drop-frame formats share the rate of their non-drop partners.
+  switch (f) {
+    case TCFormat24fps:
+      return Rate24;
+    case TCFormat25fps:
+      return Rate25;
+    case TCFormat30fps:
+    case TCFormat30fpsDF:
+      return Rate30;
+    case TCFormat50fps:
+      return Rate50;
+    case TCFormat60fps:
+    case TCFormat60fpsDF:
+      return Rate60;
+    default:
+      return RateUnknown;
+  }
+}
+
+// The Varicam rate code carried in binary groups 4 and 3; 0 for rates without one.
+inline uint32_t varicamCodeOf(VexaFrameRate rate) {
+  switch (rate) {
+    case Rate60:
+    case Rate5994:
+      return 60;
+    case Rate30:
+    case Rate2997:
+      return 30;
+    case Rate25:
+      return 25;
+    case Rate24:
+    case Rate2398:
+      return 24;
+    case Rate50:
+      return 50;
+    case Rate15:
+    case Rate1498:
+      return 15;
+    default:
+      return 0;
+  }
+}
+
+inline uint32_t withVaricamCode(uint32_t low, uint32_t code) {
+  return (low & ~kLowVaricamRateMask) | ((code / 10) << 28) | ((code % 10) << 20);
+}
+
+// The time code words built from the digits of a time code text: each digit
+// character read on its own as a decimal number (anything else reads as 0)
+// and placed in its field. In 60/50 formats the frame number, clamped to the
+// last frame of the second, is halved into the digits and its lowest bit is
+// returned in fieldID (-1 otherwise).
+inline void wordsFromText(const std::string& t, TimecodeFormat f, uint32_t& low, uint32_t& high,
+                          int& fieldID) {
+  high = (digitValue(t, 0) & 3) << 24 | (digitValue(t, 1) & 0xF) << 16 | (digitValue(t, 3) & 7) << 8 |
+         (digitValue(t, 4) & 0xF);
+  low = (digitValue(t, 6) & 7) << 24 | (digitValue(t, 7) & 0xF) << 16;
+  if (!is60_50Format(f)) {
+    low |= (digitValue(t, 9) & 3) << 8 | (digitValue(t, 10) & 0xF);
+    fieldID = -1;
+    return;
+  }
+  const uint32_t fps = fpsOf(f);
+  uint32_t n = digitValue(t, 9) * 10 + digitValue(t, 10);
+  if (n >= fps) n = fps - 1;
+  fieldID = static_cast<int>(n & 1);
+  n /= 2;
+  low |= (n % 10) | ((n / 10) & 3) << 8;
+}
+
 const char kHexDigits[] = "0123456789ABCDEF";
 // Register nibbles turned into text digits: 10 to 15 read as 0.
 const char kRegisterDigits[] = "0123456789000000";
@@ -193,39 +287,25 @@ void CRP188::CopyFrom(const CRP188& other) {
 // Format queries
 
 bool CRP188::FormatIsDropFrame(TimecodeFormat format) const {
-  const TimecodeFormat f = format == TCFormatUnknown ? format_ : format;
-  return f == TCFormat30fpsDF || f == TCFormat60fpsDF;
+  return isDropFrameFormat(format == TCFormatUnknown ? format_ : format);
 }
 
 bool CRP188::FormatIs60_50fps(TimecodeFormat format) const {
-  const TimecodeFormat f = format == TCFormatUnknown ? format_ : format;
-  return f == TCFormat50fps || f == TCFormat60fps || f == TCFormat60fpsDF;
+  return is60_50Format(format == TCFormatUnknown ? format_ : format);
 }
 
 bool CRP188::FormatIsPAL(TimecodeFormat format) const {
-  const TimecodeFormat f = format == TCFormatUnknown ? format_ : format;
-  return f == TCFormat25fps || f == TCFormat50fps;
+  return isPalFormat(format == TCFormatUnknown ? format_ : format);
 }
 
 unsigned int CRP188::FramesPerSecond(TimecodeFormat format) const {
-  switch (format == TCFormatUnknown ? format_ : format) {
-    case TCFormat24fps:
-      return 24;
-    case TCFormat25fps:
-      return 25;
-    case TCFormat50fps:
-      return 50;
-    case TCFormat60fps:
-    case TCFormat60fpsDF:
-      return 60;
-    default:  // 30 and 30 drop, and the fallback for anything unknown
-      return 30;
-  }
+  return fpsOf(format == TCFormatUnknown ? format_ : format);
 }
 
 unsigned int CRP188::MaxFramesPerDay(TimecodeFormat format) const {
-  const uint32_t fps = FramesPerSecond(format);
-  if (!FormatIsDropFrame(format)) return fps * 86400u;
+  const TimecodeFormat f = format == TCFormatUnknown ? format_ : format;
+  const uint32_t fps = fpsOf(f);
+  if (!isDropFrameFormat(f)) return fps * 86400u;
   // The frames dropped per minute follow the stored format, not the argument.
   const uint32_t drop = format_ == TCFormat60fpsDF ? 4 : 2;
   const uint32_t fpm = fps * 60;
@@ -233,23 +313,7 @@ unsigned int CRP188::MaxFramesPerDay(TimecodeFormat format) const {
 }
 
 VexaFrameRate CRP188::DefaultFrameRateForTimecodeFormat(TimecodeFormat format) const {
-  // The drop-frame formats share the rate of their non-drop partners.
-  switch (format == TCFormatUnknown ? format_ : format) {
-    case TCFormat24fps:
-      return Rate24;
-    case TCFormat25fps:
-      return Rate25;
-    case TCFormat30fps:
-    case TCFormat30fpsDF:
-      return Rate30;
-    case TCFormat50fps:
-      return Rate50;
-    case TCFormat60fps:
-    case TCFormat60fpsDF:
-      return Rate60;
-    default:
-      return RateUnknown;
-  }
+  return defaultRateOf(format == TCFormatUnknown ? format_ : format);
 }
 
 // ---------------------------------------------------------------------------
@@ -257,9 +321,10 @@ VexaFrameRate CRP188::DefaultFrameRateForTimecodeFormat(TimecodeFormat format) c
 
 void CRP188::ConvertFrameCount(unsigned int frameCount, TimecodeFormat format, unsigned int& hours,
                                unsigned int& minutes, unsigned int& seconds, unsigned int& frames) const {
-  const uint32_t fps = FramesPerSecond(format);
+  const TimecodeFormat resolved = format == TCFormatUnknown ? format_ : format;
+  const uint32_t fps = fpsOf(resolved);
   const uint32_t fpm = fps * 60;
-  if (!FormatIsDropFrame(format)) {
+  if (!isDropFrameFormat(resolved)) {
     uint32_t rest = frameCount % (fps * 86400u);
     const uint32_t fph = fps * 3600;
     hours = rest / fph;
@@ -309,9 +374,10 @@ void CRP188::ConvertFrameCount(unsigned int frameCount, TimecodeFormat format, u
 
 void CRP188::ConvertTimecode(unsigned int& frameCount, TimecodeFormat format, unsigned int hours,
                              unsigned int minutes, unsigned int seconds, unsigned int frames) const {
-  const uint32_t fps = FramesPerSecond(format);
+  const TimecodeFormat resolved = format == TCFormatUnknown ? format_ : format;
+  const uint32_t fps = fpsOf(resolved);
   const uint32_t fpm = fps * 60;
-  if (!FormatIsDropFrame(format)) {
+  if (!isDropFrameFormat(resolved)) {
     frameCount = fps * ((hours * 60 + minutes) * 60 + seconds) + frames;
     return;
   }
@@ -382,8 +448,8 @@ bool CRP188::SetRP188(unsigned int frameCount, TimecodeFormat format) {
 bool CRP188::SetRP188(unsigned int frames, unsigned int seconds, unsigned int minutes, unsigned int hours,
                       TimecodeFormat format) {
   if (format != TCFormatUnknown) format_ = format;
-  const bool dropFrame = FormatIsDropFrame(format_);
-  const uint32_t fps = FramesPerSecond(format_);
+  const bool dropFrame = isDropFrameFormat(format_);
+  const uint32_t fps = fpsOf(format_);
 
   // Carry over-large components upwards; afterwards every component fits in
   // two digits (frames < fps <= 60, seconds and minutes < 60, hours < 24).
@@ -425,17 +491,52 @@ bool CRP188::SetRP188(unsigned int frames, unsigned int seconds, unsigned int mi
   putTwoDigits(text + 9, frames);
   timecodeString_.assign(text, sizeof text);
 
-  ConvertTcStrToReg();
-
+  // The register words are rebuilt from the text (ConvertTcStrToReg), then
+  // the flags are set as SetVaricamFrameActive(false, 0 and 1),
+  // SetDropFrame, SetColorFrame(false), SetVaricamRate of the format's
+  // default rate, SetFieldID(0) outside 60/50 and SetBFGBits(false, false,
+  // false) would set them; done in place because this is the hot path.
+  const bool pal = isPalFormat(format_);
+  uint32_t low = 0;
+  uint32_t high = 0;
+  int fieldID = -1;
+  wordsFromText(timecodeString_, format_, low, high, fieldID);
+  if (fieldID >= 0) {
+    fieldID_ = static_cast<unsigned int>(fieldID);
+    if (pal) {
+      high = withBit(high, kHighBit27, fieldID != 0);
+    } else {
+      low = withBit(low, kLowBit27, fieldID != 0);
+    }
+  }
   valid_ = true;
   inputFlag_ = false;
-  SetVaricamFrameActive(false, 0);
-  SetVaricamFrameActive(false, 1);
-  SetDropFrame(dropFrame);
-  SetColorFrame(false);
-  SetVaricamRate(DefaultFrameRateForTimecodeFormat(format_));
-  if (!FormatIs60_50fps(format_)) SetFieldID(0);
-  SetBFGBits(false, false, false);
+  varicamActive0_ = false;
+  varicamActive1_ = false;
+  low &= ~(kLowVaricamActive0 | kLowVaricamActive1);
+  dropFrame_ = dropFrame;
+  low = withBit(low, kLowDropFrame, dropFrame);
+  colorFrame_ = false;
+  low &= ~kLowColorFrame;
+  low = withVaricamCode(low, varicamCodeOf(defaultRateOf(format_)));
+  if (!is60_50Format(format_)) {
+    fieldID_ = 0;
+    if (pal) {
+      high &= ~kHighBit27;
+    } else {
+      low &= ~kLowBit27;
+    }
+  }
+  high &= ~kHighBfg1;
+  if (pal) {
+    low &= ~kLowBit27;
+    high &= ~kHighBit11;
+  } else {
+    high &= ~(kHighBit11 | kHighBit27);
+  }
+  regDBB_ = 0;
+  regLow_ = low;
+  regHigh_ = high;
   return true;
 }
 
@@ -481,10 +582,10 @@ bool CRP188::SetRP188(const RP188_STRUCT& regs, TimecodeFormat format) {
   const uint32_t low = regs.low;
   const uint32_t high = regs.high;
   const bool dropFrame = (low & kLowDropFrame) != 0;
-  const bool pal = FormatIsPAL(format_);
+  const bool pal = isPalFormat(format_);
 
   char text[11];
-  if (FormatIs60_50fps(format_)) {
+  if (is60_50Format(format_)) {
     // The frame digits carry half the frame number; the field ID its lowest bit.
     const uint32_t id = ((pal ? high : low) & (pal ? kHighBit27 : kLowBit27)) != 0 ? 1 : 0;
     const uint32_t n = (((low >> 8) & 3) * 10 + (low & 0xF)) * 2 + id;
@@ -567,41 +668,11 @@ void CRP188::SetVaricamFrameActive(bool active, unsigned int frame) {
   }
 }
 
-void CRP188::SetVaricamRate(VexaFrameRate rate) {
-  uint32_t code = 0;
-  switch (rate) {
-    case Rate60:
-    case Rate5994:
-      code = 60;
-      break;
-    case Rate30:
-    case Rate2997:
-      code = 30;
-      break;
-    case Rate25:
-      code = 25;
-      break;
-    case Rate24:
-    case Rate2398:
-      code = 24;
-      break;
-    case Rate50:
-      code = 50;
-      break;
-    case Rate15:
-    case Rate1498:
-      code = 15;
-      break;
-    default:
-      code = 0;
-      break;
-  }
-  regLow_ = (regLow_ & ~kLowVaricamRateMask) | ((code / 10) << 28) | ((code % 10) << 20);
-}
+void CRP188::SetVaricamRate(VexaFrameRate rate) { regLow_ = withVaricamCode(regLow_, varicamCodeOf(rate)); }
 
 void CRP188::SetFieldID(unsigned int id) {
   fieldID_ = id;
-  if (FormatIsPAL(TCFormatUnknown)) {
+  if (isPalFormat(format_)) {
     regHigh_ = withBit(regHigh_, kHighBit27, id != 0);
   } else {
     regLow_ = withBit(regLow_, kLowBit27, id != 0);
@@ -610,7 +681,7 @@ void CRP188::SetFieldID(unsigned int id) {
 
 void CRP188::SetBFGBits(bool bfg0, bool bfg1, bool bfg2) {
   regHigh_ = withBit(regHigh_, kHighBfg1, bfg1);
-  if (FormatIsPAL(TCFormatUnknown)) {
+  if (isPalFormat(format_)) {
     regLow_ = withBit(regLow_, kLowBit27, bfg0);
     regHigh_ = withBit(regHigh_, kHighBit11, bfg2);
   } else {
@@ -626,7 +697,7 @@ void CRP188::SetSource(unsigned char source) {
 unsigned char CRP188::GetSource() const { return static_cast<unsigned char>(regDBB_ >> 24); }
 
 unsigned int CRP188::GetFieldID() const {
-  if (FormatIsPAL(TCFormatUnknown)) return (regHigh_ & kHighBit27) != 0 ? 1 : 0;
+  if (isPalFormat(format_)) return (regHigh_ & kHighBit27) != 0 ? 1 : 0;
   return (regLow_ & kLowBit27) != 0 ? 1 : 0;
 }
 
@@ -670,31 +741,11 @@ void CRP188::GetBFGBits(bool& bfg0, bool& bfg1, bool& bfg2) const {
 // Register and text conversions
 
 void CRP188::ConvertTcStrToReg() {
-  // The source byte of the dbb word is lost here too.
+  // The dbb word, and with it the source byte, is cleared too.
   regDBB_ = 0;
-  regLow_ = 0;
-  regHigh_ = 0;
-  const std::string& t = timecodeString_;
-  regHigh_ |= (digitValue(t, 0) & 3) << 24;
-  regHigh_ |= (digitValue(t, 1) & 0xF) << 16;
-  regHigh_ |= (digitValue(t, 3) & 7) << 8;
-  regHigh_ |= digitValue(t, 4) & 0xF;
-  regLow_ |= (digitValue(t, 6) & 7) << 24;
-  regLow_ |= (digitValue(t, 7) & 0xF) << 16;
-  if (!FormatIs60_50fps(TCFormatUnknown)) {
-    regLow_ |= (digitValue(t, 9) & 3) << 8;
-    regLow_ |= digitValue(t, 10) & 0xF;
-    return;
-  }
-  // 60 and 50 frames: the digits carry half the frame number, the field ID
-  // its lowest bit.
-  const uint32_t fps = FramesPerSecond(TCFormatUnknown);
-  uint32_t n = digitValue(t, 9) * 10 + digitValue(t, 10);
-  if (n >= fps) n = fps - 1;
-  SetFieldID(n & 1);
-  n /= 2;
-  regLow_ |= n % 10;
-  regLow_ |= ((n / 10) & 3) << 8;
+  int fieldID = -1;
+  wordsFromText(timecodeString_, format_, regLow_, regHigh_, fieldID);
+  if (fieldID >= 0) SetFieldID(static_cast<unsigned int>(fieldID));
 }
 
 void CRP188::ConvertTcStrToVal() {
