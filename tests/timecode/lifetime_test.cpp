@@ -28,8 +28,6 @@ TEST(Construction, DefaultIsEmptyAndInvalid) {
   EXPECT_FALSE(tc.GetInputFlag());
   EXPECT_EQ(tc.GetVaricamRate(), 0u);
   EXPECT_EQ(tc.GetFieldID(), 0u);
-  BurnInGeometry geometry{};
-  (void)geometry;
 }
 
 TEST(Construction, EachConstructorMatchesItsSetter) {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <ostream>
 #include <string>
 
 #include "rp188.h"
@@ -63,6 +64,9 @@ uint32_t ourWordsInFfmpegPacking(const RP188_STRUCT& regs, bool rate60_50, bool 
   }
   return tc;
 }
+
+// Names the case in test listings instead of dumping its bytes.
+void PrintTo(const Reference& ref, std::ostream* out) { *out << ref.name; }
 
 class AgainstLibavutil : public ::testing::TestWithParam<Reference> {};
 
