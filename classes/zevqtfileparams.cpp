@@ -9,33 +9,31 @@
 
 namespace {
 
+/// Codec codes the recorder plays and their encode types. Anything else,
+/// DNxHD among them, is refused here by design.
+struct CodecEntry {
+  uint32_t codecType;
+  uint32_t encodeType;
+};
+const CodecEntry kCodecs[] = {
+    {0x6170636E, ENCODE_PRORES_422},         // 'apcn'
+    {0x61706368, ENCODE_PRORES_422_HQ},      // 'apch'
+    {0x61706373, ENCODE_PRORES_422_LT},      // 'apcs'
+    {0x6170636F, ENCODE_PRORES_422_PROXY},   // 'apco'
+    {0x61703468, ENCODE_PRORES_4444},        // 'ap4h'
+    {0x32767579, ENCODE_UNCOMPRESSED_2VUY},  // '2vuy'
+    {0x76323130, ENCODE_UNCOMPRESSED_V210},  // 'v210'
+};
+
 /// The encode type of a codec code; false for a codec the recorder does not play.
 bool encodeTypeOf(uint32_t codecType, uint32_t& encodeType) {
-  switch (codecType) {
-    case 0x6170636E:
-      encodeType = ENCODE_PRORES_422;
-      return true;  // 'apcn'
-    case 0x61706368:
-      encodeType = ENCODE_PRORES_422_HQ;
-      return true;  // 'apch'
-    case 0x61706373:
-      encodeType = ENCODE_PRORES_422_LT;
-      return true;  // 'apcs'
-    case 0x6170636F:
-      encodeType = ENCODE_PRORES_422_PROXY;
-      return true;  // 'apco'
-    case 0x61703468:
-      encodeType = ENCODE_PRORES_4444;
-      return true;  // 'ap4h'
-    case 0x32767579:
-      encodeType = ENCODE_UNCOMPRESSED_2VUY;
-      return true;  // '2vuy'
-    case 0x76323130:
-      encodeType = ENCODE_UNCOMPRESSED_V210;
-      return true;  // 'v210'
-    default:
-      return false;  // DNxHD among them: refused here by design
+  for (const CodecEntry& entry : kCodecs) {
+    if (entry.codecType == codecType) {
+      encodeType = entry.encodeType;
+      return true;
+    }
   }
+  return false;
 }
 
 /// The time code format for a frame rate truncated to an integer.
