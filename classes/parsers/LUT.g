@@ -21,7 +21,6 @@ options {
 }
 
 @parser::includes {
-#include <cstdlib>
 #include "lut_utils.h"
 }
 
@@ -45,10 +44,11 @@ file
     : record ( EOL record )* EOF
     ;
 
-// One line. The first alternative stores an entry, unless the tables are
-// full: lines past the capacity are still checked but not stored. Values
-// are not range-checked; each is cut to its low 16 bits. An empty text can
-// only come from a token the parser made up while recovering from an error.
+// One line. The first alternative stores an entry (lutStoreRecord): unless
+// the tables are full, each value's text is converted with strtol and cut to
+// its low 16 bits; lines past the capacity are still checked but not stored.
+// A value with no text (a token the parser made up while recovering from an
+// error) stores nothing.
 //
 //
 // Keep this rule starting on line 58, column 1: the parser's description of
@@ -58,18 +58,7 @@ file
 record
     : WS* red WS+ green WS+ blue WS*
         {
-            if (g_lut_index < g_lut_size) {
-                pANTLR3_STRING redText = $red.text;
-                pANTLR3_STRING greenText = $green.text;
-                pANTLR3_STRING blueText = $blue.text;
-                if (redText != NULL && redText->len > 0 && greenText != NULL && greenText->len > 0
-                    && blueText != NULL && blueText->len > 0) {
-                    g_red_lut[g_lut_index] = lutLow16(std::strtol((const char *)redText->chars, NULL, 10));
-                    g_green_lut[g_lut_index] = lutLow16(std::strtol((const char *)greenText->chars, NULL, 10));
-                    g_blue_lut[g_lut_index] = lutLow16(std::strtol((const char *)blueText->chars, NULL, 10));
-                    g_lut_index++;
-                }
-            }
+            lutStoreRecord(INPUT, $red.start, $red.stop, $green.start, $green.stop, $blue.start, $blue.stop);
         }
     | WS*
     ;

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <sstream>
@@ -34,6 +35,40 @@ int16_t lutLow16(long value) {
 }
 
 namespace {
+
+// Appends the text of one token: its own text when it was given one, else
+// its characters in the input (addresses within the input's UTF-8 data).
+void appendTokenText(pANTLR3_COMMON_TOKEN token, std::string& out) {
+  if (token->textState != ANTLR3_TEXT_NONE) {
+    pANTLR3_STRING text = token->getText(token);
+    if (text != nullptr && text->chars != nullptr)
+      out.append(reinterpret_cast<const char*>(text->chars), text->len);
+    return;
+  }
+  const char* first = reinterpret_cast<const char*>(token->start);
+  const char* last = reinterpret_cast<const char*>(token->stop);
+  if (first != nullptr && last >= first) out.append(first, static_cast<std::size_t>(last - first) + 1);
+}
+
+// The text a rule matched: every token from start to stop, hidden ones
+// included, as the token stream would give it. Empty when the rule consumed
+// nothing (start comes after stop).
+void ruleText(pANTLR3_TOKEN_STREAM tokens, pANTLR3_COMMON_TOKEN start, pANTLR3_COMMON_TOKEN stop,
+              std::string& out) {
+  out.clear();
+  if (start == nullptr || stop == nullptr) return;
+  const ANTLR3_MARKER first = start->getTokenIndex(start), last = stop->getTokenIndex(stop);
+  if (first < 0 || last < first) return;
+  if (first == last) {
+    appendTokenText(start, out);
+    return;
+  }
+  for (ANTLR3_MARKER i = first; i <= last; ++i) {
+    pANTLR3_COMMON_TOKEN t = tokens->get(tokens, static_cast<ANTLR3_UINT32>(i));
+    if (t == nullptr) break;
+    appendTokenText(t, out);
+  }
+}
 
 // Zero bytes kept after the file's contents in the buffer given to the
 // runtime. Its UTF-8 reader looks a few bytes ahead of the data (the
@@ -149,6 +184,23 @@ bool readWhole(const std::string& fileName, std::vector<uint8_t>& buffer) {
 
 }  // namespace
 
+void lutStoreRecord(ANTLR3_TOKEN_STREAM_struct* tokens, ANTLR3_COMMON_TOKEN_struct* redStart,
+                    ANTLR3_COMMON_TOKEN_struct* redStop, ANTLR3_COMMON_TOKEN_struct* greenStart,
+                    ANTLR3_COMMON_TOKEN_struct* greenStop, ANTLR3_COMMON_TOKEN_struct* blueStart,
+                    ANTLR3_COMMON_TOKEN_struct* blueStop) {
+  if (g_lut_index >= g_lut_size) return;  // past the capacity: checked, not stored
+  // Reused between records, so that a table costs no allocation per value.
+  static std::string red, green, blue;
+  ruleText(tokens, redStart, redStop, red);
+  ruleText(tokens, greenStart, greenStop, green);
+  ruleText(tokens, blueStart, blueStop, blue);
+  if (red.empty() || green.empty() || blue.empty()) return;
+  g_red_lut[g_lut_index] = lutLow16(std::strtol(red.c_str(), nullptr, 10));
+  g_green_lut[g_lut_index] = lutLow16(std::strtol(green.c_str(), nullptr, 10));
+  g_blue_lut[g_lut_index] = lutLow16(std::strtol(blue.c_str(), nullptr, 10));
+  g_lut_index++;
+}
+
 namespace zev {
 namespace utils {
 
@@ -181,9 +233,13 @@ bool LUT_Utils::parse(const std::string& fileName, int16_t* red, int16_t* green,
     return false;
   }
 
-  pANTLR3_INPUT_STREAM input =
-      antlr3StringStreamNew(buffer.data(), ANTLR3_ENC_UTF8, static_cast<ANTLR3_UINT32>(length),
-                            reinterpret_cast<pANTLR3_UINT8>(const_cast<char*>(fileName.c_str())));
+  // Text that is all ASCII decodes to the same code points either way; the
+  // runtime's 8-bit reader gives them several times faster than its UTF-8 one.
+  bool ascii = true;
+  for (std::size_t i = 0; i < length && ascii; ++i) ascii = buffer[i] < 0x80u;
+  pANTLR3_INPUT_STREAM input = antlr3StringStreamNew(
+      buffer.data(), ascii ? ANTLR3_ENC_8BIT : ANTLR3_ENC_UTF8, static_cast<ANTLR3_UINT32>(length),
+      reinterpret_cast<pANTLR3_UINT8>(const_cast<char*>(fileName.c_str())));
   if (input == nullptr) {
     std::fprintf(stderr, "Failed to open file %s\n", fileName.c_str());
     errorMessage = "Unable to open file";

@@ -7,6 +7,8 @@
 // The recognition runtime's base recogniser (antlr3baserecognizer.h); only
 // pointers to it appear here, so users of this header need not include the runtime.
 struct ANTLR3_BASE_RECOGNIZER_struct;
+struct ANTLR3_TOKEN_STREAM_struct;
+struct ANTLR3_COMMON_TOKEN_struct;
 
 // State of the one parse that may run at a time in a process. parse() sets
 // the tables and the capacity; the grammar's rules fill in the rest.
@@ -28,6 +30,14 @@ extern std::string g_error_message;
 
 /// The low 16 bits of value as a signed entry (65535 gives -1, 70000 gives 4464).
 int16_t lutLow16(long value);
+
+/// The store action of a full record: when g_lut_index < g_lut_size and none
+/// of the three texts (tokens start to stop of each value's rule) is empty,
+/// stores each text's strtol value cut to 16 bits at g_lut_index and advances it.
+void lutStoreRecord(ANTLR3_TOKEN_STREAM_struct* tokens, ANTLR3_COMMON_TOKEN_struct* redStart,
+                    ANTLR3_COMMON_TOKEN_struct* redStop, ANTLR3_COMMON_TOKEN_struct* greenStart,
+                    ANTLR3_COMMON_TOKEN_struct* greenStop, ANTLR3_COMMON_TOKEN_struct* blueStart,
+                    ANTLR3_COMMON_TOKEN_struct* blueStop);
 
 namespace zev {
 namespace utils {

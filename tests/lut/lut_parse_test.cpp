@@ -351,6 +351,24 @@ TEST_F(LutText, ExtraneousTokenIsDroppedAndTheRecordStored) {
   expectEntry(r, 0, 1, 2, 3);
 }
 
+TEST_F(LutText, RepairedValueTakesTheTextOfEveryTokenItSpans) {
+  // After the extra line end is deleted, green's text runs from that line
+  // end to the INT: "\n2" reads as 2. A character the lexer dropped ('-')
+  // belongs to no token and is not part of it.
+  Result r = parseText("1 \n-2 3\n");
+  EXPECT_FALSE(r.ok);
+  ASSERT_EQ(r.count, 1);
+  expectEntry(r, 0, 1, 2, 3);
+  // A hidden comment in between is part of the text, and strtol stops at
+  // its '#': "\n# c\n2" reads as 0.
+  r = parseText("1 \n# c\n2 3\n");
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.message, path() + "1)  : error 9 : org.antlr.runtime.UnwantedTokenException, at offset 1\n" +
+                           "    near \n\n     : Extraneous input - expected INT");
+  ASSERT_EQ(r.count, 1);
+  expectEntry(r, 0, 1, 0, 3);
+}
+
 TEST_F(LutText, ExtraneousTokenBeforeTheEndOfInput) {
   const Result r = parseText("1 2 3 4");
   EXPECT_FALSE(r.ok);
