@@ -1,5 +1,7 @@
 // vorta lut: reads a colour look-up table file, shows its entries and draws its curves as a PNG.
+#ifdef VORTA_HAVE_PNG
 #include <png.h>
+#endif
 
 #include <algorithm>
 #include <csetjmp>
@@ -52,6 +54,7 @@ class Canvas {
 
   // Throws Failure when the file cannot be written.
   void writePng(const std::string& path) const {
+#ifdef VORTA_HAVE_PNG
     std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "wb"), &std::fclose);
     if (!file) throw Failure("cannot write '" + path + "'");
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
@@ -76,6 +79,9 @@ class Canvas {
     png_write_end(png, nullptr);
     png_destroy_write_struct(&png, &info);
     if (std::fflush(file.get()) != 0) throw Failure("cannot write '" + path + "'");
+#else
+    throw Failure("cannot write '" + path + "': this vorta was built without libpng");
+#endif
   }
 
  private:
