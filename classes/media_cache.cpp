@@ -1,0 +1,489 @@
+// vorta: the shared clip and playlist cache images, their locks, and the playlist file reader.
+#include "media_cache.h"
+
+#include <cjson/cJSON.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/interprocess/exceptions.hpp>
+#include <boost/interprocess/mapped_region.hpp>
+#include <boost/interprocess/permissions.hpp>
+#include <boost/interprocess/sync/scoped_lock.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <utility>
+
+namespace bip = boost::interprocess;
+
+namespace zev {
+namespace media {
+
+Playlist::~Playlist() = default;
+
+const char* const MediaCache::kAllClipsName = "All Clips";
+
+namespace {
+
+const char kClipMagic[] = "SharedClipCache";
+const char kPlaylistMagic[] = "SharedPlaylistCache";
+static_assert(sizeof kClipMagic == MediaCache::kClipMagicSize + 1, "clip magic and its NUL");
+static_assert(sizeof kPlaylistMagic == MediaCache::kPlaylistMagicSize + 1, "playlist magic and its NUL");
+static_assert(sizeof(Clip) == MediaCache::kClipSlotSize, "a clip slot holds a whole record");
+static_assert(sizeof(PlaylistCacheEntry) == MediaCache::kPlaylistSlotSize,
+              "a playlist slot holds a whole entry");
+
+// Only the first line of a playlist file is parsed, and at most this many
+// characters of it (a read buffer of 0x85000 bytes).
+constexpr std::size_t kFirstLineLimit = 544767;
+// Nothing beyond the first line's limit (and the 49216 bytes of text kept)
+// can change what a playlist file yields, so a file is read only this far:
+// a huge file costs no more memory than a long one.
+constexpr std::size_t kPlaylistReadLimit = kFirstLineLimit + 1;
+static_assert(kPlaylistReadLimit >= PlaylistCacheEntry::kTextSize, "the kept text is always read whole");
+
+// "All Clips" text longer than this is refused: it must fit the text field
+// with its terminator.
+constexpr std::size_t kAllClipsTextLimit = PlaylistCacheEntry::kTextSize - 1;
+
+bip::permissions permissionsOf(const MediaCacheOptions& options) {
+  bip::permissions perm;
+  perm.set_permissions(static_cast<int>(options.permissions));
+  return perm;
+}
+
+bip::shared_memory_object openSegment(const MediaCacheOptions& options, const std::string& name) {
+  if (options.create)
+    return bip::shared_memory_object(bip::open_or_create, name.c_str(), bip::read_write,
+                                     permissionsOf(options));
+  return bip::shared_memory_object(bip::open_only, name.c_str(), bip::read_write);
+}
+
+[[noreturn]] void throwSizeError(const std::string& message) {
+  throw bip::interprocess_exception(bip::error_info(bip::size_error), message.c_str());
+}
+
+// Bytes of an image of `count` slots, refused when this machine could not map it.
+std::uint64_t segmentBytes(std::size_t count, std::size_t header, std::size_t slot, const char* what) {
+  const std::uint64_t limit =
+      std::min<std::uint64_t>(std::numeric_limits<std::size_t>::max() / 2,
+                              static_cast<std::uint64_t>(std::numeric_limits<bip::offset_t>::max()));
+  if (count > (limit - header) / slot)
+    throwSizeError(std::string("MediaCache: the ") + what + " segment would be too large to map");
+  return header + static_cast<std::uint64_t>(slot) * count;
+}
+
+// Grows a segment to at least `bytes` under its lock, so that no other
+// process is inside an image while its size changes. Never shrinks it.
+void ensureSize(bip::shared_memory_object& segment, bip::named_mutex& lock, std::uint64_t bytes) {
+  bip::scoped_lock<bip::named_mutex> guard(lock);
+  bip::offset_t size = 0;
+  if (!segment.get_size(size)) size = 0;
+  if (static_cast<std::uint64_t>(size) < bytes) segment.truncate(static_cast<bip::offset_t>(bytes));
+}
+
+std::uint64_t sizeOf(const bip::shared_memory_object& segment) {
+  bip::offset_t size = 0;
+  if (!segment.get_size(size)) return 0;
+  return static_cast<std::uint64_t>(size);
+}
+
+// Runs work(base, size) on the whole segment mapped read-write, holding the
+// lock from before the mapping until after the unmapping. The mapping is
+// made for this one call.
+template <class Work>
+auto withImage(bip::shared_memory_object& segment, bip::named_mutex& lock, Work work) {
+  bip::scoped_lock<bip::named_mutex> guard(lock);
+  bip::mapped_region region(segment, bip::read_write, 0, 0);
+  return work(static_cast<unsigned char*>(region.get_address()),
+              static_cast<std::uint64_t>(region.get_size()));
+}
+
+std::uint32_t loadCount(const unsigned char* at) {
+  std::uint32_t count;
+  std::memcpy(&count, at, sizeof count);
+  return count;
+}
+
+void storeCount(unsigned char* at, std::uint32_t count) { std::memcpy(at, &count, sizeof count); }
+
+// The POSIX base name of a path: the last component, trailing slashes
+// ignored; "/" for a path of slashes and "." for an empty one.
+std::string baseName(const std::string& path) {
+  if (path.empty()) return ".";
+  const std::string::size_type end = path.find_last_not_of('/');
+  if (end == std::string::npos) return "/";
+  const std::string::size_type slash = path.rfind('/', end);
+  const std::string::size_type start = slash == std::string::npos ? 0 : slash + 1;
+  return path.substr(start, end + 1 - start);
+}
+
+std::string boundedString(const char* field, std::size_t size) {
+  return std::string(field, strnlen(field, size));
+}
+
+// Copies text into a field with a bound of the field's size: the rest of
+// the field is zeroed, and text of full length is not terminated.
+void boundedCopy(char* field, std::size_t size, const char* text) {
+  const std::size_t length = strnlen(text, size);
+  std::memcpy(field, text, length);
+  std::memset(field + length, 0, size - length);
+}
+
+// Reads exactly `wanted` bytes; false when the file ends early or fails.
+bool readFully(int fd, char* buffer, std::size_t wanted) {
+  std::size_t done = 0;
+  while (done < wanted) {
+    const ssize_t got = ::read(fd, buffer + done, wanted - done);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    done += static_cast<std::size_t>(got);
+  }
+  return true;
+}
+
+struct JsonTree {
+  explicit JsonTree(cJSON* tree) : json(tree) {}
+  ~JsonTree() { cJSON_Delete(json); }
+  JsonTree(const JsonTree&) = delete;
+  JsonTree& operator=(const JsonTree&) = delete;
+  cJSON* json;
+};
+
+}  // namespace
+
+MediaCacheOptions MediaCacheOptions::named(const std::string& prefix) {
+  MediaCacheOptions options;
+  options.clipSegment = prefix + ".clips";
+  options.clipLock = prefix + ".clips.lock";
+  options.playlistSegment = prefix + ".playlists";
+  options.playlistLock = prefix + ".playlists.lock";
+  return options;
+}
+
+MediaCache::MediaCache() : MediaCache(MediaCacheOptions()) {}
+
+MediaCache::MediaCache(const MediaCacheOptions& options)
+    : clipSegment_(openSegment(options, options.clipSegment)),
+      clipLock_(bip::open_or_create, options.clipLock.c_str(), permissionsOf(options)),
+      playlistSegment_(openSegment(options, options.playlistSegment)),
+      playlistLock_(bip::open_or_create, options.playlistLock.c_str(), permissionsOf(options)) {
+  if (options.create) {
+    ensureSize(clipSegment_, clipLock_,
+               segmentBytes(options.maxClips, kClipHeaderSize, kClipSlotSize, "clip"));
+    ensureSize(playlistSegment_, playlistLock_,
+               segmentBytes(options.maxPlaylists, kPlaylistHeaderSize, kPlaylistSlotSize, "playlist"));
+  }
+}
+
+// Members close in reverse order: the playlist lock's semaphore, the
+// playlist segment, the clip lock's semaphore, the clip segment. Nothing is
+// removed from the system.
+MediaCache::~MediaCache() = default;
+
+int MediaCache::Remove(const MediaCacheOptions& options) {
+  int removed = 0;
+  if (bip::shared_memory_object::remove(options.clipSegment.c_str())) ++removed;
+  if (bip::named_mutex::remove(options.clipLock.c_str())) ++removed;
+  if (bip::shared_memory_object::remove(options.playlistSegment.c_str())) ++removed;
+  if (bip::named_mutex::remove(options.playlistLock.c_str())) ++removed;
+  return removed;
+}
+
+std::uint64_t MediaCache::ClipImageSize(std::uint64_t clips) {
+  return kClipHeaderSize + kClipSlotSize * clips;
+}
+
+std::uint64_t MediaCache::PlaylistImageSize(std::uint64_t playlists) {
+  return kPlaylistHeaderSize + kPlaylistSlotSize * playlists;
+}
+
+std::uint64_t MediaCache::ClipSegmentSize() const { return sizeOf(clipSegment_); }
+
+std::uint64_t MediaCache::PlaylistSegmentSize() const { return sizeOf(playlistSegment_); }
+
+// ---------------------------------------------------------------- clip cache
+
+int MediaCache::WriteClipCacheToSharedMemory(std::list<Clip> clips) {
+  return withImage(clipSegment_, clipLock_, [&clips](unsigned char* base, std::uint64_t size) {
+    const std::uint64_t count = clips.size();
+    const std::uint64_t needed = ClipImageSize(count);
+    if (count > std::numeric_limits<std::uint32_t>::max() || needed > size)
+      throwSizeError("WriteClipCacheToSharedMemory: " + std::to_string(count) + " clips need " +
+                     std::to_string(needed) + " bytes but the segment holds " + std::to_string(size));
+
+    // The magic goes in with its NUL, which the count then overwrites.
+    std::memcpy(base, kClipMagic, sizeof kClipMagic);
+    storeCount(base + kClipMagicSize, static_cast<std::uint32_t>(count));
+    unsigned char* slot = base + kClipHeaderSize;
+    for (const Clip& clip : clips) {
+      // The last 3 bytes of a slot (the record's padding) are never written.
+      std::memcpy(slot, &clip, Clip::kStoredSize);
+      slot += kClipSlotSize;
+    }
+    return 1;
+  });
+}
+
+int MediaCache::ReadClipCacheFromSharedMemory(std::list<Clip>& clips) {
+  return withImage(clipSegment_, clipLock_, [&clips](const unsigned char* base, std::uint64_t size) {
+    if (size < kClipMagicSize || std::memcmp(base, kClipMagic, kClipMagicSize) != 0) return 0;
+    if (size < kClipHeaderSize) {
+      std::fprintf(
+          stderr,
+          "ReadClipCacheFromSharedMemory: segment of %llu bytes is too small for an image; image ignored\n",
+          static_cast<unsigned long long>(size));
+      return 0;
+    }
+    // The count comes from another process: the image must hold it whole.
+    const std::uint32_t count = loadCount(base + kClipMagicSize);
+    if (ClipImageSize(count) > size) {
+      std::fprintf(stderr,
+                   "ReadClipCacheFromSharedMemory: stored count %lu runs past the segment of %llu bytes; "
+                   "image ignored\n",
+                   static_cast<unsigned long>(count), static_cast<unsigned long long>(size));
+      return 0;
+    }
+    const unsigned char* slot = base + kClipHeaderSize;
+    for (std::uint32_t i = 0; i < count; ++i, slot += kClipSlotSize) {
+      clips.emplace_back();
+      std::memcpy(static_cast<void*>(&clips.back()), slot, kClipSlotSize);
+    }
+    return 1;
+  });
+}
+
+void MediaCache::FlushClips() {
+  withImage(clipSegment_, clipLock_, [](unsigned char* base, std::uint64_t) {
+    base[0] = '*';
+    return 0;
+  });
+}
+
+void MediaCache::FlushPlaylists() {
+  withImage(playlistSegment_, playlistLock_, [](unsigned char* base, std::uint64_t) {
+    base[0] = '*';
+    return 0;
+  });
+}
+
+void MediaCache::Flush() {
+  FlushClips();
+  FlushPlaylists();
+}
+
+int MediaCache::Destroy() { return 1; }
+
+// ------------------------------------------------------------ playlist cache
+
+std::string MediaCache::PlaylistKey(const std::string& path) {
+  std::string key = baseName(path);
+  const std::string::size_type cut = key.find(".playlist");
+  if (cut != std::string::npos) key.erase(cut);
+  return key;
+}
+
+int MediaCache::GrokPlaylist(PlaylistCacheEntry& entry, std::string path) {
+  struct stat64 info;
+  if (::stat64(path.c_str(), &info) != 0) {
+    std::perror(path.c_str());
+    return 0;
+  }
+
+  // O_NONBLOCK keeps a FIFO named like a playlist from blocking the caller;
+  // it changes nothing for a regular file.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return 0;
+  struct stat64 opened;
+  if (::fstat64(fd, &opened) != 0) {
+    ::close(fd);
+    std::fputs("::read_file - fstat failed\n", stderr);
+    return 0;
+  }
+  const std::uint64_t fileSize = opened.st_size > 0 ? static_cast<std::uint64_t>(opened.st_size) : 0;
+  const std::size_t wanted = static_cast<std::size_t>(std::min<std::uint64_t>(fileSize, kPlaylistReadLimit));
+  char* buffer = static_cast<char*>(std::malloc(wanted + 1));
+  if (buffer == nullptr) {
+    ::close(fd);
+    std::fputs("::read_file - malloc failed\n", stderr);
+    return 0;
+  }
+  std::memset(buffer, 0, wanted + 1);
+  if (!readFully(fd, buffer, wanted)) {
+    ::close(fd);
+    std::free(buffer);
+    std::fputs("::read_file - read failed to read enough data\n", stderr);
+    return 0;
+  }
+  ::close(fd);
+
+  // The text is a C string: a NUL in the file ends it. Only its first line
+  // is parsed (a playlist stands on one line), at most kFirstLineLimit
+  // characters of it; later lines stay part of the stored text.
+  const std::size_t textLength = std::strlen(buffer);
+  const char* newline = static_cast<const char*>(std::memchr(buffer, '\n', textLength));
+  const std::size_t lineLength = std::min<std::size_t>(
+      newline != nullptr ? static_cast<std::size_t>(newline - buffer) : textLength, kFirstLineLimit);
+  const std::string firstLine(buffer, lineLength);
+
+  Playlist playlist;
+  bool valid = false;
+  {
+    JsonTree tree(cJSON_Parse(firstLine.c_str()));
+    if (tree.json != nullptr) {
+      const cJSON* name = cJSON_GetObjectItem(tree.json, "name");
+      const cJSON* cliplist = cJSON_GetObjectItem(tree.json, "cliplist");
+      // A playlist must have a name; a name that is not a string leaves the
+      // playlist unnamed.
+      valid = name != nullptr && cliplist != nullptr;
+      if (name != nullptr && cJSON_IsString(name) && name->valuestring != nullptr)
+        playlist.name = name->valuestring;
+      if (cliplist != nullptr) {
+        const int items = cJSON_GetArraySize(cliplist);
+        for (int i = 0; i < items; ++i) {
+          const cJSON* item = cJSON_GetArrayItem(cliplist, i);
+          if (item != nullptr && cJSON_IsString(item) && item->valuestring != nullptr)
+            playlist.clips.emplace_back(item->valuestring);
+          else
+            valid = false;  // the walk goes on; the file is invalid
+        }
+      }
+    }
+  }
+
+  if (valid) {
+    boundedCopy(entry.text, sizeof entry.text, buffer);
+    boundedCopy(entry.path, sizeof entry.path, path.c_str());
+    entry.modTime = static_cast<int32_t>(info.st_mtime);
+  }
+  std::free(buffer);
+  return valid ? 1 : 0;
+}
+
+int MediaCache::AddPlaylist(std::string path) {
+  PlaylistCacheEntry entry{};
+  if (GrokPlaylist(entry, path) != 1) return 0;
+  std::map<std::string, PlaylistCacheEntry> playlists;
+  ReadPlaylistCacheFromSharedMemory(playlists);
+  playlists[PlaylistKey(boundedString(entry.path, sizeof entry.path))] = entry;
+  WritePlaylistCacheToSharedMemory(std::move(playlists));
+  return 1;
+}
+
+bool MediaCache::RemovePlaylist(std::string path) {
+  std::map<std::string, PlaylistCacheEntry> playlists;
+  ReadPlaylistCacheFromSharedMemory(playlists);
+  bool removed = false;
+  for (auto it = playlists.begin(); it != playlists.end(); ++it) {
+    const PlaylistCacheEntry& entry = it->second;
+    const std::size_t length = strnlen(entry.path, sizeof entry.path);
+    // Only a path that is non-empty and terminated within its field counts.
+    if (length == 0 || length == sizeof entry.path) continue;
+    if (path.find(entry.path, 0, length) != std::string::npos) {
+      playlists.erase(it);
+      removed = true;
+      break;
+    }
+  }
+  WritePlaylistCacheToSharedMemory(std::move(playlists));
+  return removed;
+}
+
+void MediaCache::InitializePlaylists() {
+  WritePlaylistCacheToSharedMemory(std::map<std::string, PlaylistCacheEntry>());
+}
+
+std::map<std::string, PlaylistCacheEntry> MediaCache::GetPlaylists() {
+  std::list<Clip> clips;
+  ReadClipCacheFromSharedMemory(clips);
+  std::map<std::string, PlaylistCacheEntry> playlists;
+  addAllClipsPlaylistToPlaylistCache(playlists, clips);
+  // Read last, so that a cached playlist keyed "All Clips" replaces the
+  // synthetic one.
+  ReadPlaylistCacheFromSharedMemory(playlists);
+  return playlists;
+}
+
+int MediaCache::WritePlaylistCacheToSharedMemory(std::map<std::string, PlaylistCacheEntry> playlists) {
+  return withImage(playlistSegment_, playlistLock_, [&playlists](unsigned char* base, std::uint64_t size) {
+    const std::uint64_t count = playlists.size();
+    const std::uint64_t needed = PlaylistImageSize(count);
+    if (count > std::numeric_limits<std::uint32_t>::max() || needed > size)
+      throwSizeError("WritePlaylistCacheToSharedMemory: " + std::to_string(count) + " playlists need " +
+                     std::to_string(needed) + " bytes but the segment holds " + std::to_string(size));
+
+    // The magic goes in with its NUL, which the count then overwrites.
+    std::memcpy(base, kPlaylistMagic, sizeof kPlaylistMagic);
+    storeCount(base + kPlaylistMagicSize, static_cast<std::uint32_t>(count));
+    unsigned char* slot = base + kPlaylistHeaderSize;
+    for (const auto& element : playlists) {
+      std::memcpy(slot, &element.second, kPlaylistSlotSize);
+      slot += kPlaylistSlotSize;
+    }
+    return 1;
+  });
+}
+
+int MediaCache::ReadPlaylistCacheFromSharedMemory(std::map<std::string, PlaylistCacheEntry>& playlists) {
+  return withImage(
+      playlistSegment_, playlistLock_, [&playlists](const unsigned char* base, std::uint64_t size) {
+        if (size < kPlaylistMagicSize || std::memcmp(base, kPlaylistMagic, kPlaylistMagicSize) != 0) return 0;
+        if (size < kPlaylistHeaderSize) {
+          std::fprintf(stderr,
+                       "ReadPlaylistCacheFromSharedMemory: segment of %llu bytes is too small for an image; "
+                       "image ignored\n",
+                       static_cast<unsigned long long>(size));
+          return 0;
+        }
+        // The count comes from another process: the image must hold it whole.
+        const std::uint32_t count = loadCount(base + kPlaylistMagicSize);
+        if (PlaylistImageSize(count) > size) {
+          std::fprintf(
+              stderr,
+              "ReadPlaylistCacheFromSharedMemory: stored count %lu runs past the segment of %llu bytes; "
+              "image ignored\n",
+              static_cast<unsigned long>(count), static_cast<unsigned long long>(size));
+          return 0;
+        }
+        const unsigned char* slot = base + kPlaylistHeaderSize;
+        for (std::uint32_t i = 0; i < count; ++i, slot += kPlaylistSlotSize) {
+          const char* path = reinterpret_cast<const char*>(slot + offsetof(PlaylistCacheEntry, path));
+          PlaylistCacheEntry& entry =
+              playlists[PlaylistKey(boundedString(path, PlaylistCacheEntry::kPathSize))];
+          std::memcpy(static_cast<void*>(&entry), slot, kPlaylistSlotSize);
+        }
+        return 1;
+      });
+}
+
+void MediaCache::addAllClipsPlaylistToPlaylistCache(std::map<std::string, PlaylistCacheEntry>& playlists,
+                                                    std::list<Clip>& clips) {
+  // Clip names go in as they are, without JSON escaping.
+  std::string text = "{\"name\":\"All Clips\",\"cliplist\":[";
+  bool first = true;
+  for (const Clip& clip : clips) {
+    if (!first) text += ',';
+    first = false;
+    text += '"';
+    text.append(clip.name, strnlen(clip.name, sizeof clip.name));
+    text += '"';
+  }
+  text += "]}";
+
+  PlaylistCacheEntry& entry = playlists[kAllClipsName];
+  std::memset(static_cast<void*>(&entry), 0, sizeof entry);
+  if (text.size() > kAllClipsTextLimit) {
+    std::fprintf(stderr, "%s: Too Many Files! Refusing to create all clips playlist.\n", __func__);
+    std::fflush(stderr);
+  } else {
+    boundedCopy(entry.text, sizeof entry.text, text.c_str());
+  }
+}
+
+}  // namespace media
+}  // namespace zev
