@@ -1,0 +1,690 @@
+// vorta: the shared clip and playlist cache images, their locks, and the playlist file reader.
+#include "media_cache.h"
+
+#include <cjson/cJSON.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <boost/interprocess/exceptions.hpp>
+#include <boost/interprocess/mapped_region.hpp>
+#include <boost/interprocess/permissions.hpp>
+#include <boost/interprocess/sync/scoped_lock.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <utility>
+
+namespace bip = boost::interprocess;
+
+namespace zev {
+namespace media {
+
+Playlist::~Playlist() = default;
+
+const char* const MediaCache::kAllClipsName = "All Clips";
+
+namespace {
+
+const char kClipMagic[] = "SharedClipCache";
+const char kPlaylistMagic[] = "SharedPlaylistCache";
+static_assert(sizeof kClipMagic == MediaCache::kClipMagicSize + 1, "clip magic and its NUL");
+static_assert(sizeof kPlaylistMagic == MediaCache::kPlaylistMagicSize + 1, "playlist magic and its NUL");
+static_assert(sizeof(Clip) == MediaCache::kClipSlotSize, "a clip slot holds a whole record");
+static_assert(sizeof(PlaylistCacheEntry) == MediaCache::kPlaylistSlotSize,
+              "a playlist slot holds a whole entry");
+
+// Only the first line of a playlist file is parsed, and at most this many
+// characters of it (a read buffer of 0x85000 bytes).
+constexpr std::size_t kFirstLineLimit = 544767;
+// Nothing beyond the first line's limit (and the 49216 bytes of text kept)
+// can change what a playlist file yields, so a file is read only this far:
+// a huge file costs no more memory than a long one.
+constexpr std::size_t kPlaylistReadLimit = kFirstLineLimit + 1;
+static_assert(kPlaylistReadLimit >= PlaylistCacheEntry::kTextSize, "the kept text is always read whole");
+
+// "All Clips" text longer than this is refused: it must fit the text field
+// with its terminator.
+constexpr std::size_t kAllClipsTextLimit = PlaylistCacheEntry::kTextSize - 1;
+
+bip::permissions permissionsOf(const MediaCacheOptions& options) {
+  bip::permissions perm;
+  perm.set_permissions(static_cast<int>(options.permissions));
+  return perm;
+}
+
+bip::shared_memory_object openSegment(const MediaCacheOptions& options, const std::string& name) {
+  if (options.create)
+    return bip::shared_memory_object(bip::open_or_create, name.c_str(), bip::read_write,
+                                     permissionsOf(options));
+  return bip::shared_memory_object(bip::open_only, name.c_str(), bip::read_write);
+}
+
+[[noreturn]] void throwSizeError(const std::string& message) {
+  throw bip::interprocess_exception(bip::error_info(bip::size_error), message.c_str());
+}
+
+// Bytes of an image of `count` slots, refused when this machine could not map it.
+std::uint64_t segmentBytes(std::size_t count, std::size_t header, std::size_t slot, const char* what) {
+  const std::uint64_t limit =
+      std::min<std::uint64_t>(std::numeric_limits<std::size_t>::max() / 2,
+                              static_cast<std::uint64_t>(std::numeric_limits<bip::offset_t>::max()));
+  if (count > (limit - header) / slot)
+    throwSizeError(std::string("MediaCache: the ") + what + " segment would be too large to map");
+  return header + static_cast<std::uint64_t>(slot) * count;
+}
+
+[[noreturn]] void throwSystemError() {
+  throw bip::interprocess_exception(bip::error_info(bip::system_error_code()));
+}
+
+// The gate of a cache: a kernel record lock on the first byte of the
+// segment's file, taken through an open file description made for this one
+// call (so threads of one process exclude each other too). Every access
+// takes the gate, then the named mutex, and releases them in reverse order.
+//
+// The named mutex is a POSIX semaphore, which has no owner: a process killed
+// while holding it would leave it taken for good. The gate is released by the
+// kernel when its holder ends, however it ends. So whoever holds the gate and
+// still finds the mutex taken knows that the mutex's holder has ended (a live
+// holder would still hold the gate), and takes the mutex over as its own; it
+// is released as usual afterwards. A live holder is never broken into, and a
+// waiter recovers as soon as the kernel has closed the dead holder's files.
+// Besides the gate, the holder keeps a record lock on the second byte, an
+// ordinary per-process lock whose owner's pid other processes can query.
+//
+// Where the kernel has no open-file-description locks (before Linux 3.15),
+// or the segment's name has been removed while this process still uses it,
+// the gate is skipped and the named mutex alone guards the cache. Any other
+// failure to take the gate throws interprocess_exception.
+class Gate {
+ public:
+  Gate(const char* segmentName, bool wait) {
+    fd_ = ::shm_open(segmentName, O_RDWR | O_CLOEXEC, 0);
+    if (fd_ < 0) {
+      if (errno != ENOENT) throwSystemError();
+      return;
+    }
+    struct flock gate = lockRange(F_WRLCK, 0);
+    int rc;
+    // A signal that interrupts the wait does not end it.
+    while ((rc = ::fcntl(fd_, wait ? F_OFD_SETLKW : F_OFD_SETLK, &gate)) != 0 && errno == EINTR) {
+    }
+    if (rc != 0) {
+      const int error = errno;
+      ::close(fd_);
+      fd_ = -1;
+      busy_ = error == EAGAIN || error == EACCES;
+      if (!busy_ && error != EINVAL) {
+        errno = error;
+        throwSystemError();
+      }
+      return;
+    }
+    struct flock holder = lockRange(F_WRLCK, 1);
+    ::fcntl(fd_, F_SETLK, &holder);
+  }
+  ~Gate() {
+    if (fd_ >= 0) ::close(fd_);  // releases the gate and the holder mark
+  }
+  Gate(const Gate&) = delete;
+  Gate& operator=(const Gate&) = delete;
+
+  bool held() const { return fd_ >= 0; }
+  bool busy() const { return busy_; }
+
+  static struct flock lockRange(short type, off_t start) {
+    struct flock range;
+    std::memset(&range, 0, sizeof range);
+    range.l_type = type;
+    range.l_whence = SEEK_SET;
+    range.l_start = start;
+    range.l_len = 1;
+    return range;
+  }
+
+ private:
+  int fd_ = -1;
+  bool busy_ = false;
+};
+
+// Waits for the named mutex; a signal that interrupts the wait does not end it.
+void waitForMutex(bip::named_mutex& lock) {
+  for (;;) {
+    try {
+      lock.lock();
+      return;
+    } catch (const bip::interprocess_exception& e) {
+      if (e.get_native_error() != EINTR) throw;
+    }
+  }
+}
+
+// Takes the named mutex once the gate is held: a mutex found taken was left
+// so by a process that has ended, and is taken over. Returns the lock and
+// whether it was taken over.
+bip::scoped_lock<bip::named_mutex> takeLock(bip::named_mutex& lock, const Gate& gate, const char* segmentName,
+                                            bool* tookOver = nullptr) {
+  if (!gate.held()) {
+    waitForMutex(lock);
+    return bip::scoped_lock<bip::named_mutex>(lock, bip::accept_ownership);
+  }
+  const bool free = lock.try_lock();
+  if (!free)
+    std::fprintf(stderr, "MediaCache: %s: took over the lock left held by a process that ended\n",
+                 segmentName);
+  if (tookOver != nullptr) *tookOver = !free;
+  return bip::scoped_lock<bip::named_mutex>(lock, bip::accept_ownership);
+}
+
+// Grows a segment to at least `bytes` under its lock, so that no other
+// process is inside an image while its size changes. Never shrinks it.
+void ensureSize(bip::shared_memory_object& segment, bip::named_mutex& lock, std::uint64_t bytes) {
+  Gate gate(segment.get_name(), true);
+  bip::scoped_lock<bip::named_mutex> guard = takeLock(lock, gate, segment.get_name());
+  bip::offset_t size = 0;
+  if (!segment.get_size(size)) size = 0;
+  if (static_cast<std::uint64_t>(size) < bytes) segment.truncate(static_cast<bip::offset_t>(bytes));
+}
+
+std::uint64_t sizeOf(const bip::shared_memory_object& segment) {
+  bip::offset_t size = 0;
+  if (!segment.get_size(size)) return 0;
+  return static_cast<std::uint64_t>(size);
+}
+
+// Runs work(base, size) on the whole segment mapped read-write, holding the
+// gate and the named mutex from before the mapping until after the
+// unmapping. The mapping is made for this one call.
+template <class Work>
+auto withImage(bip::shared_memory_object& segment, bip::named_mutex& lock, Work work) {
+  Gate gate(segment.get_name(), true);
+  bip::scoped_lock<bip::named_mutex> guard = takeLock(lock, gate, segment.get_name());
+  bip::mapped_region region(segment, bip::read_write, 0, 0);
+  return work(static_cast<unsigned char*>(region.get_address()),
+              static_cast<std::uint64_t>(region.get_size()));
+}
+
+// Who holds a cache's lock, without waiting for it.
+MediaCache::LockState lockStateOf(bip::shared_memory_object& segment, bip::named_mutex& lock) {
+  MediaCache::LockState state;
+  Gate gate(segment.get_name(), false);
+  if (gate.held()) {
+    if (lock.try_lock()) {
+      lock.unlock();
+      state.kind = MediaCache::LockState::Free;
+    } else {
+      state.kind = MediaCache::LockState::LeftHeld;
+    }
+    return state;
+  }
+  if (!gate.busy()) {
+    state.kind = MediaCache::LockState::Unknown;
+    return state;
+  }
+  state.kind = MediaCache::LockState::Held;
+  const int fd = ::shm_open(segment.get_name(), O_RDONLY | O_CLOEXEC, 0);
+  if (fd >= 0) {
+    struct flock holder = Gate::lockRange(F_WRLCK, 1);
+    if (::fcntl(fd, F_GETLK, &holder) == 0 && holder.l_type != F_UNLCK) state.pid = holder.l_pid;
+    ::close(fd);
+  }
+  return state;
+}
+
+// Linux 5.14 and later fill the page tables of a range in one call, which
+// costs far less than taking a fault on every page of an image; an older
+// kernel refuses the advice and the pages fault in as they are touched.
+#ifndef MADV_POPULATE_READ
+#define MADV_POPULATE_READ 22
+#endif
+#ifndef MADV_POPULATE_WRITE
+#define MADV_POPULATE_WRITE 23
+#endif
+void prefault(const unsigned char* base, std::uint64_t bytes, bool forWriting) {
+  static const std::uintptr_t page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+  const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(base) & ~(page - 1);
+  const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(base) + static_cast<std::uintptr_t>(bytes);
+  ::madvise(reinterpret_cast<void*>(start), end - start,
+            forWriting ? MADV_POPULATE_WRITE : MADV_POPULATE_READ);
+}
+
+std::uint32_t loadCount(const unsigned char* at) {
+  std::uint32_t count;
+  std::memcpy(&count, at, sizeof count);
+  return count;
+}
+
+void storeCount(unsigned char* at, std::uint32_t count) { std::memcpy(at, &count, sizeof count); }
+
+// The POSIX base name of a path: the last component, trailing slashes
+// ignored; "/" for a path of slashes and "." for an empty one.
+std::string baseName(const std::string& path) {
+  if (path.empty()) return ".";
+  const std::string::size_type end = path.find_last_not_of('/');
+  if (end == std::string::npos) return "/";
+  const std::string::size_type slash = path.rfind('/', end);
+  const std::string::size_type start = slash == std::string::npos ? 0 : slash + 1;
+  return path.substr(start, end + 1 - start);
+}
+
+std::string boundedString(const char* field, std::size_t size) {
+  return std::string(field, strnlen(field, size));
+}
+
+// Copies text into a field with a bound of the field's size: the rest of
+// the field is zeroed, and text of full length is not terminated.
+void boundedCopy(char* field, std::size_t size, const char* text) {
+  const std::size_t length = strnlen(text, size);
+  std::memcpy(field, text, length);
+  std::memset(field + length, 0, size - length);
+}
+
+// Reads exactly `wanted` bytes; false when the file ends early or fails.
+bool readFully(int fd, char* buffer, std::size_t wanted) {
+  std::size_t done = 0;
+  while (done < wanted) {
+    const ssize_t got = ::read(fd, buffer + done, wanted - done);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    done += static_cast<std::size_t>(got);
+  }
+  return true;
+}
+
+struct JsonTree {
+  explicit JsonTree(cJSON* tree) : json(tree) {}
+  ~JsonTree() { cJSON_Delete(json); }
+  JsonTree(const JsonTree&) = delete;
+  JsonTree& operator=(const JsonTree&) = delete;
+  cJSON* json;
+};
+
+}  // namespace
+
+MediaCacheOptions MediaCacheOptions::named(const std::string& prefix) {
+  MediaCacheOptions options;
+  options.clipSegment = prefix + ".clips";
+  options.clipLock = prefix + ".clips.lock";
+  options.playlistSegment = prefix + ".playlists";
+  options.playlistLock = prefix + ".playlists.lock";
+  return options;
+}
+
+MediaCache::MediaCache() : MediaCache(MediaCacheOptions()) {}
+
+MediaCache::MediaCache(const MediaCacheOptions& options)
+    : clipSegment_(openSegment(options, options.clipSegment)),
+      clipLock_(bip::open_or_create, options.clipLock.c_str(), permissionsOf(options)),
+      playlistSegment_(openSegment(options, options.playlistSegment)),
+      playlistLock_(bip::open_or_create, options.playlistLock.c_str(), permissionsOf(options)) {
+  if (options.create) {
+    ensureSize(clipSegment_, clipLock_,
+               segmentBytes(options.maxClips, kClipHeaderSize, kClipSlotSize, "clip"));
+    ensureSize(playlistSegment_, playlistLock_,
+               segmentBytes(options.maxPlaylists, kPlaylistHeaderSize, kPlaylistSlotSize, "playlist"));
+  }
+}
+
+// Members close in reverse order: the playlist lock's semaphore, the
+// playlist segment, the clip lock's semaphore, the clip segment. Nothing is
+// removed from the system.
+MediaCache::~MediaCache() = default;
+
+int MediaCache::Remove(const MediaCacheOptions& options) {
+  int removed = 0;
+  if (bip::shared_memory_object::remove(options.clipSegment.c_str())) ++removed;
+  if (bip::named_mutex::remove(options.clipLock.c_str())) ++removed;
+  if (bip::shared_memory_object::remove(options.playlistSegment.c_str())) ++removed;
+  if (bip::named_mutex::remove(options.playlistLock.c_str())) ++removed;
+  return removed;
+}
+
+std::uint64_t MediaCache::ClipImageSize(std::uint64_t clips) {
+  return kClipHeaderSize + kClipSlotSize * clips;
+}
+
+std::uint64_t MediaCache::PlaylistImageSize(std::uint64_t playlists) {
+  return kPlaylistHeaderSize + kPlaylistSlotSize * playlists;
+}
+
+std::uint64_t MediaCache::ClipSegmentSize() const { return sizeOf(clipSegment_); }
+
+std::uint64_t MediaCache::PlaylistSegmentSize() const { return sizeOf(playlistSegment_); }
+
+// ---------------------------------------------------------------- clip cache
+
+int MediaCache::WriteClipCacheToSharedMemory(std::list<Clip> clips) {
+  return withImage(clipSegment_, clipLock_, [&clips](unsigned char* base, std::uint64_t size) {
+    const std::uint64_t count = clips.size();
+    const std::uint64_t needed = ClipImageSize(count);
+    if (count > std::numeric_limits<std::uint32_t>::max() || needed > size)
+      throwSizeError("WriteClipCacheToSharedMemory: " + std::to_string(count) + " clips need " +
+                     std::to_string(needed) + " bytes but the segment holds " + std::to_string(size));
+
+    prefault(base, needed, true);
+    // The image is invalidated first and its magic put in last, so that a
+    // writer that dies half-way leaves an invalid image, never a torn one.
+    // The final bytes are those of the magic with its NUL followed by the
+    // count, which lands on that NUL.
+    base[0] = '*';
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    storeCount(base + kClipMagicSize, static_cast<std::uint32_t>(count));
+    unsigned char* slot = base + kClipHeaderSize;
+    for (const Clip& clip : clips) {
+      // The last 3 bytes of a slot (the record's padding) are never written.
+      std::memcpy(slot, &clip, Clip::kStoredSize);
+      slot += kClipSlotSize;
+    }
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    std::memcpy(base, kClipMagic, kClipMagicSize);
+    return 1;
+  });
+}
+
+int MediaCache::ReadClipCacheFromSharedMemory(std::list<Clip>& clips) {
+  return withImage(clipSegment_, clipLock_, [&clips](const unsigned char* base, std::uint64_t size) {
+    if (size < kClipMagicSize || std::memcmp(base, kClipMagic, kClipMagicSize) != 0) return 0;
+    if (size < kClipHeaderSize) {
+      std::fprintf(
+          stderr,
+          "ReadClipCacheFromSharedMemory: segment of %llu bytes is too small for an image; image ignored\n",
+          static_cast<unsigned long long>(size));
+      return 0;
+    }
+    // The count comes from another process: the image must hold it whole.
+    const std::uint32_t count = loadCount(base + kClipMagicSize);
+    if (ClipImageSize(count) > size) {
+      std::fprintf(stderr,
+                   "ReadClipCacheFromSharedMemory: stored count %lu runs past the segment of %llu bytes; "
+                   "image ignored\n",
+                   static_cast<unsigned long>(count), static_cast<unsigned long long>(size));
+      return 0;
+    }
+    prefault(base, ClipImageSize(count), false);
+    const unsigned char* slot = base + kClipHeaderSize;
+    for (std::uint32_t i = 0; i < count; ++i, slot += kClipSlotSize) {
+      clips.emplace_back();
+      std::memcpy(static_cast<void*>(&clips.back()), slot, kClipSlotSize);
+    }
+    return 1;
+  });
+}
+
+void MediaCache::FlushClips() {
+  withImage(clipSegment_, clipLock_, [](unsigned char* base, std::uint64_t) {
+    base[0] = '*';
+    return 0;
+  });
+}
+
+void MediaCache::FlushPlaylists() {
+  withImage(playlistSegment_, playlistLock_, [](unsigned char* base, std::uint64_t) {
+    base[0] = '*';
+    return 0;
+  });
+}
+
+void MediaCache::Flush() {
+  FlushClips();
+  FlushPlaylists();
+}
+
+int MediaCache::Destroy() { return 1; }
+
+void MediaCache::HoldClipLock(const std::function<void()>& work) {
+  withImage(clipSegment_, clipLock_, [&work](unsigned char*, std::uint64_t) {
+    work();
+    return 0;
+  });
+}
+
+void MediaCache::HoldPlaylistLock(const std::function<void()>& work) {
+  withImage(playlistSegment_, playlistLock_, [&work](unsigned char*, std::uint64_t) {
+    work();
+    return 0;
+  });
+}
+
+MediaCache::LockState MediaCache::ClipLockState() { return lockStateOf(clipSegment_, clipLock_); }
+
+MediaCache::LockState MediaCache::PlaylistLockState() { return lockStateOf(playlistSegment_, playlistLock_); }
+
+int MediaCache::RepairLocks() {
+  int tookOver = 0;
+  bool taken = false;
+  {
+    Gate gate(clipSegment_.get_name(), true);
+    bip::scoped_lock<bip::named_mutex> guard = takeLock(clipLock_, gate, clipSegment_.get_name(), &taken);
+  }
+  tookOver += taken ? 1 : 0;
+  {
+    Gate gate(playlistSegment_.get_name(), true);
+    bip::scoped_lock<bip::named_mutex> guard =
+        takeLock(playlistLock_, gate, playlistSegment_.get_name(), &taken);
+  }
+  tookOver += taken ? 1 : 0;
+  return tookOver;
+}
+
+// ------------------------------------------------------------ playlist cache
+
+std::string MediaCache::PlaylistKey(const std::string& path) {
+  std::string key = baseName(path);
+  const std::string::size_type cut = key.find(".playlist");
+  if (cut != std::string::npos) key.erase(cut);
+  return key;
+}
+
+int MediaCache::GrokPlaylist(PlaylistCacheEntry& entry, std::string path) {
+  struct stat64 info;
+  if (::stat64(path.c_str(), &info) != 0) {
+    std::perror(path.c_str());
+    return 0;
+  }
+
+  // O_NONBLOCK keeps a FIFO named like a playlist from blocking the caller;
+  // it changes nothing for a regular file.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return 0;
+  struct stat64 opened;
+  if (::fstat64(fd, &opened) != 0) {
+    ::close(fd);
+    std::fputs("::read_file - fstat failed\n", stderr);
+    return 0;
+  }
+  const std::uint64_t fileSize = opened.st_size > 0 ? static_cast<std::uint64_t>(opened.st_size) : 0;
+  const std::size_t wanted = static_cast<std::size_t>(std::min<std::uint64_t>(fileSize, kPlaylistReadLimit));
+  char* buffer = static_cast<char*>(std::malloc(wanted + 1));
+  if (buffer == nullptr) {
+    ::close(fd);
+    std::fputs("::read_file - malloc failed\n", stderr);
+    return 0;
+  }
+  std::memset(buffer, 0, wanted + 1);
+  if (!readFully(fd, buffer, wanted)) {
+    ::close(fd);
+    std::free(buffer);
+    std::fputs("::read_file - read failed to read enough data\n", stderr);
+    return 0;
+  }
+  ::close(fd);
+
+  // The text is a C string: a NUL in the file ends it. Only its first line
+  // is parsed (a playlist stands on one line), at most kFirstLineLimit
+  // characters of it; later lines stay part of the stored text.
+  const std::size_t textLength = std::strlen(buffer);
+  const char* newline = static_cast<const char*>(std::memchr(buffer, '\n', textLength));
+  const std::size_t lineLength = std::min<std::size_t>(
+      newline != nullptr ? static_cast<std::size_t>(newline - buffer) : textLength, kFirstLineLimit);
+  const std::string firstLine(buffer, lineLength);
+
+  Playlist playlist;
+  bool valid = false;
+  {
+    JsonTree tree(cJSON_Parse(firstLine.c_str()));
+    if (tree.json != nullptr) {
+      const cJSON* name = cJSON_GetObjectItem(tree.json, "name");
+      const cJSON* cliplist = cJSON_GetObjectItem(tree.json, "cliplist");
+      // A playlist must have a name; a name that is not a string leaves the
+      // playlist unnamed.
+      valid = name != nullptr && cliplist != nullptr;
+      if (name != nullptr && cJSON_IsString(name) && name->valuestring != nullptr)
+        playlist.name = name->valuestring;
+      if (cliplist != nullptr) {
+        const int items = cJSON_GetArraySize(cliplist);
+        for (int i = 0; i < items; ++i) {
+          const cJSON* item = cJSON_GetArrayItem(cliplist, i);
+          if (item != nullptr && cJSON_IsString(item) && item->valuestring != nullptr)
+            playlist.clips.emplace_back(item->valuestring);
+          else
+            valid = false;  // the walk goes on; the file is invalid
+        }
+      }
+    }
+  }
+
+  if (valid) {
+    boundedCopy(entry.text, sizeof entry.text, buffer);
+    boundedCopy(entry.path, sizeof entry.path, path.c_str());
+    entry.modTime = static_cast<int32_t>(info.st_mtime);
+  }
+  std::free(buffer);
+  return valid ? 1 : 0;
+}
+
+int MediaCache::AddPlaylist(std::string path) {
+  PlaylistCacheEntry entry{};
+  if (GrokPlaylist(entry, path) != 1) return 0;
+  std::map<std::string, PlaylistCacheEntry> playlists;
+  ReadPlaylistCacheFromSharedMemory(playlists);
+  playlists[PlaylistKey(boundedString(entry.path, sizeof entry.path))] = entry;
+  WritePlaylistCacheToSharedMemory(std::move(playlists));
+  return 1;
+}
+
+bool MediaCache::RemovePlaylist(std::string path) {
+  std::map<std::string, PlaylistCacheEntry> playlists;
+  ReadPlaylistCacheFromSharedMemory(playlists);
+  bool removed = false;
+  for (auto it = playlists.begin(); it != playlists.end(); ++it) {
+    const PlaylistCacheEntry& entry = it->second;
+    const std::size_t length = strnlen(entry.path, sizeof entry.path);
+    // Only a path that is non-empty and terminated within its field counts.
+    if (length == 0 || length == sizeof entry.path) continue;
+    if (path.find(entry.path, 0, length) != std::string::npos) {
+      playlists.erase(it);
+      removed = true;
+      break;
+    }
+  }
+  WritePlaylistCacheToSharedMemory(std::move(playlists));
+  return removed;
+}
+
+void MediaCache::InitializePlaylists() {
+  WritePlaylistCacheToSharedMemory(std::map<std::string, PlaylistCacheEntry>());
+}
+
+std::map<std::string, PlaylistCacheEntry> MediaCache::GetPlaylists() {
+  std::list<Clip> clips;
+  ReadClipCacheFromSharedMemory(clips);
+  std::map<std::string, PlaylistCacheEntry> playlists;
+  addAllClipsPlaylistToPlaylistCache(playlists, clips);
+  // Read last, so that a cached playlist keyed "All Clips" replaces the
+  // synthetic one.
+  ReadPlaylistCacheFromSharedMemory(playlists);
+  return playlists;
+}
+
+int MediaCache::WritePlaylistCacheToSharedMemory(std::map<std::string, PlaylistCacheEntry> playlists) {
+  return withImage(playlistSegment_, playlistLock_, [&playlists](unsigned char* base, std::uint64_t size) {
+    const std::uint64_t count = playlists.size();
+    const std::uint64_t needed = PlaylistImageSize(count);
+    if (count > std::numeric_limits<std::uint32_t>::max() || needed > size)
+      throwSizeError("WritePlaylistCacheToSharedMemory: " + std::to_string(count) + " playlists need " +
+                     std::to_string(needed) + " bytes but the segment holds " + std::to_string(size));
+
+    prefault(base, needed, true);
+    // The image is invalidated first and its magic put in last, so that a
+    // writer that dies half-way leaves an invalid image, never a torn one.
+    // The final bytes are those of the magic with its NUL followed by the
+    // count, which lands on that NUL.
+    base[0] = '*';
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    storeCount(base + kPlaylistMagicSize, static_cast<std::uint32_t>(count));
+    unsigned char* slot = base + kPlaylistHeaderSize;
+    for (const auto& element : playlists) {
+      std::memcpy(slot, &element.second, kPlaylistSlotSize);
+      slot += kPlaylistSlotSize;
+    }
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    std::memcpy(base, kPlaylistMagic, kPlaylistMagicSize);
+    return 1;
+  });
+}
+
+int MediaCache::ReadPlaylistCacheFromSharedMemory(std::map<std::string, PlaylistCacheEntry>& playlists) {
+  return withImage(
+      playlistSegment_, playlistLock_, [&playlists](const unsigned char* base, std::uint64_t size) {
+        if (size < kPlaylistMagicSize || std::memcmp(base, kPlaylistMagic, kPlaylistMagicSize) != 0) return 0;
+        if (size < kPlaylistHeaderSize) {
+          std::fprintf(stderr,
+                       "ReadPlaylistCacheFromSharedMemory: segment of %llu bytes is too small for an image; "
+                       "image ignored\n",
+                       static_cast<unsigned long long>(size));
+          return 0;
+        }
+        // The count comes from another process: the image must hold it whole.
+        const std::uint32_t count = loadCount(base + kPlaylistMagicSize);
+        if (PlaylistImageSize(count) > size) {
+          std::fprintf(
+              stderr,
+              "ReadPlaylistCacheFromSharedMemory: stored count %lu runs past the segment of %llu bytes; "
+              "image ignored\n",
+              static_cast<unsigned long>(count), static_cast<unsigned long long>(size));
+          return 0;
+        }
+        const unsigned char* slot = base + kPlaylistHeaderSize;
+        for (std::uint32_t i = 0; i < count; ++i, slot += kPlaylistSlotSize) {
+          const char* path = reinterpret_cast<const char*>(slot + offsetof(PlaylistCacheEntry, path));
+          PlaylistCacheEntry& entry =
+              playlists[PlaylistKey(boundedString(path, PlaylistCacheEntry::kPathSize))];
+          std::memcpy(static_cast<void*>(&entry), slot, kPlaylistSlotSize);
+        }
+        return 1;
+      });
+}
+
+void MediaCache::addAllClipsPlaylistToPlaylistCache(std::map<std::string, PlaylistCacheEntry>& playlists,
+                                                    std::list<Clip>& clips) {
+  // Clip names go in as they are, without JSON escaping.
+  std::string text = "{\"name\":\"All Clips\",\"cliplist\":[";
+  bool first = true;
+  for (const Clip& clip : clips) {
+    if (!first) text += ',';
+    first = false;
+    text += '"';
+    text.append(clip.name, strnlen(clip.name, sizeof clip.name));
+    text += '"';
+  }
+  text += "]}";
+
+  PlaylistCacheEntry& entry = playlists[kAllClipsName];
+  std::memset(static_cast<void*>(&entry), 0, sizeof entry);
+  if (text.size() > kAllClipsTextLimit) {
+    std::fprintf(stderr, "%s: Too Many Files! Refusing to create all clips playlist.\n", __func__);
+    std::fflush(stderr);
+  } else {
+    boundedCopy(entry.text, sizeof entry.text, text.c_str());
+  }
+}
+
+}  // namespace media
+}  // namespace zev

@@ -1,0 +1,228 @@
+// vorta: the clip catalogue and the playlist cache kept in POSIX shared memory for every process.
+#pragma once
+
+#include <boost/interprocess/shared_memory_object.hpp>
+#include <boost/interprocess/sync/named_mutex.hpp>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "clip.h"
+
+/// One cached playlist file: its path, its text and its modification time.
+/// The record is copied whole into the shared playlist image, so its layout
+/// is a wire format (53316 bytes, offsets checked below). Text fields are
+/// filled with bounded copies whose bound is the field size: a value of
+/// full length is not terminated. `PlaylistCacheEntry{}` is a zeroed entry.
+struct PlaylistCacheEntry {
+  static constexpr std::size_t kPathSize = 4096;
+  static constexpr std::size_t kTextSize = 49216;
+
+  char path[kPathSize];  // full path of the file; empty for "All Clips"
+  char text[kTextSize];  // the file's text, cut at kTextSize bytes
+  int32_t modTime;       // modification time in seconds; 0 for "All Clips"
+};
+
+static_assert(std::is_standard_layout<PlaylistCacheEntry>::value,
+              "PlaylistCacheEntry must be standard layout");
+static_assert(std::is_trivially_copyable<PlaylistCacheEntry>::value,
+              "PlaylistCacheEntry is copied byte for byte");
+static_assert(sizeof(PlaylistCacheEntry) == 53316, "PlaylistCacheEntry is 53316 bytes");
+static_assert(offsetof(PlaylistCacheEntry, path) == 0, "PlaylistCacheEntry::path offset");
+static_assert(offsetof(PlaylistCacheEntry, text) == 4096, "PlaylistCacheEntry::text offset");
+static_assert(offsetof(PlaylistCacheEntry, modTime) == 53312, "PlaylistCacheEntry::modTime offset");
+
+namespace zev {
+namespace media {
+
+/// A playlist file parsed: its name and its clip names in playing order.
+class Playlist {
+ public:
+  virtual ~Playlist();
+
+  std::string name;                // the "name" member
+  std::vector<std::string> clips;  // the string elements of "cliplist"
+};
+
+/// Where the two caches live and how large they are made. The defaults are
+/// what the recorder's processes use; tests and tools give their own names.
+struct MediaCacheOptions {
+  /// Catalogue sizes the default segments are made for. A 4000-clip image is
+  /// 26.1 MB and a 200-playlist image 10.7 MB of address space, but shared
+  /// memory takes RAM only for the pages actually written, so a medium with
+  /// a few hundred clips costs a few MB.
+  static constexpr std::size_t kDefaultMaxClips = 4000;
+  static constexpr std::size_t kDefaultMaxPlaylists = 200;
+
+  std::string clipSegment = "vorta.clips";            // shared-memory object of the clip image
+  std::string clipLock = "vorta.clips.lock";          // named mutex of the clip image
+  std::string playlistSegment = "vorta.playlists";    // shared-memory object of the playlist image
+  std::string playlistLock = "vorta.playlists.lock";  // named mutex of the playlist image
+  std::size_t maxClips = kDefaultMaxClips;            // largest clip catalogue the segment holds
+  std::size_t maxPlaylists = kDefaultMaxPlaylists;    // largest playlist cache the segment holds
+  unsigned permissions = 0666;                        // of newly created segments and mutexes
+  bool create = true;  // create missing segments and grow small ones; false: open existing ones only
+
+  /// The four names as PREFIX.clips, PREFIX.clips.lock, PREFIX.playlists and
+  /// PREFIX.playlists.lock (the defaults use the prefix "vorta").
+  static MediaCacheOptions named(const std::string& prefix);
+};
+
+/// The clip catalogue and the playlist cache shared by every process of the
+/// device. Each cache is an image in its own shared-memory segment, guarded
+/// by its own named mutex; every operation takes the mutex, maps the whole
+/// segment, works and unmaps before it returns, so the object keeps no
+/// state of its own. Failures to lock or map throw
+/// boost::interprocess::interprocess_exception; nothing else throws.
+///
+/// Clip image: "SharedClipCache" (15 bytes), a uint32 count at 15, then one
+/// 6536-byte slot per clip at 19 + 6536 * i, of which the first
+/// Clip::kStoredSize bytes are written. Playlist image:
+/// "SharedPlaylistCache" (19 bytes), a uint32 count at 19, then one
+/// PlaylistCacheEntry per playlist at 23 + 53316 * i. Integers are in the
+/// machine's byte order and unaligned.
+class MediaCache {
+ public:
+  static constexpr std::size_t kClipMagicSize = 15;      // "SharedClipCache"
+  static constexpr std::size_t kClipHeaderSize = 19;     // magic and count
+  static constexpr std::size_t kClipSlotSize = 6536;     // sizeof(Clip)
+  static constexpr std::size_t kPlaylistMagicSize = 19;  // "SharedPlaylistCache"
+  static constexpr std::size_t kPlaylistHeaderSize = 23;
+  static constexpr std::size_t kPlaylistSlotSize = 53316;  // sizeof(PlaylistCacheEntry)
+  /// The key of the synthetic playlist of every clip.
+  static const char* const kAllClipsName;
+
+  /// Opens the segments and mutexes of the default names, creating them when
+  /// missing, sized for the default catalogue.
+  MediaCache();
+  /// Opens the segments and mutexes named in the options. With
+  /// options.create, missing ones are created and a segment smaller than
+  /// the image of options.maxClips clips (options.maxPlaylists playlists) is
+  /// grown to it, under its mutex; a larger one is left as it is. Existing
+  /// images are kept. Throws interprocess_exception when a segment or mutex
+  /// cannot be opened or created.
+  explicit MediaCache(const MediaCacheOptions& options);
+  /// Closes the handles; the segments, their images and the mutexes stay.
+  ~MediaCache();
+  MediaCache(const MediaCache&) = delete;
+  MediaCache& operator=(const MediaCache&) = delete;
+
+  /// Removes the segments and mutexes named in the options from the system
+  /// (for tools and tests; the cache operations never remove them). Returns
+  /// how many of the four existed and were removed.
+  static int Remove(const MediaCacheOptions& options);
+  /// Bytes of a clip image of n clips: 19 + 6536 * n.
+  static std::uint64_t ClipImageSize(std::uint64_t clips);
+  /// Bytes of a playlist image of n playlists: 23 + 53316 * n.
+  static std::uint64_t PlaylistImageSize(std::uint64_t playlists);
+  /// Current size of the clip segment in bytes.
+  std::uint64_t ClipSegmentSize() const;
+  /// Current size of the playlist segment in bytes.
+  std::uint64_t PlaylistSegmentSize() const;
+
+  // Clip cache.
+
+  /// Stores the list as the whole clip image, in list order. Returns 1.
+  /// Throws interprocess_exception (and leaves the image as it was) when the
+  /// image would not fit in the segment.
+  int WriteClipCacheToSharedMemory(std::list<Clip> clips);
+  /// Appends the stored clips to the list. 1 when the image is valid (also
+  /// with no clips); 0, with the list unchanged, when it is not (never
+  /// written, flushed, or a count that runs past the segment).
+  int ReadClipCacheFromSharedMemory(std::list<Clip>& clips);
+  /// Invalidates the clip image: every reader sees no clips until the next write.
+  void FlushClips();
+  /// Invalidates the playlist image.
+  void FlushPlaylists();
+  /// FlushClips, then FlushPlaylists.
+  void Flush();
+  /// Returns 1 and does nothing else: the shared caches outlive every process.
+  int Destroy();
+
+  // Locks. A process that ends while it holds a cache's lock (killed,
+  // crashed) does not block the others: the next process to use the cache
+  // takes the lock over as soon as the kernel has closed the ended process's
+  // files, and says so on standard error. A live holder is always waited for.
+  // A writer that ends half-way leaves an invalid image (read as empty).
+
+  /// Who holds a cache's lock.
+  struct LockState {
+    enum Kind {
+      Free,      // nobody
+      Held,      // a live process (pid, when it could be told)
+      LeftHeld,  // a process that has ended; the next access takes it over
+      Unknown,   // this system cannot tell
+    };
+    Kind kind = Unknown;
+    int pid = 0;
+  };
+  /// The state of the clip lock, found without waiting.
+  LockState ClipLockState();
+  /// The state of the playlist lock, found without waiting.
+  LockState PlaylistLockState();
+  /// Takes and releases both locks, taking over any left held by an ended
+  /// process; returns how many were taken over.
+  int RepairLocks();
+  /// Runs work while holding the clip lock, as every clip operation holds it.
+  void HoldClipLock(const std::function<void()>& work);
+  /// Runs work while holding the playlist lock.
+  void HoldPlaylistLock(const std::function<void()>& work);
+
+  // The media scan, clip intake and playability operations live with the
+  // scanner (ScanMedia, GrokClip, AddClip, RemoveClip, GetClips, IsPlayable,
+  // GetEncodeType).
+
+  // Playlist cache.
+
+  /// Reads and checks one playlist file. 1 when its first line is a JSON
+  /// object with "name" and a "cliplist" of strings; the entry then holds
+  /// the path, the text and the modification time. 0 otherwise, with the
+  /// entry untouched.
+  int GrokPlaylist(PlaylistCacheEntry& entry, std::string path);
+  /// Adds (or replaces) the playlist file in the cache. 1 when added, 0 when
+  /// the file is not a valid playlist (the cache is then untouched).
+  int AddPlaylist(std::string path);
+  /// Removes the first cached playlist (in key order) whose path occurs in
+  /// the argument; rewrites the cache in every case. Whether one was removed.
+  bool RemovePlaylist(std::string path);
+  /// Stores an empty playlist cache.
+  void InitializePlaylists();
+  /// The cached playlists plus "All Clips", made afresh from the clip
+  /// catalogue. A cached playlist keyed "All Clips" takes its place.
+  std::map<std::string, PlaylistCacheEntry> GetPlaylists();
+  /// Stores the map as the whole playlist image, in key order. Returns 1.
+  /// Throws interprocess_exception (and leaves the image as it was) when the
+  /// image would not fit in the segment.
+  int WritePlaylistCacheToSharedMemory(std::map<std::string, PlaylistCacheEntry> playlists);
+  /// Adds the stored playlists to the map, each keyed by its file's base
+  /// name cut before ".playlist", replacing elements of the same key. 1 when
+  /// the image is valid, 0 (map unchanged) when it is not.
+  int ReadPlaylistCacheFromSharedMemory(std::map<std::string, PlaylistCacheEntry>& playlists);
+  /// Puts the synthetic playlist "All Clips", listing every clip in order,
+  /// into the map. When its text would not fit the entry, the entry is put
+  /// without text and a message goes to standard error.
+  void addAllClipsPlaylistToPlaylistCache(std::map<std::string, PlaylistCacheEntry>& playlists,
+                                          std::list<Clip>& clips);
+
+  /// The map key of a playlist file: the base name of the path, cut before
+  /// the first ".playlist" (the whole base name when there is none).
+  static std::string PlaylistKey(const std::string& path);
+
+ private:
+  // Kept for the code that creates the cache; the cache operations never use them.
+  std::string reserved_;
+  uint32_t reservedWord_ = 0;
+
+  boost::interprocess::shared_memory_object clipSegment_;
+  boost::interprocess::named_mutex clipLock_;
+  boost::interprocess::shared_memory_object playlistSegment_;
+  boost::interprocess::named_mutex playlistLock_;
+};
+
+}  // namespace media
+}  // namespace zev
