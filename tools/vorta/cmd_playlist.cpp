@@ -42,7 +42,10 @@ int run(Invocation& in) {
     if (::access((dir + "/" + name).c_str(), F_OK) != 0)
       throw Failure("refused: " + dir + "/" + name +
                     " does not exist (the recorder only writes existing files)");
-    if (!finder.writePlaylist(name, text)) throw Failure("could not write " + dir + "/" + name);
+    if (!finder.writePlaylist(name, text)) throw Failure("could not open " + dir + "/" + name);
+    // The recorder's writer opens the file read-only (its "rw" mode), so
+    // the text does not reach it; say so rather than pretend.
+    std::cout << dir << "/" << name << ": opened; the recorder's playlist writer leaves the file as it was\n";
     return 0;
   }
   if (action == "rename") {
@@ -74,7 +77,9 @@ const Command kPlaylist{
     "Works on the files only, as the recorder does; run 'vorta scan' afterwards\n"
     "to refresh the shared playlist cache. The recorder writes only files that\n"
     "exist, renames only between names that both resolve under a ZEV directory\n"
-    "(adding .playlist where a name lacks it), and deletes the named file.",
+    "(adding .playlist where a name lacks it), and deletes the named file.\n"
+    "Note that the recorder's writer opens the file with the C mode \"rw\",\n"
+    "which is read-only: an existing file is left unchanged.",
     mediaOptions({}),
     run,
     2,
