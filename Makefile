@@ -4,6 +4,8 @@
 #   make demo        build and run the main job with the vorta tool
 #   make test        build and run the whole test suite
 #   make test-asan   the test suite under AddressSanitizer + UndefinedBehaviorSanitizer
+#   make test-ppc    the test suite built for the recorder's 32-bit big-endian
+#                    PowerPC and run under qemu-user
 #   make bench       run the benchmarks
 #   make fuzz        run every fuzz target for FUZZ_SECONDS seconds
 #   make format      apply .clang-format;  make format-check  only check it
@@ -11,7 +13,7 @@
 FUZZ_SECONDS ?= 30
 FORMAT_FILES = $(shell git ls-files -co --exclude-standard '*.cpp' '*.h' 2>/dev/null | grep -v -e '^tests/data/' -e '_generated' )
 
-.PHONY: all deps build test demo bench test-asan fuzz format format-check clean
+.PHONY: all deps deps-ppc build test demo bench test-asan test-ppc fuzz format format-check clean
 
 all: build
 
@@ -24,6 +26,7 @@ build: deps
 
 test: build
 	@ctest --preset default
+	@bash scripts/ctest-skips.sh build/default
 
 demo: build
 	@bash scripts/demo.sh build/default/tools/vorta/vorta
@@ -35,6 +38,19 @@ test-asan: deps
 	@cmake --preset asan >/dev/null
 	@cmake --build --preset asan
 	@ctest --preset asan
+	@bash scripts/ctest-skips.sh build/asan
+
+# The cross toolchain and qemu, then the target's own cJSON, ANTLR 3 C runtime
+# and GoogleTest, built once into build/ppc-staging.
+deps-ppc:
+	@bash scripts/install-deps.sh ppc
+	@bash scripts/ppc-deps.sh
+
+test-ppc: deps-ppc
+	@cmake --preset ppc >/dev/null
+	@cmake --build --preset ppc
+	@ctest --preset ppc
+	@bash scripts/ctest-skips.sh build/ppc
 
 fuzz: deps
 	@cmake --preset fuzz >/dev/null

@@ -144,10 +144,10 @@ class CRP188 {
 
   // Readers.
   unsigned char GetSource() const;
-  unsigned int GetFieldID();
+  unsigned int GetFieldID() const;
   bool GetRP188Reg(RP188_STRUCT& regs) const;
   /// Nibble n (1-8 of the low word, 9-16 of the high word, from bit 0); 0 otherwise.
-  unsigned int UDW(unsigned int n);
+  unsigned int UDW(unsigned int n) const;
   /// User-bit binary group n (1-8), refreshed from the registers; 0 otherwise.
   unsigned int BinaryGroup(unsigned int n);
   /// Binary groups 4 and 3 read as a two-digit rate.
@@ -159,6 +159,7 @@ class CRP188 {
   bool GetInputFlag() const;
   bool GetVaricamFrameActive(unsigned int frame) const;
   unsigned int GetVaricamRate() const;
+  /// The binary-group flags as last decoded from register words.
   void GetBFGBits(bool& bfg0, bool& bfg1, bool& bfg2) const;
 
   // Register and text conversions.

@@ -1,7 +1,9 @@
 // vorta tests: temporary directories, unique names and small file helpers.
 #include "test_support.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -61,14 +63,39 @@ std::string dataPath(const std::string& relative) {
   return std::string(VORTA_TEST_DATA_DIR) + "/" + relative;
 }
 
+namespace {
+
+bool startsWithQemu(const std::string& path) {
+  const std::string::size_type slash = path.rfind('/');
+  return path.compare(slash == std::string::npos ? 0 : slash + 1, 5, "qemu-") == 0;
+}
+
+bool detectEmulation() {
+  // qemu-user answers for the guest wherever it can: uname says "ppc",
+  // /proc/self/maps lists guest mappings only, and /proc/self/exe and
+  // /proc/self/stat name the guest binary. It rewrites those by path,
+  // though: asked through a directory descriptor for /proc/self, the kernel
+  // names its own executable, which is the emulator both when it is started
+  // directly and when binfmt_misc starts it.
+  const int proc = open("/proc/self", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (proc >= 0) {
+    char target[PATH_MAX];
+    const ssize_t n = readlinkat(proc, "exe", target, sizeof target - 1);
+    close(proc);
+    if (n > 0 && startsWithQemu(std::string(target, static_cast<std::size_t>(n)))) return true;
+  }
+  // Started directly, the emulator is also the process's command name,
+  // which it does not rewrite.
+  std::ifstream comm("/proc/self/comm");
+  std::string name;
+  return std::getline(comm, name) && startsWithQemu(name);
+}
+
+}  // namespace
+
 bool underEmulation() {
-  // qemu-user reports the guest's machine in uname but runs on the host's
-  // kernel; its own binary name shows up in /proc/self/maps.
-  std::ifstream maps("/proc/self/maps");
-  std::string line;
-  while (std::getline(maps, line))
-    if (line.find("qemu-") != std::string::npos) return true;
-  return false;
+  static const bool emulated = detectEmulation();
+  return emulated;
 }
 
 }  // namespace vorta_test

@@ -33,7 +33,10 @@ std::string readFile(const std::string& path);
 std::string dataPath(const std::string& relative);
 
 /// True when the process runs under user-mode emulation (qemu-user), where
-/// a few kernel features behave differently.
+/// a few kernel features behave differently: a robust mutex whose owner dies
+/// is not recovered (EOWNERDEAD never comes), and a target binary cannot
+/// execute another target binary (its own /proc/self/exe included); host
+/// programs such as /bin/sh do run.
 bool underEmulation();
 
 }  // namespace vorta_test

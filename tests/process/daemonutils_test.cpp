@@ -1,0 +1,403 @@
+// Tests of Daemonizer: pid file, termination, status and crash signals, detaching; in real child processes.
+#include "daemonutils.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <limits.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <string>
+
+#include "child_process.h"
+#include "test_support.h"
+
+namespace {
+
+using namespace process_test;
+using vorta_test::readFile;
+using vorta_test::TempDir;
+using vorta_test::uniqueName;
+
+// Where a child's hooks report to, and where it reads the test's go-ahead
+// from (set in the child only).
+int gReportFd = -1;
+int gCommandFd = -1;
+
+// Blocks until the test writes a line to the child.
+void awaitGo() { readLine(gCommandFd, patience()); }
+
+void reportSignal(const char* what, int sig) {
+  char line[64];
+  const int n = std::snprintf(line, sizeof line, "%s %d\n", what, sig);
+  if (n > 0) (void)!::write(gReportFd, line, static_cast<std::size_t>(n));
+}
+
+void onTermination(int sig) { reportSignal("hook", sig); }
+
+std::string onStatus() {
+  reportSignal("status", 0);
+  return "running";
+}
+
+void report(const std::string& line) { writeAll(gReportFd, line + "\n"); }
+
+std::string yesNo(bool value) { return value ? "yes" : "no"; }
+
+// One child process running daemon code: its standard output and error go
+// to files, its short invocation name (the pid file's stem) is unique, and
+// it reports to the test over a pipe.
+class DaemonChild {
+ public:
+  explicit DaemonChild(const std::string& shortName) : shortName_(shortName) {}
+  ~DaemonChild() {
+    if (pid_ > 0) waitForExit(pid_, 0);
+    unlink(pidfile().c_str());
+  }
+
+  void start(const std::function<void()>& body) {
+    pid_ = forkChild([&] {
+      report_.closeRead();
+      command_.closeWrite();
+      gReportFd = report_.write;
+      gCommandFd = command_.read;
+      const int out = open(dir_.file("out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      const int err = open(dir_.file("err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      dup2(out, STDOUT_FILENO);
+      dup2(err, STDERR_FILENO);
+      program_invocation_short_name = strdup(shortName_.c_str());
+      body();
+    });
+    report_.closeWrite();
+    command_.closeRead();
+  }
+
+  /// Lets the child go on from awaitGo(). A signal sent before this is
+  /// handled by the child before it returns from awaitGo().
+  void go() { writeAll(command_.write, "go\n"); }
+
+  pid_t pid() const { return pid_; }
+  std::string pidfile() const { return "/var/run/" + shortName_ + ".pid"; }
+  std::string line() { return readLine(report_.read, patience()); }
+  std::string rest() { return readUntilEof(report_.read, patience()); }
+  int wait() {
+    const int status = waitForExit(pid_, patience());
+    pid_ = -1;
+    return status;
+  }
+  std::string out() const { return readFile(dir_.file("out")); }
+  std::string err() const { return readFile(dir_.file("err")); }
+
+ private:
+  std::string shortName_;
+  TempDir dir_;
+  Pipe report_;
+  Pipe command_;
+  pid_t pid_ = -1;
+};
+
+#define REQUIRE_PID_FILES()                                                                  \
+  do {                                                                                       \
+    if (!canWritePidFiles()) GTEST_SKIP() << "needs write access to /var/run (run as root)"; \
+  } while (0)
+
+std::string receivedLine(const std::string& name, int sig, pid_t pid) {
+  return name + ":  Received SIGNAL " + std::to_string(sig) + ", shutting down (PID:" + std::to_string(pid) +
+         ")\n";
+}
+
+// A program whose short invocation name is recorder... writes
+// /var/run/recorder....pid holding its pid and a newline; SIGTERM calls the
+// hook, counts the signal, prints the shutdown line and removes the file.
+TEST(Daemonizer, PidFileHoldsPidAndNewlineAndSigtermRemovesIt) {
+  REQUIRE_PID_FILES();
+  DaemonChild child(uniqueName("recorder"));
+  child.start([] {
+    Daemonizer::setupSignalHandler("recorder", onTermination, nullptr, false);
+    report(std::string("ready ") + Daemonizer::pidfile);
+    Daemonizer::sleepUntilKilled();
+    report("killed " + std::to_string(Daemonizer::killed) + " pidfile " +
+           yesNo(access(Daemonizer::pidfile, F_OK) == 0));
+  });
+  ASSERT_EQ(child.line(), "ready " + child.pidfile());
+  EXPECT_EQ(vorta_test::readFile(child.pidfile()), std::to_string(child.pid()) + "\n");
+
+  ASSERT_EQ(kill(child.pid(), SIGTERM), 0);
+  EXPECT_EQ(child.line(), "hook 15");
+  EXPECT_EQ(child.line(), "killed 1 pidfile no");
+  const pid_t pid = child.pid();
+  const int status = child.wait();
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_FALSE(fileExists(child.pidfile()));
+  EXPECT_EQ(child.err(), receivedLine("recorder", SIGTERM, pid));
+  EXPECT_EQ(child.out(), "");
+}
+
+// With hasCleanupAfterKilled the pid file outlives the signal and goes with setDone.
+TEST(Daemonizer, SigtermWithCleanupAfterKilledKeepsPidFileUntilSetDone) {
+  REQUIRE_PID_FILES();
+  DaemonChild child(uniqueName("keeper"));
+  child.start([] {
+    Daemonizer::setupSignalHandler("keeper", onTermination, nullptr, true);
+    report("ready");
+    Daemonizer::sleepUntilKilled();
+    report("after signal: killed " + std::to_string(Daemonizer::killed) + " pidfile " +
+           yesNo(access(Daemonizer::pidfile, F_OK) == 0));
+    Daemonizer::setDone();
+    report(std::string("after setDone: pidfile ") + yesNo(access(Daemonizer::pidfile, F_OK) == 0));
+  });
+  ASSERT_EQ(child.line(), "ready");
+  EXPECT_TRUE(fileExists(child.pidfile()));
+  ASSERT_EQ(kill(child.pid(), SIGTERM), 0);
+  EXPECT_EQ(child.line(), "hook 15");
+  EXPECT_EQ(child.line(), "after signal: killed 1 pidfile yes");
+  EXPECT_EQ(child.line(), "after setDone: pidfile no");
+  const pid_t pid = child.pid();
+  const int status = child.wait();
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  // No usage complaint: setDone is the expected way here.
+  EXPECT_EQ(child.err(), receivedLine("keeper", SIGTERM, pid));
+}
+
+// setDone without hasCleanupAfterKilled prints the usage line and removes the file all the same.
+TEST(Daemonizer, SetDoneWithoutCleanupAfterKilledPrintsUsageAndRemovesPidFile) {
+  REQUIRE_PID_FILES();
+  DaemonChild child(uniqueName("daemon"));
+  child.start([] {
+    Daemonizer::setupSignalHandler("daemon", nullptr, nullptr, false);
+    report(std::string("before: pidfile ") + yesNo(access(Daemonizer::pidfile, F_OK) == 0));
+    Daemonizer::setDone();
+    report(std::string("after: pidfile ") + yesNo(access(Daemonizer::pidfile, F_OK) == 0));
+  });
+  EXPECT_EQ(child.line(), "before: pidfile yes");
+  EXPECT_EQ(child.line(), "after: pidfile no");
+  const int status = child.wait();
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(child.err(), "daemon:  setDone usage: Call daemonize with hasCleanupAfterKilled=true\n");
+  EXPECT_EQ(child.out(), "");
+}
+
+// SIGUSR1 with a status hook is caught and ignored: no count, no hook, no
+// output, the pid file stays; the status hook itself is never called.
+TEST(Daemonizer, Sigusr1WithStatusHookChangesNothingAndPrintsNothing) {
+  REQUIRE_PID_FILES();
+  DaemonChild child(uniqueName("status"));
+  child.start([] {
+    Daemonizer::setupSignalHandler("status", onTermination, onStatus, true);
+    raise(SIGUSR1);
+    report("ready");
+    awaitGo();
+    report("killed " + std::to_string(Daemonizer::killed) + " pidfile " +
+           yesNo(access(Daemonizer::pidfile, F_OK) == 0));
+    unlink(Daemonizer::pidfile);
+  });
+  ASSERT_EQ(child.line(), "ready");
+  ASSERT_EQ(kill(child.pid(), SIGUSR1), 0);
+  child.go();
+  EXPECT_EQ(child.rest(), "killed 0 pidfile yes\n");
+  const int status = child.wait();
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(child.err(), "");
+  EXPECT_EQ(child.out(), "");
+}
+
+// Without a status hook SIGUSR1 is left to its default action, which ends the process.
+TEST(Daemonizer, Sigusr1WithoutStatusHookIsNotCaught) {
+  DaemonChild child(uniqueName("nostatus"));
+  child.start([] {
+    Daemonizer::setupSignalHandler("nostatus", onTermination, nullptr, false);
+    raise(SIGUSR1);
+    report("survived");
+  });
+  EXPECT_EQ(child.rest(), "");
+  const int status = child.wait();
+  ASSERT_TRUE(WIFSIGNALED(status));
+  EXPECT_EQ(WTERMSIG(status), SIGUSR1);
+}
+
+// SIGINT is a termination signal like SIGTERM; every one is counted and reported.
+TEST(Daemonizer, SigintCountsAsTerminationEachTime) {
+  REQUIRE_PID_FILES();
+  DaemonChild child(uniqueName("interrupted"));
+  child.start([] {
+    Daemonizer::setupSignalHandler("interrupted", onTermination, nullptr, false);
+    raise(SIGINT);
+    raise(SIGINT);
+    report("killed " + std::to_string(Daemonizer::killed) + " pidfile " +
+           yesNo(access(Daemonizer::pidfile, F_OK) == 0));
+  });
+  EXPECT_EQ(child.rest(), "hook 2\nhook 2\nkilled 2 pidfile no\n");
+  const pid_t pid = child.pid();
+  const int status = child.wait();
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(child.err(), receivedLine("interrupted", SIGINT, pid) + receivedLine("interrupted", SIGINT, pid));
+}
+
+// A crash writes the back-trace to standard output, removes the pid file
+// (even one the caller meant to keep) and ends with status -99, which the
+// parent sees as 157.
+TEST(Daemonizer, SigsegvWritesBacktraceAndExitsWithMinus99) {
+  REQUIRE_PID_FILES();
+  DaemonChild child(uniqueName("crasher"));
+  child.start([] {
+    Daemonizer::setupSignalHandler("crasher", onTermination, nullptr, true);
+    report("ready");
+    raise(SIGSEGV);
+    report("survived");
+  });
+  EXPECT_EQ(child.line(), "ready");
+  EXPECT_EQ(child.rest(), "");
+  const int status = child.wait();
+  ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
+  EXPECT_EQ(WEXITSTATUS(status), 157);
+  EXPECT_EQ(WEXITSTATUS(status), -99 & 0xFF);
+  EXPECT_FALSE(fileExists(child.pidfile()));
+  const std::string trace = child.out();
+  EXPECT_EQ(child.err(), "");
+  if (trace.empty() && vorta_test::underEmulation()) {
+    // qemu-user's signal frames cannot be unwound: the unwinder aborts and
+    // the crash ends through the abort path, with the same status and clean-up.
+    std::cout << "note: no back-trace under emulation (its signal frames cannot be unwound)\n";
+    return;
+  }
+  ASSERT_FALSE(trace.empty());
+  EXPECT_NE(trace.find("[0x"), std::string::npos) << trace;
+  EXPECT_EQ(trace.back(), '\n');
+}
+
+// A pid file that cannot be opened is skipped; the handlers work all the same.
+TEST(Daemonizer, UnopenablePidFileIsSkipped) {
+  const std::string shortName = uniqueName("no-such-dir") + "/daemon";
+  DaemonChild child(shortName);
+  child.start([] {
+    Daemonizer::setupSignalHandler("nodir", nullptr, nullptr, false);
+    report(Daemonizer::pidfile);
+    raise(SIGTERM);
+    report("killed " + std::to_string(Daemonizer::killed));
+  });
+  EXPECT_EQ(child.line(), "/var/run/" + shortName + ".pid");
+  EXPECT_EQ(child.line(), "killed 1");
+  const int status = child.wait();
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_FALSE(fileExists(child.pidfile()));
+}
+
+// The pid file path is cut to 127 characters and its terminator.
+TEST(Daemonizer, PidFilePathIsCutTo127Characters) {
+  std::string shortName = uniqueName("long");
+  shortName += std::string(150 - shortName.size(), 'n');
+  DaemonChild child(shortName);
+  child.start([] {
+    Daemonizer::setupSignalHandler("long", nullptr, nullptr, true);
+    report(Daemonizer::pidfile);
+    unlink(Daemonizer::pidfile);
+  });
+  const std::string path = child.line();
+  EXPECT_EQ(path.size(), 127u);
+  EXPECT_EQ(path, ("/var/run/" + shortName + ".pid").substr(0, 127));
+  const int status = child.wait();
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// Set-up stores the hooks and the prefixed name and starts counting from 0.
+TEST(Daemonizer, SetupStoresHooksAndResetsKilled) {
+  DaemonChild child(uniqueName("no-such-dir") + "/setup");
+  child.start([] {
+    Daemonizer::killed = 5;
+    Daemonizer::setupSignalHandler("setup", onTermination, onStatus, true);
+    report("killed " + std::to_string(Daemonizer::killed) + " name [" + Daemonizer::name + "] hooks " +
+           yesNo(Daemonizer::_handleTermOrKillSignal == onTermination) +
+           yesNo(Daemonizer::_getStatus == onStatus) + " keep " + yesNo(Daemonizer::_hasCleanupAfterKilled) +
+           " frames " + std::to_string(Daemonizer::size));
+  });
+  EXPECT_EQ(child.rest(), "killed 0 name [setup: ] hooks yesyes keep yes frames 0\n");
+  EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(Daemonizer, SleepUntilKilledReturnsAtOnceWhenAlreadyKilled) {
+  Daemonizer::killed = 1;
+  Daemonizer::sleepUntilKilled();
+  Daemonizer::printStatus();  // does nothing
+  EXPECT_EQ(Daemonizer::killed, 1);
+  Daemonizer::killed = 0;
+}
+
+// daemonize detaches: the caller's process exits 0, the daemon is a
+// grandchild in a new session (not its leader), works in /tmp with umask 0,
+// reads /dev/null, writes its pid file and stops cleanly on SIGTERM.
+TEST(Daemonizer, DaemonizeDetachesIntoANewSession) {
+  // Become the daemon's parent once it is orphaned, to reap it at the end.
+  const bool subreaper = prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) == 0;
+  DaemonChild child(uniqueName("detached"));
+  const pid_t testSession = getsid(0);
+  child.start([] {
+    Daemonizer::daemonize("detached", onTermination, nullptr, false);
+    char cwd[PATH_MAX] = "";
+    if (getcwd(cwd, sizeof cwd) == nullptr) cwd[0] = '\0';
+    const mode_t mask = umask(0);
+    char in[PATH_MAX] = "";
+    const ssize_t n = readlink("/proc/self/fd/0", in, sizeof in - 1);
+    if (n > 0) in[n] = '\0';
+    report(std::to_string(getpid()) + " " + std::to_string(getsid(0)) + " " + cwd + " " +
+           std::to_string(mask) + " " + in + " " + Daemonizer::pidfile);
+    Daemonizer::sleepUntilKilled();
+    report("killed " + std::to_string(Daemonizer::killed) + " pidfile " +
+           yesNo(access(Daemonizer::pidfile, F_OK) == 0));
+  });
+  const int status = child.wait();
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+
+  const std::string line = child.line();
+  long daemonPid = 0, session = 0, mask = -1;
+  char cwd[256] = "", in[256] = "", pidfile[256] = "";
+  ASSERT_EQ(std::sscanf(line.c_str(), "%ld %ld %255s %ld %255s %255s", &daemonPid, &session, cwd, &mask, in,
+                        pidfile),
+            6)
+      << line;
+  // Stops the daemon should a check below fail before it is told to.
+  struct DaemonStopper {
+    pid_t pid;
+    ~DaemonStopper() {
+      if (pid > 0) kill(pid, SIGKILL);
+    }
+  } stopper{static_cast<pid_t>(daemonPid)};
+  EXPECT_NE(daemonPid, child.pid());
+  EXPECT_NE(session, testSession);
+  EXPECT_NE(session, daemonPid);  // not the session leader: cannot take a terminal
+  EXPECT_STREQ(cwd, "/tmp");
+  EXPECT_EQ(mask, 0);
+  EXPECT_STREQ(in, "/dev/null");
+  EXPECT_EQ(pidfile, child.pidfile());
+  if (canWritePidFiles()) {
+    EXPECT_EQ(readFile(child.pidfile()), std::to_string(daemonPid) + "\n");
+  }
+
+  ASSERT_EQ(kill(static_cast<pid_t>(daemonPid), SIGTERM), 0);
+  const std::string rest = child.rest();
+  EXPECT_EQ(rest, "hook 15\nkilled 1 pidfile no\n");
+  // The report pipe reached its end: the daemon has exited.
+  if (rest == "hook 15\nkilled 1 pidfile no\n") stopper.pid = 0;
+  EXPECT_FALSE(fileExists(child.pidfile()));
+  if (subreaper) {
+    const int daemonStatus = waitForExit(static_cast<pid_t>(daemonPid), patience());
+    ASSERT_TRUE(WIFEXITED(daemonStatus));
+    EXPECT_EQ(WEXITSTATUS(daemonStatus), 0);
+  }
+}
+
+}  // namespace
