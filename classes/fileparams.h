@@ -26,6 +26,11 @@ class CFileParams {
   explicit CFileParams(const char* path);
   virtual ~CFileParams();
 
+  /// The scanner for a media file, chosen by its name: a scanned
+  /// CZEVQTFileParams when the path contains ".mov" or ".MOV" anywhere,
+  /// otherwise null. The caller deletes the result.
+  static CFileParams* create(const char* path);
+
   /// Whether a scanner read the file successfully. Always false here.
   virtual bool FileIsValid();
 

@@ -1,0 +1,193 @@
+#!/usr/bin/env bash
+# Regenerates the QuickTime test clips under tests/data/qt/ with Debian's
+# ffmpeg, the malformed variants made from them, and ffprobe.tsv: what
+# ffprobe reports for every well-formed clip. The clips are committed, so
+# the test suite never needs ffmpeg; run this only to change them.
+#   scripts/make-qt-fixtures.sh            (needs: scripts/install-deps.sh fixtures)
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+out=$root/tests/data/qt
+mkdir -p "$out"
+rm -f "$out"/*.mov "$out"/*.MOV "$out"/ffprobe.tsv
+rm -rf "$out/bad"
+mkdir -p "$out/bad"
+
+ff() { ffmpeg -nostdin -hide_banner -loglevel error -y "$@"; }
+
+# clip NAME RATE SIZE FRAMES [ffmpeg output options...]
+# A grey picture (cheap to compress) of FRAMES frames at RATE and SIZE.
+clip() {
+  local name=$1 rate=$2 size=$3 frames=$4
+  shift 4
+  ff -f lavfi -i "color=c=gray:s=$size:r=$rate" -frames:v "$frames" "$@" "$out/$name"
+}
+
+# Audio sources: a short silence per track, mapped as separate tracks.
+stereo=(-f lavfi -t 0.2 -i anullsrc=r=48000:cl=stereo)
+mono=(-f lavfi -t 0.2 -i anullsrc=r=48000:cl=mono)
+
+# Codecs (prores_ks profiles 0-4 are proxy, LT, 422, HQ, 4444).
+clip prores_proxy_25.mov 25 64x36 3 -c:v prores_ks -profile:v 0
+clip prores_lt_25.mov 25 64x36 3 -c:v prores_ks -profile:v 1
+clip prores_422_25.mov 25 64x36 3 -c:v prores_ks -profile:v 2
+clip prores_hq_25.mov 25 64x36 3 -c:v prores_ks -profile:v 3
+clip prores_4444_25.mov 25 64x36 3 -c:v prores_ks -profile:v 4 -pix_fmt yuva444p10le
+clip uyvy_2vuy_25.mov 25 64x36 2 -c:v rawvideo -pix_fmt uyvy422
+clip v210_25.mov 25 64x36 2 -c:v v210
+clip h264_25.mov 25 64x36 3 -c:v libx264 -pix_fmt yuv420p
+# DNxHD only exists at fixed sizes and rates: 1280x720 at 23.976 and 60 Mbit/s
+# is the smallest frame it makes. One frame keeps the file small.
+clip dnxhd_720p23976.mov 24000/1001 1280x720 1 -c:v dnxhd -b:v 60M -pix_fmt yuv422p
+
+# Rates.
+for r in 24000/1001:23976 24:24 30:30 48:48 50:50 60000/1001:5994 60:60 30000/1001:2997; do
+  clip "rate_${r#*:}.mov" "${r%%:*}" 64x36 3 -c:v prores_ks -profile:v 0
+done
+
+# Larger pictures and interlace. True top-first and bottom-first need
+# +ildct and -field_order together with setfield; setfield=tff alone gives
+# a 'top stored first, bottom displayed first' field atom.
+clip hd1080_p25.mov 25 1920x1080 2 -c:v prores_ks -profile:v 0
+clip hd720_p5994.mov 60000/1001 1280x720 2 -c:v prores_ks -profile:v 0
+clip hd1080_tff_2997.mov 30000/1001 1920x1080 2 -c:v prores_ks -profile:v 0 \
+  -flags +ildct -field_order tt -vf setfield=tff
+clip hd1080_bff_25.mov 25 1920x1080 2 -c:v prores_ks -profile:v 0 \
+  -flags +ildct -field_order bb -vf setfield=bff
+clip hd1080_tb_2997.mov 30000/1001 1920x1080 2 -c:v prores_ks -profile:v 0 -vf setfield=tff
+clip uyvy_tff_2997.mov 30000/1001 64x36 2 -c:v rawvideo -pix_fmt uyvy422 \
+  -flags +ildct -field_order tt -vf setfield=tff
+clip hd1080_psf_23976.mov 24000/1001 1920x1080 2 -c:v prores_ks -profile:v 0 \
+  -flags +ildct -field_order tt -vf setfield=tff
+
+# Timecode tracks.
+clip tc_ndf_2997.mov 30000/1001 64x36 3 -c:v prores_ks -profile:v 0 -timecode 01:00:00:00
+clip tc_df_2997.mov 30000/1001 64x36 3 -c:v prores_ks -profile:v 0 -timecode 01:00:00\;00
+clip tc_ndf_5994.mov 60000/1001 64x36 3 -c:v prores_ks -profile:v 0 -timecode 01:00:00:00
+clip tc_df_5994.mov 60000/1001 64x36 3 -c:v prores_ks -profile:v 0 -timecode 01:00:00\;00
+clip tc_ndf_25.mov 25 64x36 3 -c:v prores_ks -profile:v 0 -timecode 10:00:00:00
+clip tc_ndf_24.mov 24 64x36 3 -c:v prores_ks -profile:v 0 -timecode 00:59:59:23
+
+# Audio tracks: one stereo, two stereo, eight mono, and high-rate audio
+# (which ffmpeg describes with a version 2 sound description).
+ff -f lavfi -i color=c=gray:s=64x36:r=25 "${stereo[@]}" -frames:v 3 -map 0:v -map 1:a \
+  -c:v prores_ks -profile:v 0 -c:a pcm_s16le "$out/audio_1x2.mov"
+ff -f lavfi -i color=c=gray:s=64x36:r=25 "${stereo[@]}" -frames:v 3 -map 0:v -map 1:a -map 1:a \
+  -c:v prores_ks -profile:v 3 -c:a pcm_s24le -timecode 01:00:00:00 "$out/audio_2x2.mov"
+maps=()
+for _ in 1 2 3 4 5 6 7 8; do maps+=(-map 1:a); done
+ff -f lavfi -i color=c=gray:s=64x36:r=30000/1001 "${mono[@]}" -frames:v 3 -map 0:v "${maps[@]}" \
+  -c:v prores_ks -profile:v 1 -c:a pcm_s24le -timecode 01:00:00\;00 "$out/audio_8x1.mov"
+ff -f lavfi -i color=c=gray:s=64x36:r=25 -f lavfi -t 0.2 -i anullsrc=r=96000:cl=stereo \
+  -frames:v 3 -map 0:v -map 1:a -c:v prores_ks -profile:v 0 -c:a pcm_s24le "$out/audio_96k.mov"
+
+# Layout: moov first, and an upper-case name.
+clip faststart.mov 25 64x36 3 -c:v prores_ks -profile:v 2 -movflags +faststart -timecode 01:00:00:00
+clip UPPER_CASE.MOV 25 64x36 3 -c:v prores_ks -profile:v 0
+
+# What ffprobe reports, one line per clip.
+probe() {
+  ffprobe -v error -select_streams "$1" -show_entries "$2" -of csv=p=0 "$3"
+}
+{
+  printf 'file\tcodec_tag\twidth\theight\tfield_order\trate\tframes\taudio_channels\taudio_streams\ttimecode\n'
+  for f in "$out"/*.mov "$out"/*.MOV; do
+    name=$(basename "$f")
+    IFS=, read -r tag w h order rate frames < <(
+      probe v:0 stream=codec_tag_string,width,height,r_frame_rate,field_order,nb_frames "$f")
+    [ -n "$order" ] || order=unknown
+    chans=$(probe a stream=channels "$f" | paste -sd, -)
+    nstreams=$(probe a stream=index "$f" | wc -l)
+    tc=$(ffprobe -v error -show_entries stream_tags=timecode -of csv=p=0 "$f" | grep -m1 . || true)
+    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$name" "$tag" "$w" "$h" "$order" "$rate" \
+      "$frames" "${chans:--}" "$nstreams" "${tc:--}"
+  done
+} > "$out/ffprobe.tsv"
+
+# Malformed variants, all made from real clips.
+bad=$out/bad
+src=$out/tc_df_2997.mov      # ftyp wide mdat moov
+fast=$out/faststart.mov      # ftyp moov wide mdat
+size=$(stat -c %s "$src")
+: > "$bad/empty.mov"
+printf 'This is not a movie, only text named like one.\n' > "$bad/text.mov"
+head -c 4096 /dev/urandom > "$bad/random.mov"
+head -c 6 "$src" > "$bad/trunc_header.mov"
+head -c 100 "$src" > "$bad/trunc_mdat.mov"
+head -c $((size - 200)) "$src" > "$bad/trunc_moov.mov"
+head -c 300 "$fast" > "$bad/trunc_fast_moov.mov"
+python3 - "$src" "$fast" "$bad" <<'EOF'
+import struct, sys
+src, fast, bad = sys.argv[1], sys.argv[2], sys.argv[3]
+data = bytearray(open(src, 'rb').read())
+fdata = bytearray(open(fast, 'rb').read())
+
+def atoms(buf, start, end):
+    pos = start
+    while pos + 8 <= end:
+        size, kind = struct.unpack('>I4s', buf[pos:pos + 8])
+        yield pos, size, kind.decode('latin-1')
+        if size < 8:
+            break
+        pos += size
+
+def find(buf, path, start=0, end=None):
+    end = len(buf) if end is None else end
+    for pos, size, kind in atoms(buf, start, end):
+        if kind == path[0]:
+            if len(path) == 1:
+                return pos, size
+            return find(buf, path[1:], pos + 8, pos + size)
+    raise KeyError(path)
+
+def save(name, buf):
+    open(f'{bad}/{name}', 'wb').write(buf)
+
+moov, moov_size = find(data, ['moov'])
+# The moov atom claims more than the file holds.
+b = bytearray(data); struct.pack_into('>I', b, moov, moov_size + 100000); save('moov_beyond_file.mov', b)
+# An atom size below 8 in the middle of the file (the mdat).
+mdat, _ = find(data, ['mdat'])
+b = bytearray(data); struct.pack_into('>I', b, mdat, 3); save('size_below_8.mov', b)
+# Size 0 in the middle: mdat "runs to the end", hiding the moov behind it.
+b = bytearray(data); struct.pack_into('>I', b, mdat, 0); save('size0_mid.mov', b)
+# A child larger than its parent (first trak inside moov).
+trak, trak_size = find(data, ['moov', 'trak'])
+b = bytearray(data); struct.pack_into('>I', b, trak, moov_size * 4); save('child_beyond_parent.mov', b)
+# Garbage 64-bit size on the moov.
+b = bytearray(data[:moov]) + struct.pack('>I4sQ', 1, b'moov', 0xFFFFFFFFFFFFFFF0) + data[moov + 8:]
+save('size64_garbage.mov', b)
+# stts and stsd entry counts far beyond what their atoms hold.
+stts, _ = find(data, ['moov', 'trak', 'mdia', 'minf', 'stbl', 'stts'])
+b = bytearray(data); struct.pack_into('>I', b, stts + 12, 0x7FFFFFFF); save('huge_stts_count.mov', b)
+stsd, _ = find(data, ['moov', 'trak', 'mdia', 'minf', 'stbl', 'stsd'])
+b = bytearray(data); struct.pack_into('>I', b, stsd + 12, 0xFFFFFFFF); save('huge_stsd_count.mov', b)
+stsz, _ = find(data, ['moov', 'trak', 'mdia', 'minf', 'stbl', 'stsz'])
+b = bytearray(data); struct.pack_into('>I', b, stsz + 16, 0xFFFFFFFF); b[stsz+12:stsz+16] = b'\0\0\0\0'
+save('huge_stsz_count.mov', b)
+# The timecode track's first chunk offset points past the end of the file.
+traks = [p for p, s, k in atoms(data, moov + 8, moov + moov_size) if k == 'trak']
+tc_trak = traks[-1]
+stco, _ = find(data, ['mdia', 'minf', 'stbl', 'stco'], tc_trak + 8, tc_trak + struct.unpack('>I', data[tc_trak:tc_trak+4])[0])
+b = bytearray(data); struct.pack_into('>I', b, stco + 16, 0xFFFFFF00); save('tc_offset_past_end.mov', b)
+b = bytearray(data); struct.pack_into('>I', b, stco + 16, len(data) - 2); save('tc_sample_cut.mov', b)
+# The video sample description removed: a track that says video but has no
+# description of its pictures.
+b = bytearray(data); struct.pack_into('>I', b, stsd + 12, 0); save('video_no_stsd_entry.mov', b)
+# Nesting without end: moov holding 2000 nested atoms of the same kind.
+depth = 2000
+nest = bytearray()
+for i in range(depth):
+    nest += struct.pack('>I4s', 8 * (depth - i), b'trak')
+ftyp, ftyp_size = find(data, ['ftyp'])
+b = bytearray(data[:ftyp_size]) + struct.pack('>I4s', 8 + len(nest), b'moov') + nest
+save('deep_nesting.mov', b)
+# An ftyp alone: a movie with nothing in it.
+save('ftyp_only.mov', bytearray(data[:ftyp_size]))
+# A moov without any track.
+b = bytearray(data[:ftyp_size]) + struct.pack('>I4s', 8, b'moov'); save('moov_empty.mov', b)
+# A faststart file whose moov is cut in the middle of the sample tables.
+fmoov, fmoov_size = find(fdata, ['moov'])
+save('trunc_moov_mid.mov', fdata[:fmoov + fmoov_size // 2])
+EOF
+
+du -sh "$out"

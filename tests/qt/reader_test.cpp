@@ -1,0 +1,489 @@
+// Tests of the QuickTime movie reader: real encoder clips against ffprobe's table,
+// built movies for the cases no encoder writes, and malformed files.
+#define _FILE_OFFSET_BITS 64
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "mov_builder.h"
+#include "qtstreaming.h"
+#include "test_support.h"
+
+namespace {
+
+using vorta_test::dataPath;
+using vorta_test::TempDir;
+using vorta_test::writeFile;
+
+std::string codeText(uint32_t code) {
+  std::string s;
+  for (int shift = 24; shift >= 0; shift -= 8) s += static_cast<char>((code >> shift) & 0xFF);
+  return s;
+}
+
+std::vector<std::string> split(const std::string& text, char sep) {
+  std::vector<std::string> out;
+  std::stringstream in(text);
+  std::string item;
+  while (std::getline(in, item, sep)) out.push_back(item);
+  return out;
+}
+
+// One line of ffprobe.tsv.
+struct ProbeRow {
+  std::string file, codecTag;
+  int width = 0, height = 0;
+  std::string rate, fieldOrder;
+  unsigned frames = 0;
+  std::vector<unsigned> channels;
+  unsigned audioStreams = 0;
+  std::string timecode;
+};
+
+std::vector<ProbeRow> probeTable() {
+  std::ifstream in(dataPath("qt/ffprobe.tsv"));
+  std::string line;
+  std::getline(in, line);
+  EXPECT_EQ(
+      line,
+      "file\tcodec_tag\twidth\theight\tfield_order\trate\tframes\taudio_channels\taudio_streams\ttimecode");
+  std::vector<ProbeRow> rows;
+  while (std::getline(in, line)) {
+    const auto f = split(line, '\t');
+    if (f.size() != 10) {
+      ADD_FAILURE() << "bad line: " << line;
+      continue;
+    }
+    ProbeRow r;
+    r.file = f[0];
+    r.codecTag = f[1];
+    r.width = std::stoi(f[2]);
+    r.height = std::stoi(f[3]);
+    r.fieldOrder = f[4];
+    r.rate = f[5];
+    r.frames = static_cast<unsigned>(std::stoul(f[6]));
+    if (f[7] != "-")
+      for (const auto& c : split(f[7], ',')) r.channels.push_back(static_cast<unsigned>(std::stoul(c)));
+    r.audioStreams = static_cast<unsigned>(std::stoul(f[8]));
+    r.timecode = f[9];
+    rows.push_back(r);
+  }
+  return rows;
+}
+
+// ffprobe's field order names to the reader's field modes.
+uint32_t fieldModeFor(const std::string& order) {
+  static const std::map<std::string, uint32_t> modes = {{"progressive", 0}, {"unknown", 0}, {"tt", 1},
+                                                        {"bb", 2},          {"tb", 9},      {"bt", 14}};
+  auto it = modes.find(order);
+  EXPECT_NE(it, modes.end()) << order;
+  return it == modes.end() ? 99 : it->second;
+}
+
+// The frame number a time code text stands for (";" marks drop frame).
+uint32_t frameNumber(const std::string& tc, unsigned fps) {
+  const unsigned h = std::stoul(tc.substr(0, 2)), m = std::stoul(tc.substr(3, 2)),
+                 s = std::stoul(tc.substr(6, 2)), f = std::stoul(tc.substr(9, 2));
+  const unsigned minutes = h * 60 + m;
+  unsigned n = (minutes * 60 + s) * fps + f;
+  if (tc[8] == ';') n -= (fps / 15) * (minutes - minutes / 10);
+  return n;
+}
+
+TEST(QtReaderFixtures, EveryClipMatchesFfprobe) {
+  const auto rows = probeTable();
+  ASSERT_GE(rows.size(), 30u);
+  for (const ProbeRow& r : rows) {
+    SCOPED_TRACE(r.file);
+    CQTStreaming reader;
+    ASSERT_TRUE(reader.OpenForReading(dataPath("qt/" + r.file)));
+    CQTVideoConfiguration video;
+    CQTAudioConfiguration audio;
+    EXPECT_TRUE(reader.GetConfiguration(video));
+    EXPECT_TRUE(reader.GetConfiguration(audio));
+    EXPECT_EQ(codeText(video.codecType), r.codecTag);
+    EXPECT_EQ(video.width, r.width);
+    EXPECT_EQ(video.height, r.height);
+    const auto rate = split(r.rate, '/');
+    ASSERT_EQ(rate.size(), 2u);
+    EXPECT_NEAR(video.frameRate, std::stod(rate[0]) / std::stod(rate[1]), 1e-9);
+    EXPECT_EQ(video.fieldMode, fieldModeFor(r.fieldOrder));
+    EXPECT_EQ(video.videoLength, r.frames);
+    EXPECT_EQ(reader.audioTrackCount, r.audioStreams);
+    EXPECT_EQ(audio.audioChannelsPerTrack, r.channels.empty() ? 0u : r.channels[0]);
+    uint32_t start = 12345;
+    if (r.timecode == "-") {
+      EXPECT_FALSE(reader.GetStartingTimecode(start));
+      EXPECT_EQ(start, 12345u);
+      EXPECT_EQ(video.dropFrame, 0u);
+    } else {
+      ASSERT_TRUE(reader.GetStartingTimecode(start));
+      EXPECT_EQ(start, frameNumber(r.timecode, static_cast<unsigned>(std::lround(video.frameRate))));
+      EXPECT_EQ(video.dropFrame, r.timecode[8] == ';' ? 1u : 0u);
+    }
+  }
+}
+
+TEST(QtReaderFixtures, KnownValuesOfRealClips) {
+  CQTStreaming reader;
+  CQTVideoConfiguration video;
+  ASSERT_TRUE(reader.OpenForReading(dataPath("qt/tc_df_2997.mov")));
+  reader.GetConfiguration(video);
+  uint32_t start = 0;
+  ASSERT_TRUE(reader.GetStartingTimecode(start));
+  EXPECT_EQ(start, 107892u);  // 01:00:00;00 drop frame
+  EXPECT_EQ(video.dropFrame, 1u);
+  EXPECT_EQ(video.codecType, 0x6170636Fu);  // 'apco'
+  EXPECT_DOUBLE_EQ(video.frameRate, 30000.0 / 1001.0);
+
+  ASSERT_TRUE(reader.OpenForReading(dataPath("qt/tc_df_5994.mov")));
+  ASSERT_TRUE(reader.GetStartingTimecode(start));
+  EXPECT_EQ(start, 215784u);
+
+  ASSERT_TRUE(reader.OpenForReading(dataPath("qt/tc_ndf_25.mov")));
+  ASSERT_TRUE(reader.GetStartingTimecode(start));
+  EXPECT_EQ(start, 900000u);  // 10:00:00:00 at 25
+}
+
+TEST(QtReaderFixtures, EightMonoTracksAreAllCountedThoughOnlyTheFirstIsEnabled) {
+  CQTStreaming reader;
+  ASSERT_TRUE(reader.OpenForReading(dataPath("qt/audio_8x1.mov")));
+  CQTAudioConfiguration audio;
+  reader.GetConfiguration(audio);
+  EXPECT_EQ(reader.audioTrackCount, 8u);
+  EXPECT_EQ(audio.audioChannelsPerTrack, 1u);
+}
+
+TEST(QtReaderFixtures, HighRateAudioUsesVersionTwoDescription) {
+  // 96 kHz does not fit the 16.16 rate field, so ffmpeg writes version 2.
+  const std::string bytes = vorta_test::readFile(dataPath("qt/audio_96k.mov"));
+  const auto lpcm = bytes.find("lpcm");
+  ASSERT_NE(lpcm, std::string::npos);
+  EXPECT_EQ(bytes[lpcm + 12], '\0');
+  EXPECT_EQ(bytes[lpcm + 13], '\2');
+  CQTStreaming reader;
+  ASSERT_TRUE(reader.OpenForReading(dataPath("qt/audio_96k.mov")));
+  CQTAudioConfiguration audio;
+  reader.GetConfiguration(audio);
+  EXPECT_EQ(audio.audioChannelsPerTrack, 2u);
+}
+
+TEST(QtReaderFixtures, ReadsOnlyHeadersAndMovieAtom) {
+  // The DNxHD clip is mostly media data: a scan must not read it.
+  const std::string path = dataPath("qt/dnxhd_720p23976.mov");
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  CQTStreaming reader;
+  ASSERT_TRUE(reader.OpenForReading(path));
+  EXPECT_LT(reader.BytesRead(), 4096u);
+  EXPECT_GT(st.st_size, 300000);
+}
+
+// Malformed files: what the reader does with each one.
+struct BadCase {
+  const char* file;
+  bool opens;  // some damage leaves the video readable, but not the time code
+};
+const BadCase kBadCases[] = {
+    {"empty.mov", false},
+    {"text.mov", false},
+    {"random.mov", false},
+    {"trunc_header.mov", false},
+    {"trunc_mdat.mov", false},
+    {"trunc_moov.mov", false},
+    {"trunc_fast_moov.mov", false},
+    {"trunc_moov_mid.mov", false},
+    {"moov_beyond_file.mov", false},
+    {"size_below_8.mov", false},
+    {"size0_mid.mov", false},
+    {"child_beyond_parent.mov", false},
+    {"size64_garbage.mov", false},
+    {"huge_stts_count.mov", false},
+    {"huge_stsd_count.mov", false},
+    {"huge_stsz_count.mov", false},
+    {"video_no_stsd_entry.mov", false},
+    {"deep_nesting.mov", false},
+    {"ftyp_only.mov", false},
+    {"moov_empty.mov", false},
+    {"tc_offset_past_end.mov", true},
+    {"tc_sample_cut.mov", true},
+};
+
+TEST(QtReaderMalformed, EveryBadFixtureIsListed) {
+  std::set<std::string> listed;
+  for (const auto& c : kBadCases) listed.insert(c.file);
+  DIR* dir = opendir(dataPath("qt/bad").c_str());
+  ASSERT_NE(dir, nullptr);
+  std::set<std::string> present;
+  while (dirent* e = readdir(dir))
+    if (e->d_name[0] != '.') present.insert(e->d_name);
+  closedir(dir);
+  EXPECT_EQ(present, listed);
+}
+
+TEST(QtReaderMalformed, BadFilesAreRefusedOrReadWithoutTimecode) {
+  for (const auto& c : kBadCases) {
+    SCOPED_TRACE(c.file);
+    CQTStreaming reader;
+    const bool opened = reader.OpenForReading(dataPath(std::string("qt/bad/") + c.file));
+    EXPECT_EQ(opened, c.opens);
+    CQTVideoConfiguration video;
+    CQTAudioConfiguration audio;
+    uint32_t start = 77;
+    EXPECT_EQ(reader.GetConfiguration(video), c.opens);
+    EXPECT_EQ(reader.GetConfiguration(audio), c.opens);
+    EXPECT_FALSE(reader.GetStartingTimecode(start));
+    EXPECT_EQ(start, 77u);
+    if (!c.opens) {
+      EXPECT_EQ(video.codecType, 0u);
+      EXPECT_EQ(reader.audioTrackCount, 0u);
+    } else {
+      EXPECT_EQ(video.codecType, 0x6170636Fu);
+      EXPECT_EQ(video.videoLength, 3u);
+      EXPECT_EQ(video.dropFrame, 1u);
+    }
+    // The reader reads nothing twice but a few top-level atom headers.
+    struct stat st;
+    ASSERT_EQ(stat(dataPath(std::string("qt/bad/") + c.file).c_str(), &st), 0);
+    EXPECT_LE(reader.BytesRead(), static_cast<uint64_t>(st.st_size) + 64);
+  }
+}
+
+TEST(QtReaderMalformed, MissingDirectoryAndPipeAreRefused) {
+  TempDir dir;
+  CQTStreaming reader;
+  EXPECT_FALSE(reader.OpenForReading(dir.file("absent.mov")));
+  EXPECT_FALSE(reader.OpenForReading(dir.path()));
+  const std::string fifo = dir.file("pipe.mov");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  // Opening a FIFO for reading would wait for a writer: keep one open.
+  const int writer = open(fifo.c_str(), O_RDWR | O_NONBLOCK);
+  ASSERT_GE(writer, 0);
+  EXPECT_FALSE(reader.OpenForReading(fifo));
+  close(writer);
+  EXPECT_EQ(reader.BytesRead(), 0u);
+}
+
+TEST(QtReaderMalformed, AFailedOpenForgetsThePreviousMovie) {
+  CQTStreaming reader;
+  ASSERT_TRUE(reader.OpenForReading(dataPath("qt/audio_2x2.mov")));
+  EXPECT_EQ(reader.audioTrackCount, 2u);
+  EXPECT_FALSE(reader.OpenForReading(dataPath("qt/bad/text.mov")));
+  EXPECT_EQ(reader.audioTrackCount, 0u);
+  CQTVideoConfiguration video;
+  EXPECT_FALSE(reader.GetConfiguration(video));
+  uint32_t start;
+  EXPECT_FALSE(reader.GetStartingTimecode(start));
+}
+
+TEST(QtReaderMalformed, NothingOpenFillsNothing) {
+  CQTStreaming reader;
+  CQTVideoConfiguration video;
+  video.width = 5;
+  EXPECT_FALSE(reader.GetConfiguration(video));
+  EXPECT_EQ(video.width, 5);
+  CQTAtomConfiguration other;
+  ASSERT_TRUE(reader.OpenForReading(dataPath("qt/rate_24.mov")));
+  EXPECT_FALSE(reader.GetConfiguration(other));
+}
+
+// Built movies.
+class QtReaderBuilt : public ::testing::Test {
+ protected:
+  bool open(const std::string& bytes) {
+    path_ = dir_.file("movie.mov");
+    writeFile(path_, bytes);
+    return reader_.OpenForReading(path_);
+  }
+  CQTVideoConfiguration video() {
+    CQTVideoConfiguration v;
+    reader_.GetConfiguration(v);
+    return v;
+  }
+  uint16_t channels() {
+    CQTAudioConfiguration a;
+    reader_.GetConfiguration(a);
+    return a.audioChannelsPerTrack;
+  }
+  TempDir dir_;
+  std::string path_;
+  CQTStreaming reader_;
+};
+
+TEST_F(QtReaderBuilt, BasicMovieFieldsInOrder) {
+  movbuild::Movie m;
+  m.codec = "AVdn";
+  m.width = 1280;
+  m.height = 720;
+  m.timescale = 60000;
+  m.sampleDuration = 1001;
+  m.frames = 7;
+  ASSERT_TRUE(open(movbuild::build(m)));
+  const auto v = video();
+  EXPECT_EQ(v.codecType, 0x4156646Eu);
+  EXPECT_EQ(v.width, 1280);
+  EXPECT_EQ(v.height, 720);
+  EXPECT_EQ(v.fieldMode, 0u);
+  EXPECT_EQ(v.dropFrame, 0u);
+  EXPECT_DOUBLE_EQ(v.frameRate, 60000.0 / 1001.0);
+  EXPECT_EQ(v.videoLength, 7u);
+  EXPECT_EQ(reader_.audioTrackCount, 0u);
+  EXPECT_EQ(channels(), 0u);
+}
+
+TEST_F(QtReaderBuilt, FieldAtomValues) {
+  const std::vector<std::pair<std::pair<int, int>, uint32_t>> cases = {
+      {{1, 0}, 0}, {{2, 1}, 1}, {{2, 6}, 2}, {{2, 9}, 9}, {{2, 14}, 14}, {{3, 1}, 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.second);
+    movbuild::Movie m;
+    m.extensions = movbuild::atom("colr", std::string("nclc") + movbuild::zeros(6)) +
+                   movbuild::fiel(static_cast<uint8_t>(c.first.first), static_cast<uint8_t>(c.first.second));
+    ASSERT_TRUE(open(movbuild::build(m)));
+    EXPECT_EQ(video().fieldMode, c.second);
+  }
+}
+
+TEST_F(QtReaderBuilt, SoundDescriptionVersions) {
+  movbuild::Movie m;
+  m.audio = {{0, 2}, {1, 2}, {2, 6}};
+  ASSERT_TRUE(open(movbuild::build(m)));
+  EXPECT_EQ(reader_.audioTrackCount, 3u);
+  EXPECT_EQ(channels(), 2u);
+  m.audio = {{2, 6}};
+  ASSERT_TRUE(open(movbuild::build(m)));
+  EXPECT_EQ(channels(), 6u);
+  m.audio = {{1, 4}};
+  ASSERT_TRUE(open(movbuild::build(m)));
+  EXPECT_EQ(channels(), 4u);
+  m.audio = {{2, 70000}};  // more channels than the 16-bit record holds: unreadable
+  ASSERT_TRUE(open(movbuild::build(m)));
+  EXPECT_EQ(reader_.audioTrackCount, 1u);
+  EXPECT_EQ(channels(), 0u);
+}
+
+TEST_F(QtReaderBuilt, TimecodeThroughStcoAndCo64) {
+  movbuild::Movie m;
+  m.timescale = 30000;
+  m.sampleDuration = 1001;
+  m.timecode = true;
+  m.timecodeFlags = 0x1 | 0x2;
+  m.startFrame = 0x01020304;
+  ASSERT_TRUE(open(movbuild::build(m)));
+  uint32_t start = 0;
+  ASSERT_TRUE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(start, 0x01020304u);
+  EXPECT_EQ(video().dropFrame, 1u);
+  m.timecodeCo64 = true;
+  m.timecodeFlags = 0x2;
+  m.moovFirst = true;
+  ASSERT_TRUE(open(movbuild::build(m)));
+  ASSERT_TRUE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(start, 0x01020304u);
+  EXPECT_EQ(video().dropFrame, 0u);
+}
+
+TEST_F(QtReaderBuilt, SixtyFourBitAndToTheEndSizesAndPadding) {
+  using namespace movbuild;
+  Movie m;
+  const std::string normal = build(m);
+  // ftyp(20) wide(8) mdat moov: rebuild as ftyp free skip wide mdat64 moov(size 0).
+  const std::string ftyp = normal.substr(0, 20);
+  const std::size_t moovAt = normal.find("moov") - 4;
+  const std::string moovBody = normal.substr(moovAt + 8);
+  const std::string bytes = ftyp + atom("free", zeros(30)) + atom("skip", "") + atom("wide", "") +
+                            atom64("mdat", zeros(100)) + be32(0) + "moov" + moovBody;
+  ASSERT_TRUE(open(bytes));
+  EXPECT_EQ(video().videoLength, 3u);
+  // A 64-bit sized moov, first.
+  ASSERT_TRUE(open(ftyp + atom64("moov", moovBody) + atom("mdat", zeros(10))));
+  EXPECT_EQ(video().width, 1920);
+}
+
+TEST_F(QtReaderBuilt, MediaHeaderVersionOne) {
+  movbuild::Movie m;
+  m.mdhdVersion1 = true;
+  m.timescale = 24000;
+  m.sampleDuration = 1001;
+  ASSERT_TRUE(open(movbuild::build(m)));
+  EXPECT_DOUBLE_EQ(video().frameRate, 24000.0 / 1001.0);
+}
+
+TEST_F(QtReaderBuilt, VideoTrackWithoutSizeOrRateIsRefused) {
+  movbuild::Movie m;
+  m.width = 0;
+  EXPECT_FALSE(open(movbuild::build(m)));
+  m = movbuild::Movie();
+  m.timescale = 0;
+  EXPECT_FALSE(open(movbuild::build(m)));
+  m = movbuild::Movie();
+  m.sampleDuration = 0;
+  EXPECT_FALSE(open(movbuild::build(m)));
+  m = movbuild::Movie();
+  m.frames = 0;
+  EXPECT_FALSE(open(movbuild::build(m)));
+}
+
+TEST_F(QtReaderBuilt, TrackWithoutVideoIsRefused) {
+  using namespace movbuild;
+  const std::string ftyp = atom("ftyp", std::string("qt  ") + zeros(4));
+  const std::string sound =
+      trak("soun", mdhd(48000, 48000), stsd(soundEntry(0, 2)) + stts({{1, 1}}) + stsz(1, 6));
+  EXPECT_FALSE(open(ftyp + atom("moov", sound)));
+  // A 'vide' track whose sample description is too short for a picture.
+  const std::string shortEntry = be32(16) + "apch" + zeros(8);
+  const std::string video = trak("vide", mdhd(25, 75), stsd(shortEntry) + stts({{3, 1}}) + stsz(3));
+  EXPECT_FALSE(open(ftyp + atom("moov", video)));
+}
+
+TEST_F(QtReaderBuilt, MovieAtomBeyondTheCapIsRefusedUnread) {
+  // A sparse file whose moov claims 100 MB: refused before any of it is read.
+  const std::string path = dir_.file("big.mov");
+  const std::string head = movbuild::atom("ftyp", "qt  ") + movbuild::be32(100u << 20) + "moov";
+  writeFile(path, head);
+  ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(head.size() - 8 + (100u << 20))), 0);
+  EXPECT_FALSE(reader_.OpenForReading(path));
+  EXPECT_LT(reader_.BytesRead(), 1024u);
+}
+
+TEST_F(QtReaderBuilt, MovieAfterSeveralGigabytesOfSparseMediaReadsKilobytes) {
+  // ftyp, a 64-bit mdat of 5 GB that is never written, then the moov of a real clip.
+  const std::string clip = vorta_test::readFile(dataPath("qt/hd1080_p25.mov"));
+  const std::size_t moovAt = clip.rfind("moov") - 4;
+  const std::string moov = clip.substr(moovAt);
+  const uint64_t media = 5ull << 30;
+  const std::string head = clip.substr(0, 20) + movbuild::be32(1) + "mdat" + movbuild::be64(16 + media);
+  const std::string path = dir_.file("long.mov");
+  const int fd = ::open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(pwrite(fd, head.data(), head.size(), 0), static_cast<ssize_t>(head.size()));
+  const off_t moovOffset = static_cast<off_t>(head.size() + media);
+  const ssize_t wrote = pwrite(fd, moov.data(), moov.size(), moovOffset);
+  close(fd);
+  if (wrote != static_cast<ssize_t>(moov.size()))
+    GTEST_SKIP() << "the file system refuses a 5 GB sparse file";
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  if (static_cast<uint64_t>(st.st_blocks) * 512 > (64u << 20))
+    GTEST_SKIP() << "the file system does not keep holes";
+
+  ASSERT_TRUE(reader_.OpenForReading(path));
+  EXPECT_EQ(video().width, 1920);
+  EXPECT_EQ(video().videoLength, 2u);
+  EXPECT_LT(reader_.BytesRead(), 8192u);
+  EXPECT_GE(reader_.BytesRead(), moov.size());
+}
+
+}  // namespace
