@@ -92,8 +92,8 @@ TEST_F(Scan, FillsTheRecordFromTheFile) {
 }
 
 TEST_F(Scan, PlayabilityFollowsTheCodecFamilyAndTheHeightTable) {
-  place("hd1080_p25.mov", media.file("hd.mov"), 1000);           // ProRes proxy, 1080 lines
-  place("prores_proxy_25.mov", media.file("small.mov"), 2000);   // ProRes proxy, 36 lines
+  place("hd1080_p25.mov", media.file("hd.mov"), 1000);              // ProRes proxy, 1080 lines
+  place("prores_proxy_25.mov", media.file("small.mov"), 2000);      // ProRes proxy, 36 lines
   place("uyvy_2vuy_25.mov", media.file("uncompressed.mov"), 3000);  // neither family, 36 lines
   std::list<Clip> clips = scan(media.path(), ENCODE_PRORES_422);
   ASSERT_EQ(names(clips), (Names{"hd.mov", "small.mov", "uncompressed.mov"}));
@@ -176,14 +176,26 @@ TEST_F(Scan, AFileThatCannotBeStatedIsReportedAndSkipped) {
   ASSERT_EQ(::symlink(media.file("gone").c_str(), media.file("dangling.mov").c_str()), 0);
   testing::internal::CaptureStderr();
   EXPECT_EQ(names(scan(media.path())), (Names{"good.mov"}));
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), media.file("dangling.mov") + ": No such file or directory\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            media.file("dangling.mov") + ": No such file or directory\n");
 }
 
 TEST_F(Scan, EveryMalformedFixtureIsLeftOut) {
-  const char* bad[] = {"child_beyond_parent.mov", "deep_nesting.mov",   "empty.mov",          "ftyp_only.mov",
-                       "huge_stsd_count.mov",     "moov_beyond_file.mov", "moov_empty.mov",   "random.mov",
-                       "size0_mid.mov",           "size_below_8.mov",   "text.mov",           "trunc_header.mov",
-                       "trunc_moov.mov",          "trunc_moov_mid.mov", "video_no_stsd_entry.mov"};
+  const char* bad[] = {"child_beyond_parent.mov",
+                       "deep_nesting.mov",
+                       "empty.mov",
+                       "ftyp_only.mov",
+                       "huge_stsd_count.mov",
+                       "moov_beyond_file.mov",
+                       "moov_empty.mov",
+                       "random.mov",
+                       "size0_mid.mov",
+                       "size_below_8.mov",
+                       "text.mov",
+                       "trunc_header.mov",
+                       "trunc_moov.mov",
+                       "trunc_moov_mid.mov",
+                       "video_no_stsd_entry.mov"};
   for (const char* name : bad) writeFile(media.file(name), readFile(dataPath(std::string("qt/bad/") + name)));
   place("prores_proxy_25.mov", media.file("good.mov"), 1000);
   EXPECT_EQ(names(scan(media.path())), (Names{"good.mov"}));

@@ -201,6 +201,7 @@ class Progress {
 };
 
 int runScan(Invocation& in) {
+  in.integer("encode-type", 0, 0, 0xFFFFFFFFll);
   MediaSession session(in, true);
   std::string dir = in.args()[0];
   const long entries = countEntries(dir);
@@ -240,6 +241,7 @@ const Command kScan{
 VORTA_REGISTER_COMMAND(kScan);
 
 int runClips(Invocation& in) {
+  in.integer("encode-type", 0, 0, 0xFFFFFFFFll);  // bad values are refused before anything is opened
   MediaSession session(in, false);
   const unsigned encodeType = encodeTypeOf(in, session.params());
   printCatalogue(in, session.cache(),
@@ -268,6 +270,7 @@ const Command kClips{
 VORTA_REGISTER_COMMAND(kClips);
 
 int runAdd(Invocation& in) {
+  in.integer("encode-type", 0, 0, 0xFFFFFFFFll);
   MediaSession session(in, false);
   const std::string path = in.args()[0];
   int index = -1;

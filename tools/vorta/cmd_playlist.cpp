@@ -31,6 +31,8 @@ std::string realPath(const std::string& path) {
 int run(Invocation& in) {
   const auto& args = in.args();
   const std::string& action = args[0];
+  if (action != "write" && action != "rename" && action != "delete")
+    throw UsageError("unknown action '" + action + "' (write, rename or delete)");
   MediaSession session(in, false);
   ClipFinder& finder = session.finder();
 
@@ -67,7 +69,7 @@ int run(Invocation& in) {
     if (!finder.deletePlaylist(args[1])) throw Failure("could not delete " + dir + "/" + args[1]);
     return 0;
   }
-  throw UsageError("unknown action '" + action + "' (write, rename or delete)");
+  return 0;
 }
 
 const Command kPlaylist{
