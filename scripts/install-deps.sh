@@ -19,7 +19,7 @@ ppc=(
   g++-powerpc-linux-gnu qemu-user-static dpkg-dev
   autoconf automake libtool
 )
-fixtures=(ffmpeg libfreetype-dev fonts-dejavu-core)
+fixtures=(ffmpeg python3 libfreetype-dev fonts-dejavu-core)
 
 want=("${base[@]}")
 for group in "$@"; do
