@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <boost/interprocess/exceptions.hpp>
 #include <boost/interprocess/mapped_region.hpp>
 #include <boost/interprocess/permissions.hpp>
@@ -87,10 +88,114 @@ std::uint64_t segmentBytes(std::size_t count, std::size_t header, std::size_t sl
   return header + static_cast<std::uint64_t>(slot) * count;
 }
 
+[[noreturn]] void throwSystemError() {
+  throw bip::interprocess_exception(bip::error_info(bip::system_error_code()));
+}
+
+// The gate of a cache: a kernel record lock on the first byte of the
+// segment's file, taken through an open file description made for this one
+// call (so threads of one process exclude each other too). Every access
+// takes the gate, then the named mutex, and releases them in reverse order.
+//
+// The named mutex is a POSIX semaphore, which has no owner: a process killed
+// while holding it would leave it taken for good. The gate is released by the
+// kernel when its holder ends, however it ends. So whoever holds the gate and
+// still finds the mutex taken knows that the mutex's holder has ended (a live
+// holder would still hold the gate), and takes the mutex over as its own; it
+// is released as usual afterwards. A live holder is never broken into, and a
+// waiter recovers as soon as the kernel has closed the dead holder's files.
+// Besides the gate, the holder keeps a record lock on the second byte, an
+// ordinary per-process lock whose owner's pid other processes can query.
+//
+// Where the kernel has no open-file-description locks (before Linux 3.15),
+// or the segment's name has been removed while this process still uses it,
+// the gate is skipped and the named mutex alone guards the cache. Any other
+// failure to take the gate throws interprocess_exception.
+class Gate {
+ public:
+  Gate(const char* segmentName, bool wait) {
+    fd_ = ::shm_open(segmentName, O_RDWR | O_CLOEXEC, 0);
+    if (fd_ < 0) {
+      if (errno != ENOENT) throwSystemError();
+      return;
+    }
+    struct flock gate = lockRange(F_WRLCK, 0);
+    int rc;
+    // A signal that interrupts the wait does not end it.
+    while ((rc = ::fcntl(fd_, wait ? F_OFD_SETLKW : F_OFD_SETLK, &gate)) != 0 && errno == EINTR) {
+    }
+    if (rc != 0) {
+      const int error = errno;
+      ::close(fd_);
+      fd_ = -1;
+      busy_ = error == EAGAIN || error == EACCES;
+      if (!busy_ && error != EINVAL) {
+        errno = error;
+        throwSystemError();
+      }
+      return;
+    }
+    struct flock holder = lockRange(F_WRLCK, 1);
+    ::fcntl(fd_, F_SETLK, &holder);
+  }
+  ~Gate() {
+    if (fd_ >= 0) ::close(fd_);  // releases the gate and the holder mark
+  }
+  Gate(const Gate&) = delete;
+  Gate& operator=(const Gate&) = delete;
+
+  bool held() const { return fd_ >= 0; }
+  bool busy() const { return busy_; }
+
+  static struct flock lockRange(short type, off_t start) {
+    struct flock range;
+    std::memset(&range, 0, sizeof range);
+    range.l_type = type;
+    range.l_whence = SEEK_SET;
+    range.l_start = start;
+    range.l_len = 1;
+    return range;
+  }
+
+ private:
+  int fd_ = -1;
+  bool busy_ = false;
+};
+
+// Waits for the named mutex; a signal that interrupts the wait does not end it.
+void waitForMutex(bip::named_mutex& lock) {
+  for (;;) {
+    try {
+      lock.lock();
+      return;
+    } catch (const bip::interprocess_exception& e) {
+      if (e.get_native_error() != EINTR) throw;
+    }
+  }
+}
+
+// Takes the named mutex once the gate is held: a mutex found taken was left
+// so by a process that has ended, and is taken over. Returns the lock and
+// whether it was taken over.
+bip::scoped_lock<bip::named_mutex> takeLock(bip::named_mutex& lock, const Gate& gate, const char* segmentName,
+                                            bool* tookOver = nullptr) {
+  if (!gate.held()) {
+    waitForMutex(lock);
+    return bip::scoped_lock<bip::named_mutex>(lock, bip::accept_ownership);
+  }
+  const bool free = lock.try_lock();
+  if (!free)
+    std::fprintf(stderr, "MediaCache: %s: took over the lock left held by a process that ended\n",
+                 segmentName);
+  if (tookOver != nullptr) *tookOver = !free;
+  return bip::scoped_lock<bip::named_mutex>(lock, bip::accept_ownership);
+}
+
 // Grows a segment to at least `bytes` under its lock, so that no other
 // process is inside an image while its size changes. Never shrinks it.
 void ensureSize(bip::shared_memory_object& segment, bip::named_mutex& lock, std::uint64_t bytes) {
-  bip::scoped_lock<bip::named_mutex> guard(lock);
+  Gate gate(segment.get_name(), true);
+  bip::scoped_lock<bip::named_mutex> guard = takeLock(lock, gate, segment.get_name());
   bip::offset_t size = 0;
   if (!segment.get_size(size)) size = 0;
   if (static_cast<std::uint64_t>(size) < bytes) segment.truncate(static_cast<bip::offset_t>(bytes));
@@ -103,14 +208,42 @@ std::uint64_t sizeOf(const bip::shared_memory_object& segment) {
 }
 
 // Runs work(base, size) on the whole segment mapped read-write, holding the
-// lock from before the mapping until after the unmapping. The mapping is
-// made for this one call.
+// gate and the named mutex from before the mapping until after the
+// unmapping. The mapping is made for this one call.
 template <class Work>
 auto withImage(bip::shared_memory_object& segment, bip::named_mutex& lock, Work work) {
-  bip::scoped_lock<bip::named_mutex> guard(lock);
+  Gate gate(segment.get_name(), true);
+  bip::scoped_lock<bip::named_mutex> guard = takeLock(lock, gate, segment.get_name());
   bip::mapped_region region(segment, bip::read_write, 0, 0);
   return work(static_cast<unsigned char*>(region.get_address()),
               static_cast<std::uint64_t>(region.get_size()));
+}
+
+// Who holds a cache's lock, without waiting for it.
+MediaCache::LockState lockStateOf(bip::shared_memory_object& segment, bip::named_mutex& lock) {
+  MediaCache::LockState state;
+  Gate gate(segment.get_name(), false);
+  if (gate.held()) {
+    if (lock.try_lock()) {
+      lock.unlock();
+      state.kind = MediaCache::LockState::Free;
+    } else {
+      state.kind = MediaCache::LockState::LeftHeld;
+    }
+    return state;
+  }
+  if (!gate.busy()) {
+    state.kind = MediaCache::LockState::Unknown;
+    return state;
+  }
+  state.kind = MediaCache::LockState::Held;
+  const int fd = ::shm_open(segment.get_name(), O_RDONLY | O_CLOEXEC, 0);
+  if (fd >= 0) {
+    struct flock holder = Gate::lockRange(F_WRLCK, 1);
+    if (::fcntl(fd, F_GETLK, &holder) == 0 && holder.l_type != F_UNLCK) state.pid = holder.l_pid;
+    ::close(fd);
+  }
+  return state;
 }
 
 // Linux 5.14 and later fill the page tables of a range in one call, which
@@ -244,8 +377,12 @@ int MediaCache::WriteClipCacheToSharedMemory(std::list<Clip> clips) {
                      std::to_string(needed) + " bytes but the segment holds " + std::to_string(size));
 
     prefault(base, needed, true);
-    // The magic goes in with its NUL, which the count then overwrites.
-    std::memcpy(base, kClipMagic, sizeof kClipMagic);
+    // The image is invalidated first and its magic put in last, so that a
+    // writer that dies half-way leaves an invalid image, never a torn one.
+    // The final bytes are those of the magic with its NUL followed by the
+    // count, which lands on that NUL.
+    base[0] = '*';
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     storeCount(base + kClipMagicSize, static_cast<std::uint32_t>(count));
     unsigned char* slot = base + kClipHeaderSize;
     for (const Clip& clip : clips) {
@@ -253,6 +390,8 @@ int MediaCache::WriteClipCacheToSharedMemory(std::list<Clip> clips) {
       std::memcpy(slot, &clip, Clip::kStoredSize);
       slot += kClipSlotSize;
     }
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    std::memcpy(base, kClipMagic, kClipMagicSize);
     return 1;
   });
 }
@@ -306,6 +445,41 @@ void MediaCache::Flush() {
 }
 
 int MediaCache::Destroy() { return 1; }
+
+void MediaCache::HoldClipLock(const std::function<void()>& work) {
+  withImage(clipSegment_, clipLock_, [&work](unsigned char*, std::uint64_t) {
+    work();
+    return 0;
+  });
+}
+
+void MediaCache::HoldPlaylistLock(const std::function<void()>& work) {
+  withImage(playlistSegment_, playlistLock_, [&work](unsigned char*, std::uint64_t) {
+    work();
+    return 0;
+  });
+}
+
+MediaCache::LockState MediaCache::ClipLockState() { return lockStateOf(clipSegment_, clipLock_); }
+
+MediaCache::LockState MediaCache::PlaylistLockState() { return lockStateOf(playlistSegment_, playlistLock_); }
+
+int MediaCache::RepairLocks() {
+  int tookOver = 0;
+  bool taken = false;
+  {
+    Gate gate(clipSegment_.get_name(), true);
+    bip::scoped_lock<bip::named_mutex> guard = takeLock(clipLock_, gate, clipSegment_.get_name(), &taken);
+  }
+  tookOver += taken ? 1 : 0;
+  {
+    Gate gate(playlistSegment_.get_name(), true);
+    bip::scoped_lock<bip::named_mutex> guard =
+        takeLock(playlistLock_, gate, playlistSegment_.get_name(), &taken);
+  }
+  tookOver += taken ? 1 : 0;
+  return tookOver;
+}
 
 // ------------------------------------------------------------ playlist cache
 
@@ -446,14 +620,20 @@ int MediaCache::WritePlaylistCacheToSharedMemory(std::map<std::string, PlaylistC
                      std::to_string(needed) + " bytes but the segment holds " + std::to_string(size));
 
     prefault(base, needed, true);
-    // The magic goes in with its NUL, which the count then overwrites.
-    std::memcpy(base, kPlaylistMagic, sizeof kPlaylistMagic);
+    // The image is invalidated first and its magic put in last, so that a
+    // writer that dies half-way leaves an invalid image, never a torn one.
+    // The final bytes are those of the magic with its NUL followed by the
+    // count, which lands on that NUL.
+    base[0] = '*';
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     storeCount(base + kPlaylistMagicSize, static_cast<std::uint32_t>(count));
     unsigned char* slot = base + kPlaylistHeaderSize;
     for (const auto& element : playlists) {
       std::memcpy(slot, &element.second, kPlaylistSlotSize);
       slot += kPlaylistSlotSize;
     }
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    std::memcpy(base, kPlaylistMagic, kPlaylistMagicSize);
     return 1;
   });
 }

@@ -5,6 +5,7 @@
 #include <boost/interprocess/sync/named_mutex.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <string>
@@ -142,6 +143,35 @@ class MediaCache {
   void Flush();
   /// Returns 1 and does nothing else: the shared caches outlive every process.
   int Destroy();
+
+  // Locks. A process that ends while it holds a cache's lock (killed,
+  // crashed) does not block the others: the next process to use the cache
+  // takes the lock over as soon as the kernel has closed the ended process's
+  // files, and says so on standard error. A live holder is always waited for.
+  // A writer that ends half-way leaves an invalid image (read as empty).
+
+  /// Who holds a cache's lock.
+  struct LockState {
+    enum Kind {
+      Free,      // nobody
+      Held,      // a live process (pid, when it could be told)
+      LeftHeld,  // a process that has ended; the next access takes it over
+      Unknown,   // this system cannot tell
+    };
+    Kind kind = Unknown;
+    int pid = 0;
+  };
+  /// The state of the clip lock, found without waiting.
+  LockState ClipLockState();
+  /// The state of the playlist lock, found without waiting.
+  LockState PlaylistLockState();
+  /// Takes and releases both locks, taking over any left held by an ended
+  /// process; returns how many were taken over.
+  int RepairLocks();
+  /// Runs work while holding the clip lock, as every clip operation holds it.
+  void HoldClipLock(const std::function<void()>& work);
+  /// Runs work while holding the playlist lock.
+  void HoldPlaylistLock(const std::function<void()>& work);
 
   // Media scan and clip intake.
 

@@ -26,12 +26,42 @@ struct ImageInfo {
   std::uint64_t segmentBytes = 0;
   std::uint64_t capacity = 0;
   std::vector<std::string> names;
+  MediaCache::LockState lock;
 };
+
+const char* lockKind(const MediaCache::LockState& lock) {
+  switch (lock.kind) {
+    case MediaCache::LockState::Free:
+      return "free";
+    case MediaCache::LockState::Held:
+      return "held";
+    case MediaCache::LockState::LeftHeld:
+      return "left-held";
+    default:
+      return "unknown";
+  }
+}
+
+std::string lockText(const MediaCache::LockState& lock) {
+  switch (lock.kind) {
+    case MediaCache::LockState::Free:
+      return "lock free";
+    case MediaCache::LockState::Held:
+      return lock.pid > 0 ? "lock held by pid " + std::to_string(lock.pid) + " (running)"
+                          : "lock held (running)";
+    case MediaCache::LockState::LeftHeld:
+      return "lock left held by a process that ended (the next access takes it over; or 'vorta cache "
+             "repair')";
+    default:
+      return "lock state unknown";
+  }
+}
 
 ImageInfo clipInfo(MediaCache& cache, const MediaCacheOptions& options) {
   ImageInfo info;
   info.kind = "clip";
   info.segment = options.clipSegment;
+  info.lock = cache.ClipLockState();
   std::list<Clip> clips;
   info.valid = cache.ReadClipCacheFromSharedMemory(clips) == 1;
   info.count = clips.size();
@@ -48,6 +78,7 @@ ImageInfo playlistInfo(MediaCache& cache, const MediaCacheOptions& options) {
   ImageInfo info;
   info.kind = "playlist";
   info.segment = options.playlistSegment;
+  info.lock = cache.PlaylistLockState();
   std::map<std::string, PlaylistCacheEntry> playlists;
   info.valid = cache.ReadPlaylistCacheFromSharedMemory(playlists) == 1;
   info.count = playlists.size();
@@ -67,7 +98,7 @@ void printInfo(const ImageInfo& info) {
               << info.imageBytes << " of " << info.segmentBytes << " bytes";
   else
     std::cout << "invalid (never written or flushed), segment of " << info.segmentBytes << " bytes";
-  std::cout << ", room for " << info.capacity << " " << info.kind << "s\n";
+  std::cout << ", room for " << info.capacity << " " << info.kind << "s; " << lockText(info.lock) << "\n";
   for (const std::string& name : info.names) std::cout << "  " << name << "\n";
 }
 
@@ -79,6 +110,9 @@ cJSON* jsonInfo(const ImageInfo& info) {
   cJSON_AddNumberToObject(item, "imageBytes", static_cast<double>(info.imageBytes));
   cJSON_AddNumberToObject(item, "segmentBytes", static_cast<double>(info.segmentBytes));
   cJSON_AddNumberToObject(item, "capacity", static_cast<double>(info.capacity));
+  cJSON* lock = cJSON_AddObjectToObject(item, "lock");
+  cJSON_AddStringToObject(lock, "state", lockKind(info.lock));
+  if (info.lock.pid > 0) cJSON_AddNumberToObject(lock, "pid", info.lock.pid);
   cJSON* names = cJSON_AddArrayToObject(item, "names");
   for (const std::string& name : info.names) cJSON_AddItemToArray(names, cJSON_CreateString(name.c_str()));
   return item;
@@ -131,13 +165,20 @@ int run(Invocation& in) {
     }
     return 0;
   }
+  if (action == "repair") {
+    auto cache = openExistingCache(options);
+    const int tookOver = cache->RepairLocks();
+    std::cout << "took over " << tookOver << " lock" << (tookOver == 1 ? "" : "s")
+              << " left held by processes that ended\n";
+    return 0;
+  }
   if (action == "flush") {
     auto cache = openExistingCache(options);
     cache->Flush();
     std::cout << "flushed " << options.clipSegment << " and " << options.playlistSegment << "\n";
     return 0;
   }
-  throw UsageError("unknown action '" + action + "' (create, info, flush or remove)");
+  throw UsageError("unknown action '" + action + "' (create, info, flush, repair or remove)");
 }
 
 std::vector<Option> cacheOptions() {
@@ -152,14 +193,16 @@ std::vector<Option> cacheOptions() {
 const Command kCache{
     "cache",
     "create, inspect, flush or remove the shared clip and playlist caches",
-    "create | info | flush | remove",
+    "create | info | flush | repair | remove",
     "The clip catalogue and the playlist cache live in two POSIX shared-memory\n"
     "segments, each guarded by a named mutex, shared by every process that uses\n"
     "libvorta. 'create' makes them (or grows them) for --clips and --playlists;\n"
     "a 4000-clip segment is 26 MB of address space, but memory is only used for\n"
     "what is written. 'info' shows whether each image is valid, its count, its\n"
-    "size and the names in it. 'flush' invalidates both images. 'remove' deletes\n"
-    "the segments and mutexes from the system.",
+    "size, the names in it and who holds its lock. 'flush' invalidates both\n"
+    "images. A lock left held by a process that ended is taken over by the\n"
+    "next process that uses the cache; 'repair' does that at once. 'remove'\n"
+    "deletes the segments and mutexes from the system.",
     cacheOptions(),
     run,
     1,

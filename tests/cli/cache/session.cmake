@@ -38,7 +38,7 @@ file(WRITE "${WORK_DIR}/bad.playlist" "{\"name\":\"Bad\",\n\"cliplist\":[]}")
 step(2 "^$" "cannot open the cache ${P}.clips" cache info)
 step(0 "^clip segment ${P}.clips: 65379 bytes\nplaylist segment ${P}.playlists: 159971 bytes\n$" "^$"
   cache create --clips 10 --playlists 3)
-step(0 "^clip image in ${P}.clips: invalid \\(never written or flushed\\), segment of 65379 bytes, room for 10 clips\nplaylist image in ${P}.playlists: invalid \\(never written or flushed\\), segment of 159971 bytes, room for 3 playlists\n$"
+step(0 "^clip image in ${P}.clips: invalid \\(never written or flushed\\), segment of 65379 bytes, room for 10 clips; lock free\nplaylist image in ${P}.playlists: invalid \\(never written or flushed\\), segment of 159971 bytes, room for 3 playlists; lock free\n$"
   "^$" cache info)
 # A cliplist element that is not a string makes the file invalid.
 step(2 "^$" "^vorta playlists: ${WORK_DIR}/Day 1.playlist is not a playlist file\n$" playlists add "${_playlist}")
@@ -53,7 +53,9 @@ step(0 "\"playlists\":\t{\n\t\t\"segment\":\t\"${P}.playlists\",\n\t\t\"valid\":
   "^$" cache info --json)
 step(2 "^$" "^vorta playlists: no cached playlist has its path in 'nothing'\n$" playlists remove nothing)
 step(0 "^removed\n$" "^$" playlists remove "rm ${WORK_DIR}/Best.playlist")
-step(0 "playlist image in ${P}.playlists: valid, 1 playlist, 53339 of 159971 bytes, room for 3 playlists\n  Day 1\n$" "^$" cache info)
+step(0 "playlist image in ${P}.playlists: valid, 1 playlist, 53339 of 159971 bytes, room for 3 playlists; lock free\n  Day 1\n$" "^$" cache info)
+step(0 "^took over 0 locks left held by processes that ended\n$" "^$" cache repair)
+step(0 "\"lock\":\t{\n\t\t\t\"state\":\t\"free\"\n\t\t}" "^$" cache info --json)
 step(0 "^flushed ${P}.clips and ${P}.playlists\n$" "^$" cache flush)
 step(0 "^NAME +CLIPS +MODIFIED \\(UTC\\) +PATH\nAll Clips +0 +- *\n$" "^$" playlists)
 step(0 "playlist image in ${P}.playlists: invalid" "^$" cache info)
