@@ -2,7 +2,9 @@
 #include "media_cache.h"
 
 #include <cjson/cJSON.h>
+#include <dirent.h>
 #include <fcntl.h>
+#include <libgen.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,12 +16,18 @@
 #include <boost/interprocess/permissions.hpp>
 #include <boost/interprocess/sync/scoped_lock.hpp>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <string>
 #include <utility>
+
+#include "fileparams.h"
+#include "media_attributes.h"
+#include "productid.h"
 
 namespace bip = boost::interprocess;
 
@@ -684,6 +692,134 @@ void MediaCache::addAllClipsPlaylistToPlaylistCache(std::map<std::string, Playli
   } else {
     boundedCopy(entry.text, sizeof entry.text, text.c_str());
   }
+}
+
+// ---------------------------------------------------------------------------
+// Media scan and clip intake
+
+int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType) {
+  DIR* dir = ::opendir(directory.c_str());
+  if (dir == nullptr) return 1;  // a missing medium is not an error; caches untouched
+
+  std::list<Clip> clips;
+  std::map<std::string, PlaylistCacheEntry> playlists;
+  while (struct dirent64* entry = ::readdir64(dir)) {
+    if (entry->d_name[0] == '.') continue;
+    const std::string path = directory + "/" + entry->d_name;
+    // Substring tests on the whole path, not extension tests: a directory
+    // called media.mov makes every entry in it a clip candidate.
+    if (path.find(".mov") != std::string::npos || path.find(".MOV") != std::string::npos) {
+      Clip clip;
+      if (GrokClip(clip, path, false)) {
+        clip.playable = IsPlayable(clip, currentEncodeType);
+        clips.push_back(clip);
+      }
+    } else if (path.find(".playlist") != std::string::npos) {
+      std::unique_ptr<PlaylistCacheEntry> entryRecord(new PlaylistCacheEntry());
+      if (GrokPlaylist(*entryRecord, path)) {
+        // Keyed by the file's text: two files with the same text leave one.
+        const std::string key(entryRecord->text, strnlen(entryRecord->text, sizeof(entryRecord->text)));
+        playlists[key] = *entryRecord;
+      }
+    }
+  }
+  ::closedir(dir);
+
+  clips.sort(Clip::compare_clips_by_time);
+  WriteClipCacheToSharedMemory(clips);
+  WritePlaylistCacheToSharedMemory(playlists);
+  return 1;
+}
+
+bool MediaCache::GrokClip(Clip& clip, std::string path, bool nameOnly) {
+  std::vector<char> copy(path.begin(), path.end());
+  copy.push_back('\0');
+  const char* base = ::basename(copy.data());
+  const std::size_t baseLength = std::min(std::strlen(base), Clip::kNameSize - 1);
+  std::memcpy(clip.name, base, baseLength);
+  clip.name[baseLength] = '\0';
+  if (nameOnly) return true;
+
+  struct stat64 info;
+  if (::stat64(path.c_str(), &info) != 0) {
+    std::perror(path.c_str());
+    return false;
+  }
+  std::unique_ptr<CFileParams> params(CFileParams::create(path.c_str()));
+  if (!params) return false;
+  if (!params->FileIsValid() || params->videoLength == 0) return false;
+
+  clip.modTime = static_cast<int32_t>(info.st_mtime);
+  // Bounded copy of at most 4 characters: a code with a zero byte stops there.
+  for (int i = 0; i < 4 && params->fourCC[i] != '\0'; ++i) clip.fourCC[i] = params->fourCC[i];
+  clip.width = params->width;
+  clip.height = params->height;
+  clip.videoLength = params->videoLength;
+  clip.frameRate = params->frameRate;
+  clip.scanMode = params->scanMode;
+  std::memcpy(clip.attributes.block, params->attributes.block, sizeof(clip.attributes.block));
+  return true;
+}
+
+int MediaCache::AddClip(std::string path, unsigned int currentEncodeType, int& index, bool nameOnly) {
+  Clip clip;
+  if (!GrokClip(clip, path, nameOnly)) return 0;
+  std::list<Clip> clips;
+  ReadClipCacheFromSharedMemory(clips);
+  const std::string name(clip.name);
+  clips.remove_if(
+      [&](const Clip& c) { return std::string(c.name, strnlen(c.name, Clip::kNameSize)) == name; });
+  clip.playable = IsPlayable(clip, currentEncodeType);
+  clips.push_back(clip);
+  // The index is counted before sorting: the clip's place at the end of the
+  // unsorted list, not in the stored catalogue. Kept as the device does it.
+  index = static_cast<int>(clips.size()) - 1;
+  clips.sort(Clip::compare_clips_by_time);
+  WriteClipCacheToSharedMemory(clips);
+  return 1;
+}
+
+bool MediaCache::RemoveClip(std::string nameOrPath) {
+  std::list<Clip> clips;
+  ReadClipCacheFromSharedMemory(clips);
+  bool removed = false;
+  for (auto it = clips.begin(); it != clips.end(); ++it) {
+    const std::string name(it->name, strnlen(it->name, Clip::kNameSize));
+    if (nameOrPath.find(name) != std::string::npos) {
+      clips.erase(it);
+      removed = true;
+      break;
+    }
+  }
+  WriteClipCacheToSharedMemory(clips);  // in every case
+  return removed;
+}
+
+std::list<Clip> MediaCache::GetClips() {
+  std::list<Clip> clips;
+  ReadClipCacheFromSharedMemory(clips);
+  return clips;
+}
+
+bool MediaCache::GetEncodeType(Clip& clip, unsigned int& encodeType) {
+  const std::map<std::string, std::string> attributes = clip.attributes.getAttributesMap();
+  const auto it = attributes.find(MediaVideoEncodeType);
+  if (it == attributes.end()) return false;
+  // Read as the device's 32-bit strtol reads it: saturated at the 32-bit limits.
+  long value = std::strtol(it->second.c_str(), nullptr, 10);
+  if (value > INT32_MAX) value = INT32_MAX;
+  if (value < INT32_MIN) value = INT32_MIN;
+  encodeType = static_cast<unsigned int>(static_cast<int32_t>(value));
+  return true;
+}
+
+bool MediaCache::IsPlayable(Clip& clip, unsigned int currentEncodeType) {
+  unsigned int clipEncodeType = 0;
+  if (!GetEncodeType(clip, clipEncodeType)) return false;
+  CIsEncodeType encodeTypes;
+  if (encodeTypes.areEncodeTypesDifferentCodecs(clipEncodeType, currentEncodeType)) return false;
+  CProductID product;
+  return product.canDoHeight(clip.height);
 }
 
 }  // namespace media

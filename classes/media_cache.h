@@ -173,9 +173,35 @@ class MediaCache {
   /// Runs work while holding the playlist lock.
   void HoldPlaylistLock(const std::function<void()>& work);
 
-  // The media scan, clip intake and playability operations live with the
-  // scanner (ScanMedia, GrokClip, AddClip, RemoveClip, GetClips, IsPlayable,
-  // GetEncodeType).
+  // Media scan and clip intake.
+
+  /// Reads the media directory once and replaces both caches: every entry
+  /// whose path contains ".mov" or ".MOV" that the scanner accepts becomes a
+  /// clip (sorted by modification time, playable by IsPlayable), every valid
+  /// ".playlist" file a cached playlist. Hidden entries are skipped and
+  /// subdirectories are not entered. A directory that cannot be opened
+  /// leaves both caches untouched. Always returns 1.
+  int ScanMedia(std::string& directory, unsigned int currentEncodeType);
+  /// Fills a fresh clip from the file: its base name always; unless
+  /// nameOnly, also the modification time and the scanner's parameters.
+  /// False when the file cannot be stat'ed (perror of the path) or the
+  /// scanner refuses it or finds no video.
+  bool GrokClip(Clip& clip, std::string path, bool nameOnly);
+  /// Adds the file's clip to the catalogue, replacing every clip of the same
+  /// name. index is set to the clip's position at the end of the list
+  /// before it is sorted by time. 1 when added, 0 when intake failed.
+  int AddClip(std::string path, unsigned int currentEncodeType, int& index, bool nameOnly);
+  /// Removes the first stored clip whose name occurs in the argument and
+  /// rewrites the catalogue in every case. Whether a clip was removed.
+  bool RemoveClip(std::string nameOrPath);
+  /// The stored catalogue (empty when the cache holds none).
+  std::list<Clip> GetClips();
+  /// Playable: the clip has an encode type, of a codec family the device's
+  /// current encode type does not exclude, and a height this model plays.
+  bool IsPlayable(Clip& clip, unsigned int currentEncodeType);
+  /// The clip's "Encode Type" attribute read as a decimal number; false
+  /// (encodeType untouched) when the attribute is missing.
+  bool GetEncodeType(Clip& clip, unsigned int& encodeType);
 
   // Playlist cache.
 

@@ -1,0 +1,1 @@
+set(VORTA_FAMILY_LIBS vorta_params)

@@ -1,0 +1,298 @@
+// Tests of clip names and takes: the four schemas, take rules, slave names, rollover names.
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "clipfinder_support.h"
+
+namespace {
+
+using clipfinder_test::clip;
+using clipfinder_test::RecordingParams;
+using clipfinder_test::UniqueCaches;
+
+class Naming : public ::testing::Test {
+ protected:
+  Naming() : finder(&params, caches.config), cache(caches.config) {}
+  void onMedia(std::list<Clip> clips) { cache.WriteClipCacheToSharedMemory(clips); }
+  void slave(const std::string& master) {
+    params.setParam(eParamLinkMode, 1);
+    params.setParam(eParamLinkRole, 0);
+    params.setParam(eParamLinkClipName, 0);
+    params.setParamString(eParamMasterClipName, master);
+  }
+  std::string base() {
+    std::string name;
+    EXPECT_EQ(finder.buildClipNameBase(name, false), 0);
+    return name;
+  }
+
+  UniqueCaches caches;
+  RecordingParams params;
+  ClipFinder finder;
+  zev::media::MediaCache cache;
+};
+
+TEST_F(Naming, CalculateNextTakeKeepsAheadAndStopsAt999) {
+  EXPECT_EQ(finder.calculateNextTake(eParamTake, 5, 3), 5u);
+  EXPECT_EQ(finder.calculateNextTake(eParamTake, 3, 3), 4u);
+  EXPECT_EQ(finder.calculateNextTake(eParamTake, 998, 998), 999u);
+  EXPECT_EQ(finder.calculateNextTake(eParamTake, 1200, 0), 999u);
+  // The identifier is not consulted.
+  EXPECT_EQ(finder.calculateNextTake(eParamCustomTakeNumber, 3, 3), 4u);
+}
+
+TEST_F(Naming, StandardNameFromSceneNumberLetterAndTake) {
+  params.setParam(eParamClipNameScene, 1);
+  params.setParam(eParamClipNameNumber, 12);
+  params.setParam(eParamClipNameLetterOn, 1);
+  params.setParam(eParamClipNameLetter, 'A');
+  params.setParam(eParamTake, 3);
+  EXPECT_EQ(base(), "SC12ATK3");
+  std::string name;
+  EXPECT_EQ(finder.buildClipNameBase(name, true), 0);
+  EXPECT_EQ(name, "SC12ATK4");
+  EXPECT_EQ(params.getParam(eParamTake), 3u);  // building a name never changes the take
+}
+
+TEST_F(Naming, StandardNameWithEverythingOff) {
+  params.setParam(eParamClipNameScene, 0);
+  params.setParam(eParamClipNameNumber, 0);
+  params.setParam(eParamClipNameLetterOn, 0);
+  params.setParam(eParamTake, 1);
+  EXPECT_EQ(base(), "ClipTK1");
+  std::string name;
+  EXPECT_EQ(finder.buildClipName(name, nullptr), 0);
+  EXPECT_EQ(name, "ClipTK1.mov");
+}
+
+TEST_F(Naming, CustomNameWithAndWithoutTake) {
+  params.setParam(eParamCustomClipName, 1);
+  params.setParamString(eParamCustomClipNameText, "Interview");
+  params.setParam(eParamCustomTake, 1);
+  params.setParam(eParamCustomTakeNumber, 4);
+  EXPECT_EQ(base(), "Interview_4");
+  params.setParam(eParamCustomTake, 0);
+  EXPECT_EQ(base(), "Interview");
+}
+
+TEST_F(Naming, CameraNameWinsOverCustomAndStandard) {
+  params.setParam(eParamCustomClipName, 1);
+  params.setParamString(eParamCustomClipNameText, "Interview");
+  for (uint32_t source : {1u, 2u, 3u}) {
+    params.setParam(eParamClipNameSource, source);
+    params.setParamString(eParamREDClipName, "A001_C003_0725XY");
+    EXPECT_EQ(base(), "A001_C003_0725XY") << source;
+  }
+  params.setParam(eParamClipNameSource, 4);
+  EXPECT_EQ(base(), "Interview");
+  params.setParam(eParamClipNameSource, 0);
+  EXPECT_EQ(base(), "Interview");
+}
+
+TEST_F(Naming, InvalidCameraNameFallsThroughWithItsMessage) {
+  params.setParam(eParamClipNameSource, 2);
+  params.setParamString(eParamREDClipName, "InvalidRED");
+  params.setParam(eParamTake, 7);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(base(), "ClipTK7");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "\nbuildClipNameBase(). clipName == INVALID_RED_DATA_NAME\n");
+}
+
+TEST_F(Naming, SlaveWinsOverEverything) {
+  params.setParam(eParamClipNameSource, 1);
+  params.setParamString(eParamREDClipName, "A001_C003_0725XY");
+  slave("B002TK9");
+  EXPECT_EQ(base(), "B002TK9");
+}
+
+TEST_F(Naming, SlaveWithTheMastersNameOnMediaTakesTheNextTake) {
+  slave("A001TK3");
+  onMedia({clip("A001TK3.mov"), clip("A001TK5.mov"), clip("B001TK9.mov")});
+  EXPECT_EQ(base(), "A001TK6");
+}
+
+TEST_F(Naming, SlaveWithoutTheMastersNameOnMediaUsesIt) {
+  slave("A001TK3");
+  onMedia({clip("A001TK5.mov")});
+  EXPECT_EQ(base(), "A001TK3");
+}
+
+TEST_F(Naming, SlaveWithAnUntakenMasterNameAppendsAnUnderscore) {
+  slave("Shot");
+  onMedia({clip("Shot.mov")});
+  EXPECT_EQ(base(), "Shot_1");
+}
+
+TEST_F(Naming, SlaveUnderscoreNamesCountTheHighestUnderscoreTake) {
+  slave("Shot_2");
+  onMedia({clip("Shot_2.mov"), clip("Shot_4.mov"), clip("Other_8.mov")});
+  EXPECT_EQ(base(), "Shot_5");
+}
+
+TEST_F(Naming, SlaveTakesStopAt999) {
+  slave("A001TK999");
+  onMedia({clip("A001TK999.mov")});
+  std::string name = "x";
+  EXPECT_EQ(finder.buildClipNameBase(name, false), -1);
+  EXPECT_EQ(name, "");
+
+  slave("A001TK1000");
+  name = "x";
+  EXPECT_EQ(finder.buildClipNameBase(name, false), -1);
+  EXPECT_EQ(name, "");
+
+  slave("A001TK999");  // not on the media: used as it is
+  onMedia({});
+  EXPECT_EQ(base(), "A001TK999");
+
+  slave("A001TK5");  // on the media next to take 999
+  onMedia({clip("A001TK5.mov"), clip("A001TK999.mov")});
+  EXPECT_EQ(finder.buildClipNameBase(name, false), -1);
+  EXPECT_EQ(name, "A001TK999");
+}
+
+TEST_F(Naming, TakeAt999WithThatTakeOnMediaIsExhausted) {
+  params.setParam(eParamTake, 999);
+  std::list<Clip> clips{clip("ClipTK999.mov")};
+  std::string name;
+  EXPECT_EQ(finder.buildClipName(name, &clips), -1);
+  EXPECT_EQ(name, "ClipTK999");
+}
+
+TEST_F(Naming, TakeEqualToTheHighestOnMediaBelow999StillBuilds) {
+  for (uint32_t take : {998u, 1000u}) {
+    params.setParam(eParamTake, take);
+    std::list<Clip> clips{clip("ClipTK" + std::to_string(take) + ".mov")};
+    std::string name;
+    EXPECT_EQ(finder.buildClipName(name, &clips), 0) << take;
+    EXPECT_EQ(name, "ClipTK" + std::to_string(take) + ".mov");
+  }
+}
+
+TEST_F(Naming, ClipMatchesCurrentSchemaUpToTheToken) {
+  EXPECT_TRUE(finder.clipMatchesCurrentSchema("SC1TK2.mov", "SC1TK7", false));
+  EXPECT_FALSE(finder.clipMatchesCurrentSchema("SC12TK2.mov", "SC1TK7", false));
+  EXPECT_FALSE(finder.clipMatchesCurrentSchema("SC1_2.mov", "SC1TK7", false));
+  EXPECT_TRUE(finder.clipMatchesCurrentSchema("Shot_3.mov", "Shot_1", true));
+  EXPECT_TRUE(finder.clipMatchesCurrentSchema("TK3.mov", "TK9", false));  // token at 0 in both
+  EXPECT_FALSE(finder.clipMatchesCurrentSchema("Shot.mov", "Shot", true));
+}
+
+TEST_F(Naming, EnsureNextTakeMovesPastMatchingTakesOnly) {
+  params.setParam(eParamTake, 2);
+  std::list<Clip> clips{clip("ClipTK4.mov"), clip("ClipTK2.mov"), clip("SC1TK50.mov")};
+  finder.ensureNextRecordedTakeIsGreaterThanAnyOnMedia(clips);
+  EXPECT_EQ(params.getParam(eParamTake), 5u);
+
+  params.setParam(eParamTake, 9);  // already ahead: unchanged
+  finder.ensureNextRecordedTakeIsGreaterThanAnyOnMedia(clips);
+  EXPECT_EQ(params.getParam(eParamTake), 9u);
+
+  params.setParam(eParamTake, 999);  // above 998: unchanged
+  std::list<Clip> high{clip("ClipTK999.mov")};
+  finder.ensureNextRecordedTakeIsGreaterThanAnyOnMedia(high);
+  EXPECT_EQ(params.getParam(eParamTake), 999u);
+
+  params.setParam(eParamTake, 998);  // no bound at 999 here
+  std::list<Clip> over{clip("ClipTK1200.mov")};
+  finder.ensureNextRecordedTakeIsGreaterThanAnyOnMedia(over);
+  EXPECT_EQ(params.getParam(eParamTake), 1201u);
+}
+
+TEST_F(Naming, EnsureNextTakeUsesTheCustomTakeWithACustomName) {
+  params.setParam(eParamCustomClipName, 1);
+  params.setParam(eParamCustomTake, 1);
+  params.setParamString(eParamCustomClipNameText, "Interview");
+  params.setParam(eParamCustomTakeNumber, 1);
+  std::list<Clip> clips{clip("Interview_6.mov"), clip("ClipTK30.mov")};
+  finder.ensureNextRecordedTakeIsGreaterThanAnyOnMedia(clips);
+  EXPECT_EQ(params.getParam(eParamCustomTakeNumber), 7u);
+  EXPECT_EQ(params.getParam(eParamTake), 1u);
+}
+
+TEST_F(Naming, IncrementTakeMovesTheTakeInUse) {
+  params.setParam(eParamTake, 998);
+  EXPECT_EQ(finder.incrementTakeIfAppropriate(), 1);
+  EXPECT_EQ(params.getParam(eParamTake), 999u);
+  EXPECT_EQ(finder.incrementTakeIfAppropriate(), 1);
+  EXPECT_EQ(params.getParam(eParamTake), 1000u);  // no bound here
+}
+
+TEST_F(Naming, IncrementTakeLeavesACustomNameWithoutTakeAlone) {
+  params.setParam(eParamCustomClipName, 1);
+  params.setParam(eParamCustomTake, 0);
+  params.setParam(eParamTake, 4);
+  params.setParam(eParamCustomTakeNumber, 4);
+  EXPECT_EQ(finder.incrementTakeIfAppropriate(), 0);
+  EXPECT_EQ(params.getParam(eParamTake), 4u);
+  EXPECT_EQ(params.getParam(eParamCustomTakeNumber), 4u);
+}
+
+TEST_F(Naming, OverwriteAndCustomTakeRules) {
+  EXPECT_FALSE(finder.allowOverwriteOfExistingClips());
+  EXPECT_FALSE(finder.useCustomClipTake(false));
+  EXPECT_FALSE(finder.useCustomClipTake(true));
+  slave("M");
+  EXPECT_TRUE(finder.isSlaveUsingMasterClipName());
+  EXPECT_TRUE(finder.allowOverwriteOfExistingClips());
+  EXPECT_TRUE(finder.useCustomClipTake(false));
+  params.setParam(eParamLinkRole, 1);
+  EXPECT_FALSE(finder.isSlaveUsingMasterClipName());
+  params.setParam(eParamCustomClipName, 1);
+  params.setParam(eParamCustomTake, 0);
+  EXPECT_TRUE(finder.allowOverwriteOfExistingClips());
+  params.setParam(eParamCustomTake, 1);
+  EXPECT_FALSE(finder.allowOverwriteOfExistingClips());
+  EXPECT_TRUE(finder.useCustomClipTake(false));
+}
+
+TEST_F(Naming, RedMetaDataFormatsTheCameraName) {
+  EXPECT_EQ(finder.SetREDMetaData('A', 1, 'C', 3, 725, 'X', 'Y'), "A001_C003_0725XY");
+  std::string stored;
+  params.getParamString(eParamREDClipName, stored);
+  EXPECT_EQ(stored, "A001_C003_0725XY");
+  // The "0" is a literal, not a pad.
+  EXPECT_EQ(finder.SetREDMetaData('B', 12, 'D', 4567, 1225, 'Q', 'Z'), "B012_D4567_01225QZ");
+  // At most 18 characters.
+  EXPECT_EQ(finder.SetREDMetaData('B', 123456, 'D', 4567, 1225, 'Q', 'Z'), "B123456_D4567_0122");
+}
+
+TEST_F(Naming, RolloverIndexAddsOrIncrementsThePlus) {
+  std::string name = "A.mov", next;
+  EXPECT_EQ(finder.getClipNameWithIncrementedRolloverIndex(name, next), 0);
+  EXPECT_EQ(name, "A+0.mov");
+  EXPECT_EQ(next, "A+1.mov");
+  name = "A+1.mov";
+  EXPECT_EQ(finder.getClipNameWithIncrementedRolloverIndex(name, next), 0);
+  EXPECT_EQ(next, "A+2.mov");
+  name = "A+x.mov";
+  EXPECT_EQ(finder.getClipNameWithIncrementedRolloverIndex(name, next), 0);
+  EXPECT_EQ(next, "A+1.mov");
+  name = "A+9.mov.bak";
+  EXPECT_EQ(finder.getClipNameWithIncrementedRolloverIndex(name, next), 0);
+  EXPECT_EQ(next, "A+10.mov.bak");
+}
+
+TEST_F(Naming, RolloverIndexRefusesNamesWithoutAUsablePlace) {
+  std::string name = "A+1", next = "unchanged";
+  EXPECT_EQ(finder.getClipNameWithIncrementedRolloverIndex(name, next), -1);
+  EXPECT_EQ(next, "unchanged");
+  name = "A.b+1";
+  EXPECT_EQ(finder.getClipNameWithIncrementedRolloverIndex(name, next), -1);
+  EXPECT_EQ(next, "unchanged");
+}
+
+// Kept as the device has it: a name with neither "+" nor "." throws.
+TEST_F(Naming, RolloverIndexOfANameWithNeitherPlusNorDotThrows) {
+  std::string name = "A", next;
+  try {
+    finder.getClipNameWithIncrementedRolloverIndex(name, next);
+    FAIL() << "expected std::out_of_range";
+  } catch (const std::out_of_range& e) {
+    EXPECT_EQ(std::string(e.what()).rfind("basic_string::substr", 0), 0u) << e.what();
+  }
+}
+
+}  // namespace

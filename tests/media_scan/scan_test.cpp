@@ -1,0 +1,342 @@
+// Tests of the media scan and clip intake on real clip files.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <list>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "fileparams.h"
+#include "media_cache.h"
+#include "test_support.h"
+
+namespace {
+
+using vorta_test::dataPath;
+using vorta_test::readFile;
+using vorta_test::TempDir;
+using vorta_test::writeFile;
+using zev::media::MediaCache;
+using zev::media::MediaCacheOptions;
+using Names = std::vector<std::string>;
+
+struct UniqueCache {
+  UniqueCache() : options(MediaCacheOptions::named(vorta_test::uniqueName("vorta_scan"))) {
+    options.maxClips = 128;
+    options.maxPlaylists = 16;
+  }
+  ~UniqueCache() { MediaCache::Remove(options); }
+  MediaCacheOptions options;
+};
+
+Names names(const std::list<Clip>& clips) {
+  Names out;
+  for (const Clip& c : clips) out.emplace_back(c.name);
+  return out;
+}
+
+// Copies a committed clip into the medium under a name, with a modification time.
+void place(const std::string& fixture, const std::string& path, time_t modTime) {
+  writeFile(path, readFile(dataPath("qt/" + fixture)));
+  struct timespec times[2] = {{modTime, 0}, {modTime, 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+class Scan : public ::testing::Test {
+ protected:
+  Scan() : cache(unique.options) {}
+  std::list<Clip> scan(std::string dir, unsigned encodeType = ENCODE_PRORES_422_HQ) {
+    EXPECT_EQ(cache.ScanMedia(dir, encodeType), 1);
+    return cache.GetClips();
+  }
+  TempDir media;
+  UniqueCache unique;
+  MediaCache cache;
+};
+
+TEST_F(Scan, TakesTheClipsTheScannerAcceptsInModificationTimeOrder) {
+  place("hd1080_p25.mov", media.file("C.mov"), 3000);
+  place("hd720_p5994.mov", media.file("A.mov"), 1000);
+  place("prores_4444_25.mov", media.file("B.MOV"), 2000);
+  place("dnxhd_720p23976.mov", media.file("dnx.mov"), 500);  // refused by the codec table
+  place("h264_25.mov", media.file("h264.mov"), 600);         // refused by the codec table
+  writeFile(media.file("bad.mov"), readFile(dataPath("qt/bad/trunc_moov.mov")));
+  writeFile(media.file("text.mov"), "not a movie\n");
+  writeFile(media.file("notes.txt"), "ignored\n");
+  EXPECT_EQ(names(scan(media.path())), (Names{"A.mov", "B.MOV", "C.mov"}));
+}
+
+TEST_F(Scan, FillsTheRecordFromTheFile) {
+  place("hd1080_tff_2997.mov", media.file("A001_C003.mov"), 1234567);
+  const std::list<Clip> clips = scan(media.path());
+  ASSERT_EQ(clips.size(), 1u);
+  Clip clip = clips.front();
+  EXPECT_STREQ(clip.name, "A001_C003.mov");
+  EXPECT_EQ(clip.modTime, 1234567);
+  EXPECT_STREQ(clip.fourCC, "apco");
+  EXPECT_EQ(clip.width, 1920);
+  EXPECT_EQ(clip.height, 1080);
+  EXPECT_EQ(clip.videoLength, 2u);
+  EXPECT_NEAR(clip.frameRate, 29.97002997, 1e-6);
+  EXPECT_EQ(clip.scanMode, 1);
+  EXPECT_TRUE(clip.playable);
+  const auto attributes = clip.attributes.getAttributesMap();
+  EXPECT_EQ(attributes.at("Format"), "1920x1080i29.97");
+  EXPECT_EQ(attributes.at("Encode Type"), "3");
+}
+
+TEST_F(Scan, PlayabilityFollowsTheCodecFamilyAndTheHeightTable) {
+  place("hd1080_p25.mov", media.file("hd.mov"), 1000);              // ProRes proxy, 1080 lines
+  place("prores_proxy_25.mov", media.file("small.mov"), 2000);      // ProRes proxy, 36 lines
+  place("uyvy_2vuy_25.mov", media.file("uncompressed.mov"), 3000);  // neither family, 36 lines
+  std::list<Clip> clips = scan(media.path(), ENCODE_PRORES_422);
+  ASSERT_EQ(names(clips), (Names{"hd.mov", "small.mov", "uncompressed.mov"}));
+  EXPECT_TRUE(clips.front().playable);
+  EXPECT_FALSE(std::next(clips.begin())->playable);  // height 36 is not played
+  EXPECT_FALSE(clips.back().playable);
+  clips = scan(media.path(), 5);  // the device in a DNxHD mode
+  EXPECT_FALSE(clips.front().playable);
+  clips = scan(media.path(), ENCODE_PRORES_4444);  // neither family: no codec refusal
+  EXPECT_TRUE(clips.front().playable);
+}
+
+TEST_F(Scan, ADirectoryNamedLikeAClipMakesEveryEntryACandidate) {
+  const std::string dir = media.file("media.mov");
+  ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
+  place("hd1080_p25.mov", dir + "/take.txt", 1000);
+  writeFile(dir + "/list.playlist", R"({"name":"L","cliplist":[]})");
+  place("hd1080_p25.mov", dir + "/.hidden.mov", 2000);
+  EXPECT_EQ(names(scan(dir)), (Names{"take.txt"}));
+  // The playlist's path holds ".mov" too, so it was tried as a clip, not as a playlist.
+  EXPECT_EQ(cache.GetPlaylists().size(), 1u);
+}
+
+TEST_F(Scan, ABackupNamedClipMovBakIsTakenToo) {
+  place("hd1080_p25.mov", media.file("clip.mov.bak"), 1000);
+  EXPECT_EQ(names(scan(media.path())), (Names{"clip.mov.bak"}));
+}
+
+TEST_F(Scan, TwoScansGiveTheSameCatalogueWhateverTheDirectoryOrder) {
+  const char* order[] = {"e.mov", "a.mov", "d.mov", "b.mov", "c.mov"};
+  time_t t = 5000;
+  for (const char* name : order) place("prores_proxy_25.mov", media.file(name), t -= 100);
+  const Names expected{"c.mov", "b.mov", "d.mov", "a.mov", "e.mov"};
+  EXPECT_EQ(names(scan(media.path())), expected);
+  EXPECT_EQ(names(scan(media.path())), expected);
+}
+
+TEST_F(Scan, EqualModificationTimesKeepTheDirectoryOrder) {
+  place("prores_proxy_25.mov", media.file("x.mov"), 1000);
+  place("prores_proxy_25.mov", media.file("y.mov"), 1000);
+  const Names first = names(scan(media.path()));
+  EXPECT_EQ(first.size(), 2u);
+  EXPECT_EQ(names(scan(media.path())), first);
+}
+
+TEST_F(Scan, PlaylistFilesWithTheSameTextGiveOneCachedPlaylist) {
+  const std::string text = R"({"name":"Reel","cliplist":["a.mov"]})";
+  writeFile(media.file("one.playlist"), text);
+  writeFile(media.file("two.playlist"), text);
+  writeFile(media.file("other.playlist"), R"({"name":"Other","cliplist":[]})");
+  writeFile(media.file("bad.playlist"), R"({"name":"Bad","cliplist":[1]})");
+  scan(media.path());
+  const auto playlists = cache.GetPlaylists();
+  EXPECT_EQ(playlists.size(), 3u);  // one of one/two, other, and "All Clips"
+  EXPECT_EQ(playlists.count("other"), 1u);
+  EXPECT_EQ(playlists.count("one") + playlists.count("two"), 1u);
+  EXPECT_EQ(playlists.count("bad"), 0u);
+}
+
+TEST_F(Scan, ReplacesBothCachesWhole) {
+  place("prores_proxy_25.mov", media.file("old.mov"), 1000);
+  writeFile(media.file("old.playlist"), R"({"name":"Old","cliplist":[]})");
+  scan(media.path());
+  TempDir other;
+  place("prores_proxy_25.mov", other.file("new.mov"), 1000);
+  EXPECT_EQ(names(scan(other.path())), (Names{"new.mov"}));
+  EXPECT_EQ(cache.GetPlaylists().count("old"), 0u);
+}
+
+TEST_F(Scan, AMissingDirectoryLeavesBothCachesUntouched) {
+  place("prores_proxy_25.mov", media.file("kept.mov"), 1000);
+  writeFile(media.file("kept.playlist"), R"({"name":"Kept","cliplist":[]})");
+  scan(media.path());
+  EXPECT_EQ(names(scan(media.file("no-such-dir"))), (Names{"kept.mov"}));
+  EXPECT_EQ(cache.GetPlaylists().count("kept"), 1u);
+}
+
+TEST_F(Scan, AFileThatCannotBeStatedIsReportedAndSkipped) {
+  place("prores_proxy_25.mov", media.file("good.mov"), 1000);
+  ASSERT_EQ(::symlink(media.file("gone").c_str(), media.file("dangling.mov").c_str()), 0);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(names(scan(media.path())), (Names{"good.mov"}));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            media.file("dangling.mov") + ": No such file or directory\n");
+}
+
+TEST_F(Scan, EveryMalformedFixtureIsLeftOut) {
+  const char* bad[] = {"child_beyond_parent.mov",
+                       "deep_nesting.mov",
+                       "empty.mov",
+                       "ftyp_only.mov",
+                       "huge_stsd_count.mov",
+                       "moov_beyond_file.mov",
+                       "moov_empty.mov",
+                       "random.mov",
+                       "size0_mid.mov",
+                       "size_below_8.mov",
+                       "text.mov",
+                       "trunc_header.mov",
+                       "trunc_moov.mov",
+                       "trunc_moov_mid.mov",
+                       "video_no_stsd_entry.mov"};
+  for (const char* name : bad) writeFile(media.file(name), readFile(dataPath(std::string("qt/bad/") + name)));
+  place("prores_proxy_25.mov", media.file("good.mov"), 1000);
+  EXPECT_EQ(names(scan(media.path())), (Names{"good.mov"}));
+}
+
+TEST_F(Scan, AddingToAnEmptyCatalogueGivesIndexZero) {
+  place("prores_proxy_25.mov", media.file("a.mov"), 1000);
+  cache.WriteClipCacheToSharedMemory({});
+  int index = -1;
+  EXPECT_EQ(cache.AddClip(media.file("a.mov"), ENCODE_PRORES_422, index, false), 1);
+  EXPECT_EQ(index, 0);
+}
+
+// The index is the clip's place at the end of the list before sorting.
+TEST_F(Scan, AddingCountsTheIndexBeforeSorting) {
+  for (const char* name : {"b.mov", "c.mov", "d.mov"}) place("prores_proxy_25.mov", media.file(name), 2000);
+  scan(media.path());
+  place("prores_proxy_25.mov", media.file("first.mov"), 1000);
+  int index = -1;
+  EXPECT_EQ(cache.AddClip(media.file("first.mov"), ENCODE_PRORES_422, index, false), 1);
+  EXPECT_EQ(index, 3);
+  EXPECT_EQ(names(cache.GetClips()).front(), "first.mov");
+}
+
+TEST_F(Scan, AddingAStoredNameReplacesTheOldRecord) {
+  place("prores_proxy_25.mov", media.file("a.mov"), 1000);
+  place("prores_proxy_25.mov", media.file("b.mov"), 2000);
+  scan(media.path());
+  place("hd1080_p25.mov", media.file("a.mov"), 3000);
+  int index = -1;
+  EXPECT_EQ(cache.AddClip(media.file("a.mov"), ENCODE_PRORES_422, index, false), 1);
+  const std::list<Clip> clips = cache.GetClips();
+  EXPECT_EQ(names(clips), (Names{"b.mov", "a.mov"}));
+  EXPECT_EQ(clips.back().height, 1080);
+}
+
+TEST_F(Scan, AFailedIntakeLeavesTheCatalogueAndIndexAlone) {
+  place("prores_proxy_25.mov", media.file("a.mov"), 1000);
+  scan(media.path());
+  writeFile(media.file("bad.mov"), "not a movie");
+  int index = 42;
+  EXPECT_EQ(cache.AddClip(media.file("bad.mov"), ENCODE_PRORES_422, index, false), 0);
+  EXPECT_EQ(index, 42);
+  EXPECT_EQ(names(cache.GetClips()), (Names{"a.mov"}));
+}
+
+TEST_F(Scan, ANameOnlyClipIsNeverPlayable) {
+  cache.WriteClipCacheToSharedMemory({});
+  int index = -1;
+  EXPECT_EQ(cache.AddClip("/media/ZEV/Shot_3.mov", ENCODE_PRORES_422, index, true), 1);
+  const std::list<Clip> clips = cache.GetClips();
+  ASSERT_EQ(clips.size(), 1u);
+  EXPECT_STREQ(clips.front().name, "Shot_3.mov");
+  EXPECT_FALSE(clips.front().playable);
+  EXPECT_EQ(clips.front().fourCC[0], '\0');
+}
+
+TEST_F(Scan, RemoveTakesTheFirstClipWhoseNameIsInTheArgument) {
+  for (const char* name : {"A.mov", "AB.mov"}) place("prores_proxy_25.mov", media.file(name), 1000);
+  scan(media.path());
+  EXPECT_TRUE(cache.RemoveClip("/media/ZEV/AB.mov"));
+  EXPECT_EQ(cache.GetClips().size(), 1u);
+}
+
+TEST_F(Scan, RemovingNothingStillRewritesTheCatalogue) {
+  place("prores_proxy_25.mov", media.file("a.mov"), 1000);
+  scan(media.path());
+  EXPECT_FALSE(cache.RemoveClip("/elsewhere/z.mov"));
+  EXPECT_EQ(names(cache.GetClips()), (Names{"a.mov"}));
+  cache.FlushClips();
+  std::list<Clip> none;
+  EXPECT_EQ(cache.ReadClipCacheFromSharedMemory(none), 0);
+  EXPECT_FALSE(cache.RemoveClip("z.mov"));
+  EXPECT_EQ(cache.ReadClipCacheFromSharedMemory(none), 1);  // written back, valid and empty
+  EXPECT_TRUE(none.empty());
+}
+
+TEST_F(Scan, AClipWithoutAnEncodeTypeIsNotPlayable) {
+  Clip clip;
+  clip.height = 1080;
+  std::memcpy(clip.attributes.block, "Format\n1920x1080p25\n", 20);
+  unsigned type = 77;
+  EXPECT_FALSE(cache.GetEncodeType(clip, type));
+  EXPECT_EQ(type, 77u);
+  EXPECT_FALSE(cache.IsPlayable(clip, ENCODE_PRORES_422));
+  std::memcpy(clip.attributes.block, "Encode Type\n1\n", 15);
+  EXPECT_TRUE(cache.GetEncodeType(clip, type));
+  EXPECT_EQ(type, 1u);
+  EXPECT_TRUE(cache.IsPlayable(clip, ENCODE_PRORES_422));
+  EXPECT_FALSE(cache.IsPlayable(clip, 4));
+  clip.height = 2160;
+  EXPECT_FALSE(cache.IsPlayable(clip, ENCODE_PRORES_422));
+}
+
+TEST_F(Scan, GrokClipSetsTheTimeOnlyOnSuccess) {
+  writeFile(media.file("bad.mov"), "not a movie");
+  Clip clip;
+  clip.modTime = 99;
+  EXPECT_FALSE(cache.GrokClip(clip, media.file("bad.mov"), false));
+  EXPECT_STREQ(clip.name, "bad.mov");
+  EXPECT_EQ(clip.modTime, 99);
+  Clip nameOnly;
+  EXPECT_TRUE(cache.GrokClip(nameOnly, "/no/such/dir/x.mov", true));
+  EXPECT_STREQ(nameOnly.name, "x.mov");
+}
+
+// A reader in another process sees the whole old or the whole new catalogue, never a mix.
+TEST_F(Scan, AReaderInAnotherProcessSeesWholeCataloguesOnly) {
+  TempDir a, b;
+  for (const char* name : {"a1.mov", "a2.mov", "a3.mov"}) place("prores_proxy_25.mov", a.file(name), 1000);
+  for (const char* name : {"b1.mov", "b2.mov", "b3.mov", "b4.mov", "b5.mov"})
+    place("prores_proxy_25.mov", b.file(name), 1000);
+  const std::set<Names> expected{names(scan(a.path())), names(scan(b.path()))};
+  ASSERT_EQ(expected.size(), 2u);
+
+  int ready[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::close(ready[0]);
+    MediaCache reader(unique.options);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    int reads = 0;
+    bool signalled = false;
+    while (std::chrono::steady_clock::now() < end || reads < 20) {
+      if (expected.count(names(reader.GetClips())) == 0) _exit(1);
+      if (++reads == 1 && !signalled) {
+        signalled = ::write(ready[1], "r", 1) == 1;
+      }
+    }
+    _exit(0);
+  }
+  ::close(ready[1]);
+  char byte;
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+  ::close(ready[0]);
+  for (int round = 0; round < 20; ++round) scan(round % 2 ? a.path() : b.path());
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a read saw a mixed catalogue";
+}
+
+}  // namespace
