@@ -1,5 +1,4 @@
 // vorta burn: burns a time code into a test frame of a frame-buffer format and writes it as a PNG.
-#include <png.h>
 
 #include <algorithm>
 #include <climits>
@@ -10,6 +9,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "png_output.h"
 #include "rp188.h"
 
 namespace {
@@ -229,33 +229,7 @@ void lineToRgb(const Frame& f, int y, unsigned char* rgb) {
 }
 
 void writePng(const Frame& f, const std::string& path) {
-  FILE* file = std::fopen(path.c_str(), "wb");
-  if (file == nullptr) throw Failure("cannot write " + path);
-  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-  png_infop info = png != nullptr ? png_create_info_struct(png) : nullptr;
-  std::vector<unsigned char> rgb(static_cast<std::size_t>(f.width) * 3);
-  bool ok = png != nullptr && info != nullptr;
-  // libpng reports errors by longjmp; only plain data lives in this frame.
-  if (ok && setjmp(png_jmpbuf(png)) == 0) {
-    png_init_io(png, file);
-    png_set_IHDR(png, info, static_cast<png_uint_32>(f.width), static_cast<png_uint_32>(f.height), 8,
-                 PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
-                 PNG_FILTER_TYPE_DEFAULT);
-    png_write_info(png, info);
-    for (int y = 0; y < f.height; ++y) {
-      lineToRgb(f, y, rgb.data());
-      png_write_row(png, rgb.data());
-    }
-    png_write_end(png, nullptr);
-  } else {
-    ok = false;
-  }
-  png_destroy_write_struct(&png, &info);
-  if (std::fclose(file) != 0) ok = false;
-  if (!ok) {
-    std::remove(path.c_str());
-    throw Failure("cannot write " + path);
-  }
+  writeRgbPng(path, f.width, f.height, [&f](int y, unsigned char* out) { lineToRgb(f, y, out); });
 }
 
 int run(Invocation& in) {

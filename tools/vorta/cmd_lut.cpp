@@ -1,12 +1,9 @@
 // vorta lut: reads a colour look-up table file, shows its entries and draws its curves as a PNG.
-#ifdef VORTA_HAVE_PNG
-#include <png.h>
-#endif
 
 #include <algorithm>
-#include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -14,6 +11,7 @@
 
 #include "cli.h"
 #include "lut_utils.h"
+#include "png_output.h"
 
 namespace {
 
@@ -55,30 +53,10 @@ class Canvas {
   // Throws Failure when the file cannot be written.
   void writePng(const std::string& path) const {
 #ifdef VORTA_HAVE_PNG
-    std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "wb"), &std::fclose);
-    if (!file) throw Failure("cannot write '" + path + "'");
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-    png_infop info = png ? png_create_info_struct(png) : nullptr;
-    if (png == nullptr || info == nullptr) {
-      png_destroy_write_struct(&png, nullptr);
-      throw Failure("cannot write '" + path + "': out of memory");
-    }
-    std::vector<png_bytep> rows(static_cast<std::size_t>(height_));
-    for (int y = 0; y < height_; ++y)
-      rows[y] = reinterpret_cast<png_bytep>(const_cast<Rgb*>(&pixels_[static_cast<std::size_t>(y) * width_]));
-    if (setjmp(png_jmpbuf(png))) {
-      png_destroy_write_struct(&png, &info);
-      throw Failure("cannot write '" + path + "'");
-    }
-    png_init_io(png, file.get());
-    png_set_IHDR(png, info, static_cast<png_uint_32>(width_), static_cast<png_uint_32>(height_), 8,
-                 PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
-                 PNG_FILTER_TYPE_DEFAULT);
-    png_write_info(png, info);
-    png_write_image(png, rows.data());
-    png_write_end(png, nullptr);
-    png_destroy_write_struct(&png, &info);
-    if (std::fflush(file.get()) != 0) throw Failure("cannot write '" + path + "'");
+    writeRgbPng(path, width_, height_, [this](int y, unsigned char* out) {
+      std::memcpy(out, &pixels_[static_cast<std::size_t>(y) * static_cast<std::size_t>(width_)],
+                  3 * static_cast<std::size_t>(width_));
+    });
 #else
     throw Failure("cannot write '" + path + "': this vorta was built without libpng");
 #endif
