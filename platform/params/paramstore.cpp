@@ -156,6 +156,28 @@ bool writeAtomically(const std::string& path, const cJSON* doc) {
   return ok;
 }
 
+// Replaces one member of the file under the write lock: read, change, write
+// atomically. A file that is not a parameter file is never overwritten.
+int updateFile(const std::string& path, eParam_t id, cJSON* value) {
+  Json owned(value);
+  WriteLock lock(path);
+  if (!lock.held()) {
+    std::perror((path + ".lock").c_str());
+    return 0;
+  }
+  Json doc;
+  const FileState state = readFile(path, doc);
+  if (state == FileState::Bad) {
+    std::fprintf(stderr, "%s: not a parameter file (a JSON object); left as it is\n", path.c_str());
+    return 0;
+  }
+  if (state == FileState::Missing) doc.reset(cJSON_CreateObject());
+  const std::string key = keyOf(id);
+  cJSON_DeleteItemFromObjectCaseSensitive(doc.get(), key.c_str());
+  cJSON_AddItemToObject(doc.get(), key.c_str(), owned.release());
+  return writeAtomically(path, doc.get()) ? 1 : 0;
+}
+
 }  // namespace
 
 const std::vector<ParamInfo>& knownParams() { return kParams; }
@@ -249,22 +271,7 @@ bool FileParamStore::hasParam(eParam_t id) {
 }
 
 int FileParamStore::setParam(eParam_t id, uint32_t value) {
-  WriteLock lock(path_);
-  if (!lock.held()) {
-    std::perror((path_ + ".lock").c_str());
-    return 0;
-  }
-  Json doc;
-  const FileState state = readFile(path_, doc);
-  if (state == FileState::Bad) {
-    std::fprintf(stderr, "%s: not a parameter file (a JSON object); left as it is\n", path_.c_str());
-    return 0;
-  }
-  if (state == FileState::Missing) doc.reset(cJSON_CreateObject());
-  const std::string key = keyOf(id);
-  cJSON_DeleteItemFromObjectCaseSensitive(doc.get(), key.c_str());
-  cJSON_AddNumberToObject(doc.get(), key.c_str(), static_cast<double>(value));
-  return writeAtomically(path_, doc.get()) ? 1 : 0;
+  return updateFile(path_, id, cJSON_CreateNumber(static_cast<double>(value)));
 }
 
 uint32_t FileParamStore::getParam(eParam_t id) {
@@ -298,22 +305,7 @@ int FileParamStore::getParamValue(eParam_t id, uint32_t& value) {
 }
 
 int FileParamStore::setParamString(eParam_t id, const std::string& text) {
-  WriteLock lock(path_);
-  if (!lock.held()) {
-    std::perror((path_ + ".lock").c_str());
-    return 0;
-  }
-  Json doc;
-  const FileState state = readFile(path_, doc);
-  if (state == FileState::Bad) {
-    std::fprintf(stderr, "%s: not a parameter file (a JSON object); left as it is\n", path_.c_str());
-    return 0;
-  }
-  if (state == FileState::Missing) doc.reset(cJSON_CreateObject());
-  const std::string key = keyOf(id);
-  cJSON_DeleteItemFromObjectCaseSensitive(doc.get(), key.c_str());
-  cJSON_AddStringToObject(doc.get(), key.c_str(), text.c_str());
-  return writeAtomically(path_, doc.get()) ? 1 : 0;
+  return updateFile(path_, id, cJSON_CreateString(text.c_str()));
 }
 
 int FileParamStore::getParamString(eParam_t id, std::string& value) {
