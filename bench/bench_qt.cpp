@@ -15,94 +15,18 @@
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "zevqtfileparams.h"
 
 namespace {
 
-constexpr int kClips = 1000;
-
-/// A temporary directory holding kClips copies of the well-formed fixtures.
-class ClipDir {
- public:
-  ClipDir() {
-    char pattern[] = "/tmp/bench_qt_XXXXXX";
-    if (!mkdtemp(pattern)) std::abort();
-    dir_ = pattern;
-    // The fixtures sit beside this source: bench/../tests/data/qt.
-    std::string source = __FILE__;
-    source = source.substr(0, source.rfind('/')) + "/../tests/data/qt";
-    std::vector<std::string> fixtures;
-    DIR* d = opendir(source.c_str());
-    if (!d) std::abort();
-    while (dirent* e = readdir(d)) {
-      const std::string name = e->d_name;
-      if (name.size() > 4 &&
-          (name.substr(name.size() - 4) == ".mov" || name.substr(name.size() - 4) == ".MOV"))
-        fixtures.push_back(name);
-    }
-    closedir(d);
-    if (fixtures.empty()) std::abort();
-    for (int i = 0; i < kClips; ++i) {
-      const std::string& name = fixtures[static_cast<std::size_t>(i) % fixtures.size()];
-      const std::string path = dir_ + "/" + std::to_string(i) + "_" + name;
-      std::ifstream in(source + "/" + name, std::ios::binary);
-      std::ofstream out(path, std::ios::binary);
-      out << in.rdbuf();
-      paths_.push_back(path);
-    }
-  }
-  ~ClipDir() {
-    for (const auto& p : paths_) unlink(p.c_str());
-    rmdir(dir_.c_str());
-  }
-  const std::vector<std::string>& paths() const { return paths_; }
-
- private:
-  std::string dir_;
-  std::vector<std::string> paths_;
-};
+using bench_support::ClipDir;
+using bench_support::ioFloor;
+using bench_support::kClips;
 
 ClipDir& clips() {
   static ClipDir dir;
   return dir;
-}
-
-uint32_t be32(const unsigned char* p) {
-  return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | uint32_t(p[3]);
-}
-
-/// The least any scanner must do: stat, open, read the top-level atom
-/// headers up to the moov, read the whole moov, close.
-std::size_t ioFloor(const std::string& path, std::vector<unsigned char>& moov) {
-  struct stat st;
-  if (stat(path.c_str(), &st) != 0) return 0;
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return 0;
-  const uint64_t size = static_cast<uint64_t>(st.st_size);
-  uint64_t offset = 0;
-  std::size_t got = 0;
-  while (size - offset >= 8) {
-    unsigned char h[16];
-    if (pread(fd, h, 16, static_cast<off_t>(offset)) < 8) break;
-    uint64_t atomSize = be32(h);
-    uint64_t header = 8;
-    if (atomSize == 1) {
-      atomSize = (uint64_t(be32(h + 8)) << 32) | be32(h + 12);
-      header = 16;
-    } else if (atomSize == 0) {
-      atomSize = size - offset;
-    }
-    if (atomSize < header || atomSize > size - offset) break;
-    if (be32(h + 4) == 0x6D6F6F76) {  // 'moov'
-      moov.resize(static_cast<std::size_t>(atomSize - header));
-      const ssize_t n = pread(fd, moov.data(), moov.size(), static_cast<off_t>(offset + header));
-      got = n > 0 ? static_cast<std::size_t>(n) : 0;
-      break;
-    }
-    offset += atomSize;
-  }
-  close(fd);
-  return got;
 }
 
 double gFloorNsPerFile = 0;
