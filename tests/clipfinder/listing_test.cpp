@@ -1,6 +1,10 @@
 // Tests of ClipFinder's listing: cache order, reversal, the current playlist, unplayable clips, the shell.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <boost/interprocess/exceptions.hpp>
 #include <chrono>
 #include <cstring>
 
@@ -172,6 +176,55 @@ TEST(FileUtilsShell, WithoutABufferWaitsAQuarterOfASecond) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(utils.shell("true", nullptr), 0);
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(240));
+}
+
+}  // namespace
+
+namespace {
+
+// A real medium scanned through ClipFinder, then listed every way.
+TEST(ListingScannedMedium, PlaylistReversalAndFilterOverRealClips) {
+  vorta_test::TempDir media;
+  UniqueCaches caches;
+  RecordingParams params;
+  ClipFinder finder(&params, caches.config);
+  const char* files[][2] = {
+      {"hd1080_p25.mov", "A.mov"}, {"hd720_p5994.mov", "B.mov"}, {"prores_proxy_25.mov", "C.mov"}};
+  time_t t = 1000;
+  for (const auto& f : files) {
+    vorta_test::writeFile(media.file(f[1]),
+                          vorta_test::readFile(vorta_test::dataPath(std::string("qt/") + f[0])));
+    struct timespec times[2] = {{t, 0}, {t, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, media.file(f[1]).c_str(), times, 0), 0);
+    t += 100;
+  }
+  vorta_test::writeFile(media.file("Reel.playlist"),
+                        R"({"name":"Reel","cliplist":["C.mov","B.mov","A.mov"]})");
+  params.setParam(eParamEncodeType, 1);
+  ASSERT_EQ(finder.scanMedia(media.path()), 0);
+
+  EXPECT_EQ(names(finder.findClips(true, false, true)), (Names{"A.mov", "B.mov", "C.mov"}));
+  EXPECT_EQ(names(finder.findClips(true, false, false)), (Names{"A.mov", "B.mov"}));  // C is 36 lines high
+  params.setParamString(eParamCurrentPlaylist, "Reel");
+  params.setParam(eParamPlaybackMode, 2);
+  EXPECT_EQ(names(finder.findClips(true, true, true)), (Names{"C.mov", "B.mov", "A.mov"}));
+  EXPECT_EQ(names(finder.findClips(false, true, true)), (Names{"A.mov", "B.mov", "C.mov"}));
+  EXPECT_EQ(names(finder.findClips(false, true, false)), (Names{"A.mov", "B.mov"}));
+}
+
+// The busy parameter goes back to 2 also when the scan ends in an exception
+// (here a catalogue larger than the clip segment).
+TEST(ListingScannedMedium, BusyIsSetBackWhenTheScanThrows) {
+  vorta_test::TempDir media;
+  UniqueCaches caches;
+  caches.config.maxClips = 1;
+  RecordingParams params;
+  ClipFinder finder(&params, caches.config);
+  for (const char* name : {"A.mov", "B.mov"})
+    vorta_test::writeFile(media.file(name),
+                          vorta_test::readFile(vorta_test::dataPath("qt/prores_proxy_25.mov")));
+  EXPECT_THROW(finder.scanMedia(media.path()), boost::interprocess::interprocess_exception);
+  EXPECT_EQ(params.busyWrites(), (std::vector<uint32_t>{1, 2}));
 }
 
 }  // namespace
