@@ -1,0 +1,127 @@
+// vorta: memory for one large piece of work, mapped in block-aligned chunks and given back whole.
+#include "internal/work_arena.h"
+
+#include <sys/mman.h>
+
+#include <cstdint>
+
+// Linux 5.14 and later fill the page tables of a range in one call; an older
+// kernel refuses the advice and the pages fault in as they are touched.
+#ifndef MADV_POPULATE_WRITE
+#define MADV_POPULATE_WRITE 23
+#endif
+
+namespace zev {
+namespace detail {
+
+namespace {
+
+std::uintptr_t roundUp(std::uintptr_t value, std::uintptr_t unit) { return (value + unit - 1) / unit * unit; }
+
+}  // namespace
+
+WorkArena::WorkArena(std::size_t chunkBytes)
+    : chunkBytes_(chunkBytes == 0 ? kBlock : static_cast<std::size_t>(roundUp(chunkBytes, kBlock))) {}
+
+WorkArena::~WorkArena() {
+  for (Chunk& chunk : chunks_) unmap(chunk);
+}
+
+void WorkArena::newChunk(std::size_t atLeast) {
+  if (atLeast > static_cast<std::size_t>(-1) - 2 * kBlock) throw std::bad_alloc();
+  const std::size_t size =
+      static_cast<std::size_t>(roundUp(atLeast > chunkBytes_ ? atLeast : chunkBytes_, kBlock));
+  // One block more than needed, so that the usable range can start on a
+  // block boundary, where the kernel can back it with huge pages.
+  const std::size_t mapSize = size + kBlock;
+  chunks_.reserve(chunks_.size() + 1);
+  void* mapped = ::mmap(nullptr, mapSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (mapped == MAP_FAILED) throw std::bad_alloc();
+  unsigned char* map = static_cast<unsigned char*>(mapped);
+  unsigned char* base =
+      reinterpret_cast<unsigned char*>(roundUp(reinterpret_cast<std::uintptr_t>(map), kBlock));
+  // Trim the mapping to the usable range.
+  if (base > map) ::munmap(map, static_cast<std::size_t>(base - map));
+  if (map + mapSize > base + size)
+    ::munmap(base + size, static_cast<std::size_t>(map + mapSize - (base + size)));
+#ifdef MADV_HUGEPAGE
+  ::madvise(base, size, MADV_HUGEPAGE);  // advice only: refused where there are no huge pages
+#endif
+  chunks_.push_back(Chunk{base, size, 0});
+  top_ = base;
+  end_ = base + size;
+  filled_ = base;
+  last_ = nullptr;
+}
+
+void WorkArena::fillBlocksUpTo(unsigned char* end) noexcept {
+  while (filled_ < end) {
+    unsigned char* blockEnd = filled_ + kBlock < end_ ? filled_ + kBlock : end_;
+    ::madvise(filled_, static_cast<std::size_t>(blockEnd - filled_), MADV_POPULATE_WRITE);
+    filled_ = blockEnd;
+  }
+}
+
+void* WorkArena::allocate(std::size_t bytes, std::size_t align) {
+  if (align == 0) align = 1;
+  unsigned char* at = nullptr;
+  if (!chunks_.empty()) {
+    at = reinterpret_cast<unsigned char*>(roundUp(reinterpret_cast<std::uintptr_t>(top_), align));
+    if (at > end_ || bytes > static_cast<std::size_t>(end_ - at)) at = nullptr;
+  }
+  if (at == nullptr) {
+    newChunk(bytes);
+    at = top_;  // a new chunk starts on a block boundary: aligned for any page-sized alignment
+  }
+  top_ = at + bytes;
+  fillBlocksUpTo(top_);
+  last_ = at;
+  return at;
+}
+
+void WorkArena::deallocate(void* p, std::size_t bytes) noexcept {
+  if (p != nullptr && p == last_ && static_cast<unsigned char*>(p) + bytes == top_) {
+    top_ = static_cast<unsigned char*>(p);
+    last_ = nullptr;
+  }
+}
+
+void WorkArena::releaseBefore(const void* p) noexcept {
+  const unsigned char* at = static_cast<const unsigned char*>(p);
+  for (std::size_t i = chunks_.size(); i-- > 0;) {
+    Chunk& chunk = chunks_[i];
+    if (at < chunk.base || at >= chunk.base + chunk.size) continue;
+    for (std::size_t earlier = 0; earlier < i; ++earlier) unmap(chunks_[earlier]);
+    const std::size_t done = static_cast<std::size_t>(at - chunk.base) / kBlock * kBlock;
+    if (done > chunk.released) {
+      ::munmap(chunk.base + chunk.released, done - chunk.released);
+      chunk.released = done;
+    }
+    return;
+  }
+}
+
+void WorkArena::unmap(Chunk& chunk) noexcept {
+  if (chunk.released < chunk.size) ::munmap(chunk.base + chunk.released, chunk.size - chunk.released);
+  chunk.released = chunk.size;
+}
+
+std::size_t WorkArena::position(const void* p) const noexcept {
+  const unsigned char* at = static_cast<const unsigned char*>(p);
+  std::size_t before = 0;
+  for (const Chunk& chunk : chunks_) {
+    if (at >= chunk.base && at < chunk.base + chunk.size)
+      return before + static_cast<std::size_t>(at - chunk.base);
+    before += chunk.size;
+  }
+  return before;
+}
+
+std::size_t WorkArena::mappedBytes() const {
+  std::size_t bytes = 0;
+  for (const Chunk& chunk : chunks_) bytes += chunk.size - chunk.released;
+  return bytes;
+}
+
+}  // namespace detail
+}  // namespace zev

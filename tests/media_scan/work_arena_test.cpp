@@ -1,0 +1,143 @@
+// Tests of the arena that holds a scan's records.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "clip.h"
+#include "internal/work_arena.h"
+
+namespace {
+
+using zev::detail::WorkArena;
+using zev::detail::WorkArenaAllocator;
+
+constexpr std::size_t kChunk = 2 * WorkArena::kBlock;
+constexpr std::size_t kClipsPerChunk = kChunk / sizeof(Clip);  // 641 records of 6536 bytes
+
+int mappingCount() {
+  std::ifstream maps("/proc/self/maps");
+  int lines = 0;
+  for (std::string line; std::getline(maps, line);) ++lines;
+  return lines;
+}
+
+bool aligned(const void* p, std::size_t align) { return reinterpret_cast<std::uintptr_t>(p) % align == 0; }
+
+TEST(WorkArena, HandsOutAlignedZeroedMemoryInAllocationOrder) {
+  WorkArena arena;
+  EXPECT_EQ(arena.chunks(), 0u);
+  EXPECT_EQ(arena.mappedBytes(), 0u);
+  unsigned char* a = static_cast<unsigned char*>(arena.allocate(3, 1));
+  unsigned char* b = static_cast<unsigned char*>(arena.allocate(16, 8));
+  unsigned char* c = static_cast<unsigned char*>(arena.allocate(1, 4096));
+  EXPECT_TRUE(aligned(a, WorkArena::kBlock));  // a chunk starts on a block boundary
+  EXPECT_EQ(b, a + 8);
+  EXPECT_TRUE(aligned(c, 4096));
+  EXPECT_EQ(c, a + 4096);
+  for (int i = 0; i < 16; ++i) EXPECT_EQ(b[i], 0);
+  std::memset(b, 0xAB, 16);
+  EXPECT_EQ(arena.chunks(), 1u);
+  EXPECT_EQ(arena.mappedBytes(), kChunk);
+  EXPECT_LT(arena.position(a), arena.position(b));
+  EXPECT_LT(arena.position(b), arena.position(c));
+}
+
+TEST(WorkArena, OpensANewChunkWhenARecordNoLongerFits) {
+  WorkArena arena;
+  std::vector<Clip*> clips;
+  for (std::size_t i = 0; i <= kClipsPerChunk; ++i) {
+    clips.push_back(new (arena.allocate(sizeof(Clip), alignof(Clip))) Clip());
+    clips.back()->modTime = static_cast<int32_t>(i);
+  }
+  EXPECT_EQ(arena.chunks(), 2u);
+  EXPECT_EQ(arena.mappedBytes(), 2 * kChunk);
+  // The record that did not fit starts the second chunk, whole.
+  EXPECT_TRUE(aligned(clips.back(), WorkArena::kBlock));
+  EXPECT_EQ(arena.position(clips.back()), kChunk);
+  for (std::size_t i = 1; i < clips.size(); ++i) {
+    EXPECT_LT(arena.position(clips[i - 1]), arena.position(clips[i]));
+    EXPECT_EQ(clips[i]->modTime, static_cast<int32_t>(i));
+  }
+}
+
+TEST(WorkArena, TakesBackOnlyTheLatestAllocation) {
+  WorkArena arena;
+  void* first = arena.allocate(sizeof(Clip), alignof(Clip));
+  void* second = arena.allocate(sizeof(Clip), alignof(Clip));
+  arena.deallocate(second, sizeof(Clip));
+  EXPECT_EQ(arena.allocate(sizeof(Clip), alignof(Clip)), second);  // used again
+  arena.deallocate(first, sizeof(Clip));                           // not the latest: kept
+  void* third = arena.allocate(sizeof(Clip), alignof(Clip));
+  EXPECT_EQ(static_cast<unsigned char*>(third), static_cast<unsigned char*>(second) + sizeof(Clip));
+}
+
+TEST(WorkArena, ALargeAllocationGetsAChunkOfItsOwn) {
+  WorkArena arena;
+  arena.allocate(10, 1);
+  const std::size_t big = 3 * kChunk + 1;
+  unsigned char* p = static_cast<unsigned char*>(arena.allocate(big, 8));
+  EXPECT_EQ(arena.chunks(), 2u);
+  EXPECT_EQ(arena.mappedBytes(), kChunk + 3 * kChunk + WorkArena::kBlock);  // rounded up to whole blocks
+  p[0] = 1;
+  p[big - 1] = 2;
+  EXPECT_EQ(p[big - 1], 2);
+}
+
+TEST(WorkArena, GivesBackWholeBlocksBehindARecord) {
+  WorkArena arena;
+  std::vector<Clip*> clips;
+  for (std::size_t i = 0; i < 2 * kClipsPerChunk + 1; ++i)
+    clips.push_back(new (arena.allocate(sizeof(Clip), alignof(Clip))) Clip());
+  ASSERT_EQ(arena.chunks(), 3u);
+  EXPECT_EQ(arena.mappedBytes(), 3 * kChunk);
+
+  // A record inside the first block: nothing ends before it.
+  arena.releaseBefore(clips[10]);
+  EXPECT_EQ(arena.mappedBytes(), 3 * kChunk);
+  // The first record that starts in the second block: the first block goes.
+  const std::size_t inSecondBlock = WorkArena::kBlock / sizeof(Clip) + 1;
+  arena.releaseBefore(clips[inSecondBlock]);
+  EXPECT_EQ(arena.mappedBytes(), 3 * kChunk - WorkArena::kBlock);
+  clips[inSecondBlock]->modTime = 7;  // still usable
+  // A record of the second chunk: the whole first chunk goes.
+  arena.releaseBefore(clips[kClipsPerChunk + 1]);
+  EXPECT_EQ(arena.mappedBytes(), 2 * kChunk);
+  for (std::size_t i = kClipsPerChunk + 1; i < clips.size(); ++i) clips[i]->height = 1080;
+  // Memory that is not the arena's changes nothing.
+  int elsewhere = 0;
+  arena.releaseBefore(&elsewhere);
+  EXPECT_EQ(arena.mappedBytes(), 2 * kChunk);
+}
+
+TEST(WorkArena, UnmapsEverythingWhenItEnds) {
+  const int before = mappingCount();
+  {
+    WorkArena arena;
+    for (std::size_t i = 0; i < 3 * kClipsPerChunk; ++i) arena.allocate(sizeof(Clip), alignof(Clip));
+    arena.allocate(5 * kChunk, 8);
+    EXPECT_GT(mappingCount(), before);
+  }
+  EXPECT_EQ(mappingCount(), before);
+}
+
+TEST(WorkArena, ServesStandardContainers) {
+  WorkArena arena;
+  std::list<int, WorkArenaAllocator<int>> list{WorkArenaAllocator<int>(arena)};
+  std::vector<double, WorkArenaAllocator<double>> vector{WorkArenaAllocator<double>(arena)};
+  for (int i = 0; i < 1000; ++i) {
+    list.push_back(i);
+    vector.push_back(i * 0.5);
+  }
+  EXPECT_EQ(list.size(), 1000u);
+  EXPECT_EQ(list.back(), 999);
+  EXPECT_EQ(vector[999], 499.5);
+  EXPECT_TRUE(WorkArenaAllocator<int>(arena) == WorkArenaAllocator<double>(arena));
+  EXPECT_EQ(arena.chunks(), 1u);
+}
+
+}  // namespace
