@@ -24,8 +24,10 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "fileparams.h"
+#include "internal/work_arena.h"
 #include "media_attributes.h"
 #include "productid.h"
 
@@ -271,6 +273,85 @@ std::uint32_t loadCount(const unsigned char* at) {
 
 void storeCount(unsigned char* at, std::uint32_t count) { std::memcpy(at, &count, sizeof count); }
 
+// Rearranges records in place: afterwards the record at places[i] holds what
+// was the record at places[source[i]] (source is a permutation of the
+// indices). Each cycle of the permutation is followed once, with one record
+// of spare room.
+template <class Record>
+void placeInOrder(const std::vector<Record*>& places, const std::vector<std::size_t>& source) {
+  const std::size_t n = places.size();
+  std::unique_ptr<unsigned char[]> spare;
+  std::vector<bool> done(n, false);
+  for (std::size_t start = 0; start < n; ++start) {
+    if (done[start]) continue;
+    done[start] = true;
+    if (source[start] == start) continue;
+    if (!spare) spare.reset(new unsigned char[sizeof(Record)]);
+    std::memcpy(spare.get(), static_cast<const void*>(places[start]), sizeof(Record));
+    std::size_t i = start;
+    while (source[i] != start) {
+      std::memcpy(static_cast<void*>(places[i]), static_cast<const void*>(places[source[i]]), sizeof(Record));
+      i = source[i];
+      done[i] = true;
+    }
+    std::memcpy(static_cast<void*>(places[i]), spare.get(), sizeof(Record));
+  }
+}
+
+// Writes a playlist image of `count` entries under the playlist lock:
+// fill(slots) stores entry i whole at slots + i * kPlaylistSlotSize. Throws
+// interprocess_exception, before touching the segment, when the image would
+// not fit.
+template <class Fill>
+int writePlaylistImage(bip::shared_memory_object& segment, bip::named_mutex& lock, std::uint64_t count,
+                       Fill fill) {
+  return withImage(segment, lock, [&](unsigned char* base, std::uint64_t size) {
+    const std::uint64_t needed = MediaCache::PlaylistImageSize(count);
+    if (count > std::numeric_limits<std::uint32_t>::max() || needed > size)
+      throwSizeError("WritePlaylistCacheToSharedMemory: " + std::to_string(count) + " playlists need " +
+                     std::to_string(needed) + " bytes but the segment holds " + std::to_string(size));
+
+    prefault(base, needed, true);
+    // Invalidated first, magic last, as for the clip image.
+    base[0] = '*';
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    storeCount(base + MediaCache::kPlaylistMagicSize, static_cast<std::uint32_t>(count));
+    fill(base + MediaCache::kPlaylistHeaderSize);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    std::memcpy(base, kPlaylistMagic, MediaCache::kPlaylistMagicSize);
+    return 1;
+  });
+}
+
+// Writes a clip image of `count` records under the clip lock: fill(slots,
+// count) stores record i's first Clip::kStoredSize bytes at slots + i *
+// kClipSlotSize. The last 3 bytes of a slot (the record's padding) are never
+// written. Throws interprocess_exception, before touching the segment, when
+// the image would not fit.
+template <class Fill>
+int writeClipImage(bip::shared_memory_object& segment, bip::named_mutex& lock, std::uint64_t count, Fill fill,
+                   bool prefaultImage = true) {
+  return withImage(segment, lock, [&](unsigned char* base, std::uint64_t size) {
+    const std::uint64_t needed = MediaCache::ClipImageSize(count);
+    if (count > std::numeric_limits<std::uint32_t>::max() || needed > size)
+      throwSizeError("WriteClipCacheToSharedMemory: " + std::to_string(count) + " clips need " +
+                     std::to_string(needed) + " bytes but the segment holds " + std::to_string(size));
+
+    if (prefaultImage) prefault(base, needed, true);
+    // The image is invalidated first and its magic put in last, so that a
+    // writer that dies half-way leaves an invalid image, never a torn one.
+    // The final bytes are those of the magic with its NUL followed by the
+    // count, which lands on that NUL.
+    base[0] = '*';
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    storeCount(base + MediaCache::kClipMagicSize, static_cast<std::uint32_t>(count));
+    fill(base + MediaCache::kClipHeaderSize, count);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    std::memcpy(base, kClipMagic, MediaCache::kClipMagicSize);
+    return 1;
+  });
+}
+
 // The POSIX base name of a path: the last component, trailing slashes
 // ignored; "/" for a path of slashes and "." for an empty one.
 std::string baseName(const std::string& path) {
@@ -369,30 +450,12 @@ std::uint64_t MediaCache::PlaylistSegmentSize() const { return sizeOf(playlistSe
 // ---------------------------------------------------------------- clip cache
 
 int MediaCache::WriteClipCacheToSharedMemory(std::list<Clip> clips) {
-  return withImage(clipSegment_, clipLock_, [&clips](unsigned char* base, std::uint64_t size) {
-    const std::uint64_t count = clips.size();
-    const std::uint64_t needed = ClipImageSize(count);
-    if (count > std::numeric_limits<std::uint32_t>::max() || needed > size)
-      throwSizeError("WriteClipCacheToSharedMemory: " + std::to_string(count) + " clips need " +
-                     std::to_string(needed) + " bytes but the segment holds " + std::to_string(size));
-
-    prefault(base, needed, true);
-    // The image is invalidated first and its magic put in last, so that a
-    // writer that dies half-way leaves an invalid image, never a torn one.
-    // The final bytes are those of the magic with its NUL followed by the
-    // count, which lands on that NUL.
-    base[0] = '*';
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    storeCount(base + kClipMagicSize, static_cast<std::uint32_t>(count));
-    unsigned char* slot = base + kClipHeaderSize;
+  return writeClipImage(clipSegment_, clipLock_, clips.size(), [&clips](unsigned char* slots, std::uint64_t) {
+    unsigned char* slot = slots;
     for (const Clip& clip : clips) {
-      // The last 3 bytes of a slot (the record's padding) are never written.
       std::memcpy(slot, &clip, Clip::kStoredSize);
       slot += kClipSlotSize;
     }
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    std::memcpy(base, kClipMagic, kClipMagicSize);
-    return 1;
   });
 }
 
@@ -612,30 +675,14 @@ std::map<std::string, PlaylistCacheEntry> MediaCache::GetPlaylists() {
 }
 
 int MediaCache::WritePlaylistCacheToSharedMemory(std::map<std::string, PlaylistCacheEntry> playlists) {
-  return withImage(playlistSegment_, playlistLock_, [&playlists](unsigned char* base, std::uint64_t size) {
-    const std::uint64_t count = playlists.size();
-    const std::uint64_t needed = PlaylistImageSize(count);
-    if (count > std::numeric_limits<std::uint32_t>::max() || needed > size)
-      throwSizeError("WritePlaylistCacheToSharedMemory: " + std::to_string(count) + " playlists need " +
-                     std::to_string(needed) + " bytes but the segment holds " + std::to_string(size));
-
-    prefault(base, needed, true);
-    // The image is invalidated first and its magic put in last, so that a
-    // writer that dies half-way leaves an invalid image, never a torn one.
-    // The final bytes are those of the magic with its NUL followed by the
-    // count, which lands on that NUL.
-    base[0] = '*';
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    storeCount(base + kPlaylistMagicSize, static_cast<std::uint32_t>(count));
-    unsigned char* slot = base + kPlaylistHeaderSize;
-    for (const auto& element : playlists) {
-      std::memcpy(slot, &element.second, kPlaylistSlotSize);
-      slot += kPlaylistSlotSize;
-    }
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    std::memcpy(base, kPlaylistMagic, kPlaylistMagicSize);
-    return 1;
-  });
+  return writePlaylistImage(playlistSegment_, playlistLock_, playlists.size(),
+                            [&playlists](unsigned char* slots) {
+                              unsigned char* slot = slots;
+                              for (const auto& element : playlists) {
+                                std::memcpy(slot, &element.second, kPlaylistSlotSize);
+                                slot += kPlaylistSlotSize;
+                              }
+                            });
 }
 
 int MediaCache::ReadPlaylistCacheFromSharedMemory(std::map<std::string, PlaylistCacheEntry>& playlists) {
@@ -700,36 +747,75 @@ void MediaCache::addAllClipsPlaylistToPlaylistCache(std::map<std::string, Playli
 int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType) {
   DIR* dir = ::opendir(directory.c_str());
   if (dir == nullptr) return 1;  // a missing medium is not an error; caches untouched
+  std::unique_ptr<DIR, int (*)(DIR*)> closer(dir, ::closedir);
 
-  std::list<Clip> clips;
-  std::map<std::string, PlaylistCacheEntry> playlists;
+  // A full medium's records come to several megabytes, held for the scan
+  // only: the clips and playlists found live in arenas of the scan's own,
+  // each a fresh record, and are referred to by pointer. The clips' arena is
+  // handed back while the clip image is written, before the playlists are.
+  detail::WorkArena arena;
+  detail::WorkArena playlistArena;
+  std::vector<Clip*> clips;  // in the order found, which is also their order in the arena
+  std::map<std::string, const PlaylistCacheEntry*> playlists;
   while (struct dirent64* entry = ::readdir64(dir)) {
     if (entry->d_name[0] == '.') continue;
     const std::string path = directory + "/" + entry->d_name;
     // Substring tests on the whole path, not extension tests: a directory
     // called media.mov makes every entry in it a clip candidate.
     if (path.find(".mov") != std::string::npos || path.find(".MOV") != std::string::npos) {
-      // Filled in place in its list node: a record is 6.5 KB.
-      clips.emplace_back();
-      Clip& clip = clips.back();
-      if (GrokClip(clip, path, false))
-        clip.playable = IsPlayable(clip, currentEncodeType);
-      else
-        clips.pop_back();
+      Clip* clip = new (arena.allocate(sizeof(Clip), alignof(Clip))) Clip();
+      if (GrokClip(*clip, path, false)) {
+        clip->playable = IsPlayable(*clip, currentEncodeType);
+        clips.push_back(clip);
+      } else {
+        arena.deallocate(clip, sizeof(Clip));
+      }
     } else if (path.find(".playlist") != std::string::npos) {
-      std::unique_ptr<PlaylistCacheEntry> entryRecord(new PlaylistCacheEntry());
-      if (GrokPlaylist(*entryRecord, path)) {
+      PlaylistCacheEntry* found =
+          new (playlistArena.allocate(sizeof(PlaylistCacheEntry), alignof(PlaylistCacheEntry)))
+              PlaylistCacheEntry();
+      if (GrokPlaylist(*found, path)) {
         // Keyed by the file's text: two files with the same text leave one.
-        const std::string key(entryRecord->text, strnlen(entryRecord->text, sizeof(entryRecord->text)));
-        playlists[key] = *entryRecord;
+        playlists[std::string(found->text, strnlen(found->text, sizeof(found->text)))] = found;
+      } else {
+        playlistArena.deallocate(found, sizeof(PlaylistCacheEntry));
       }
     }
   }
-  ::closedir(dir);
+  closer.reset();
 
-  clips.sort(Clip::compare_clips_by_time);
-  WriteClipCacheToSharedMemory(std::move(clips));
-  WritePlaylistCacheToSharedMemory(std::move(playlists));
+  // Oldest first; equal times keep the order found.
+  std::vector<std::size_t> sorted(clips.size());
+  for (std::size_t i = 0; i < sorted.size(); ++i) sorted[i] = i;
+  std::stable_sort(sorted.begin(), sorted.end(), [&clips](std::size_t a, std::size_t b) {
+    return Clip::compare_clips_by_time(*clips[a], *clips[b]);
+  });
+  // Put the records in catalogue order where they lie, so that the image is
+  // written front to back and the arena's blocks go back to the kernel
+  // behind the copy: the scan never holds the records and the whole image
+  // at once.
+  placeInOrder(clips, sorted);
+
+  writeClipImage(
+      clipSegment_, clipLock_, clips.size(),
+      [&](unsigned char* slots, std::uint64_t count) {
+        constexpr std::size_t kWindow = 64;  // slots whose pages are filled in one call
+        for (std::size_t i = 0; i < count; ++i) {
+          unsigned char* slot = slots + i * kClipSlotSize;
+          if (i % kWindow == 0)
+            prefault(slot, std::min<std::uint64_t>(kWindow, count - i) * kClipSlotSize, true);
+          arena.releaseBefore(clips[i]);
+          std::memcpy(slot, clips[i], Clip::kStoredSize);
+        }
+      },
+      false);
+  writePlaylistImage(playlistSegment_, playlistLock_, playlists.size(), [&playlists](unsigned char* slots) {
+    unsigned char* slot = slots;
+    for (const auto& element : playlists) {
+      std::memcpy(slot, element.second, kPlaylistSlotSize);
+      slot += kPlaylistSlotSize;
+    }
+  });
   return 1;
 }
 

@@ -5,8 +5,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <dirent.h>
+
+#include <algorithm>
+#include <boost/interprocess/exceptions.hpp>
 #include <chrono>
+#include <cstddef>
 #include <cstring>
+#include <fstream>
 #include <list>
 #include <set>
 #include <string>
@@ -199,6 +205,88 @@ TEST_F(Scan, EveryMalformedFixtureIsLeftOut) {
   for (const char* name : bad) writeFile(media.file(name), readFile(dataPath(std::string("qt/bad/") + name)));
   place("prores_proxy_25.mov", media.file("good.mov"), 1000);
   EXPECT_EQ(names(scan(media.path())), (Names{"good.mov"}));
+}
+
+// A medium larger than a scan holds in one piece of memory: 1,400 clips in
+// modification times that run against the directory order, many of them
+// equal, with rejected files and playlists among them.
+TEST(LargeScan, EveryClipOfAFullMediumIsStoredInTimeOrder) {
+  TempDir media;
+  UniqueCache unique;
+  unique.options.maxClips = 1400;
+  MediaCache cache(unique.options);
+  const std::string clip = readFile(dataPath("qt/prores_proxy_25.mov"));
+  const std::string broken = readFile(dataPath("qt/bad/trunc_moov.mov"));
+  for (int i = 0; i < 1400; ++i) {
+    const std::string path = media.file("c" + std::to_string(i) + ".mov");
+    writeFile(path, clip);
+    const time_t modTime = 100000 - (i * 7919) % 1400 / 3;  // scattered, groups of equal times
+    struct timespec times[2] = {{modTime, 0}, {modTime, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    if (i % 100 == 0) writeFile(media.file("r" + std::to_string(i) + ".mov"), broken);
+    if (i % 200 == 0)
+      writeFile(
+          media.file("p" + std::to_string(i) + ".playlist"),
+          "{\"name\":\"P" + std::to_string(i) + "\",\"cliplist\":[\"c" + std::to_string(i) + ".mov\"]}");
+  }
+  // What the catalogue must be: the clips in the order the directory gives
+  // them, stably sorted by time.
+  std::vector<std::pair<time_t, std::string>> expected;
+  DIR* dir = ::opendir(media.path().c_str());
+  ASSERT_NE(dir, nullptr);
+  while (struct dirent* entry = ::readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name[0] != 'c') continue;
+    struct stat info;
+    ASSERT_EQ(::stat(media.file(name).c_str(), &info), 0);
+    expected.emplace_back(info.st_mtime, name);
+  }
+  ::closedir(dir);
+  std::stable_sort(expected.begin(), expected.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+
+  std::string path = media.path();
+  EXPECT_EQ(cache.ScanMedia(path, ENCODE_PRORES_422_HQ), 1);
+  const std::list<Clip> clips = cache.GetClips();
+  ASSERT_EQ(clips.size(), expected.size());
+  Clip reference;
+  ASSERT_TRUE(cache.GrokClip(reference, media.file("c0.mov"), false));
+  std::size_t i = 0;
+  for (const Clip& stored : clips) {
+    EXPECT_EQ(stored.name, expected[i].second) << i;
+    EXPECT_EQ(stored.modTime, expected[i].first) << i;
+    // Everything else of every record is that of the one clip file.
+    EXPECT_EQ(std::memcmp(&stored.width, &reference.width, Clip::kStoredSize - offsetof(Clip, width)), 0)
+        << i;
+    ++i;
+  }
+  EXPECT_EQ(cache.GetPlaylists().size(), 8u);  // seven files and "All Clips"
+}
+
+// A scan that finds more clips than the segment holds throws before touching
+// it: the stored catalogue stays as it was, and nothing of the scan's memory
+// is left behind.
+TEST(LargeScan, AMediumLargerThanTheSegmentLeavesTheCatalogueAsItWas) {
+  TempDir media;
+  UniqueCache unique;
+  unique.options.maxClips = 4;
+  MediaCache cache(unique.options);
+  place("prores_proxy_25.mov", media.file("kept.mov"), 1000);
+  std::string path = media.path();
+  cache.ScanMedia(path, ENCODE_PRORES_422_HQ);
+  for (int i = 0; i < 5; ++i)
+    place("prores_proxy_25.mov", media.file("n" + std::to_string(i) + ".mov"), 2000);
+
+  const auto mappings = [] {
+    std::ifstream in("/proc/self/maps");
+    int lines = 0;
+    for (std::string line; std::getline(in, line);) ++lines;
+    return lines;
+  };
+  const int before = mappings();
+  EXPECT_THROW(cache.ScanMedia(path, ENCODE_PRORES_422_HQ), boost::interprocess::interprocess_exception);
+  EXPECT_EQ(mappings(), before);
+  EXPECT_EQ(names(cache.GetClips()), (Names{"kept.mov"}));
 }
 
 TEST_F(Scan, AddingToAnEmptyCatalogueGivesIndexZero) {
