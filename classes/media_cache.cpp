@@ -754,7 +754,7 @@ int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType
   // each a fresh record, and are referred to by pointer. The clips' arena is
   // handed back while the clip image is written, before the playlists are.
   detail::WorkArena arena;
-  detail::WorkArena playlistArena;
+  detail::WorkArena playlistArena(detail::WorkArena::kBlock, false);  // a few entries, usually
   std::vector<Clip*> clips;  // in the order found, which is also their order in the arena
   std::map<std::string, const PlaylistCacheEntry*> playlists;
   while (struct dirent64* entry = ::readdir64(dir)) {

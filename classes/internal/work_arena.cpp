@@ -20,8 +20,9 @@ std::uintptr_t roundUp(std::uintptr_t value, std::uintptr_t unit) { return (valu
 
 }  // namespace
 
-WorkArena::WorkArena(std::size_t chunkBytes)
-    : chunkBytes_(chunkBytes == 0 ? kBlock : static_cast<std::size_t>(roundUp(chunkBytes, kBlock))) {}
+WorkArena::WorkArena(std::size_t chunkBytes, bool hugePages)
+    : chunkBytes_(chunkBytes == 0 ? kBlock : static_cast<std::size_t>(roundUp(chunkBytes, kBlock))),
+      hugePages_(hugePages) {}
 
 WorkArena::~WorkArena() {
   for (Chunk& chunk : chunks_) unmap(chunk);
@@ -45,7 +46,7 @@ void WorkArena::newChunk(std::size_t atLeast) {
   if (map + mapSize > base + size)
     ::munmap(base + size, static_cast<std::size_t>(map + mapSize - (base + size)));
 #ifdef MADV_HUGEPAGE
-  ::madvise(base, size, MADV_HUGEPAGE);  // advice only: refused where there are no huge pages
+  if (hugePages_) ::madvise(base, size, MADV_HUGEPAGE);  // advice only: refused where there are none
 #endif
   chunks_.push_back(Chunk{base, size, 0});
   top_ = base;
@@ -55,8 +56,9 @@ void WorkArena::newChunk(std::size_t atLeast) {
 }
 
 void WorkArena::fillBlocksUpTo(unsigned char* end) noexcept {
+  const std::size_t step = hugePages_ ? kBlock : kFillStep;
   while (filled_ < end) {
-    unsigned char* blockEnd = filled_ + kBlock < end_ ? filled_ + kBlock : end_;
+    unsigned char* blockEnd = static_cast<std::size_t>(end_ - filled_) > step ? filled_ + step : end_;
     ::madvise(filled_, static_cast<std::size_t>(blockEnd - filled_), MADV_POPULATE_WRITE);
     filled_ = blockEnd;
   }

@@ -22,8 +22,13 @@ class WorkArena {
   /// Block size: the unit of page filling and of release (a huge page on x86-64).
   static constexpr std::size_t kBlock = std::size_t(2) << 20;
 
-  /// An arena that maps chunks of at least `chunkBytes` (rounded up to whole blocks).
-  explicit WorkArena(std::size_t chunkBytes = 2 * kBlock);
+  /// Page tables are filled this far at a time where huge pages are not asked for.
+  static constexpr std::size_t kFillStep = std::size_t(64) << 10;
+
+  /// An arena that maps chunks of at least `chunkBytes` (rounded up to whole blocks). With
+  /// `hugePages` false it asks for no huge pages, so that a small arena costs no more memory
+  /// than it hands out (a huge page is resident whole as soon as any of it is touched).
+  explicit WorkArena(std::size_t chunkBytes = 2 * kBlock, bool hugePages = true);
   /// Unmaps every chunk.
   ~WorkArena();
   WorkArena(const WorkArena&) = delete;
@@ -60,6 +65,7 @@ class WorkArena {
   void unmap(Chunk& chunk) noexcept;
 
   std::size_t chunkBytes_;
+  bool hugePages_;
   std::vector<Chunk> chunks_;
   unsigned char* top_ = nullptr;     // next free byte of the last chunk
   unsigned char* end_ = nullptr;     // end of the last chunk
