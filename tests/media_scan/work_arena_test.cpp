@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <list>
@@ -10,6 +12,7 @@
 
 #include "clip.h"
 #include "internal/work_arena.h"
+#include "test_support.h"
 
 namespace {
 
@@ -24,6 +27,23 @@ int mappingCount() {
   int lines = 0;
   for (std::string line; std::getline(maps, line);) ++lines;
   return lines;
+}
+
+// Resident kilobytes of the mapping that holds p, from /proc/self/smaps.
+long residentKb(const void* p) {
+  std::ifstream smaps("/proc/self/smaps");
+  const std::uintptr_t at = reinterpret_cast<std::uintptr_t>(p);
+  bool inside = false;
+  for (std::string line; std::getline(smaps, line);) {
+    unsigned long long from = 0, to = 0;
+    if (std::sscanf(line.c_str(), "%llx-%llx ", &from, &to) == 2 &&
+        line.find(' ') == line.find_first_of(' ')) {
+      if (line.find('-') < line.find(' ')) inside = from <= at && at < to;
+      continue;
+    }
+    if (inside && line.compare(0, 4, "Rss:") == 0) return std::strtol(line.c_str() + 4, nullptr, 10);
+  }
+  return -1;
 }
 
 bool aligned(const void* p, std::size_t align) { return reinterpret_cast<std::uintptr_t>(p) % align == 0; }
@@ -123,6 +143,18 @@ TEST(WorkArena, UnmapsEverythingWhenItEnds) {
     EXPECT_GT(mappingCount(), before);
   }
   EXPECT_EQ(mappingCount(), before);
+}
+
+TEST(WorkArena, FillsWholeBlocksOrSmallStepsAhead) {
+  if (vorta_test::underEmulation()) GTEST_SKIP() << "user-mode emulation does not fill page tables on advice";
+  WorkArena big;
+  void* a = big.allocate(100, 8);
+  EXPECT_EQ(residentKb(a), 2048);  // the first block, whole
+  WorkArena small(WorkArena::kBlock, false);
+  void* b = small.allocate(100, 8);
+  EXPECT_EQ(residentKb(b), 64);
+  small.allocate(64 << 10, 8);  // runs into the second step
+  EXPECT_EQ(residentKb(b), 128);
 }
 
 TEST(WorkArena, ServesStandardContainers) {
