@@ -234,11 +234,12 @@ TEST(LargeScan, EveryClipOfAFullMediumIsStoredInTimeOrder) {
   std::vector<std::pair<time_t, std::string>> expected;
   DIR* dir = ::opendir(media.path().c_str());
   ASSERT_NE(dir, nullptr);
-  while (struct dirent* entry = ::readdir(dir)) {
+  // The 64-bit calls: on a 32-bit machine the plain ones fail on large inode numbers.
+  while (struct dirent64* entry = ::readdir64(dir)) {
     const std::string name = entry->d_name;
     if (name[0] != 'c') continue;
-    struct stat info;
-    ASSERT_EQ(::stat(media.file(name).c_str(), &info), 0);
+    struct stat64 info;
+    ASSERT_EQ(::stat64(media.file(name).c_str(), &info), 0);
     expected.emplace_back(info.st_mtime, name);
   }
   ::closedir(dir);
