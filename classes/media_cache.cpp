@@ -76,6 +76,21 @@ bip::shared_memory_object openSegment(const MediaCacheOptions& options, const st
   return bip::shared_memory_object(bip::open_only, name.c_str(), bip::read_write);
 }
 
+// The name of a named mutex that exists once this returns, created when
+// missing. An existing one is opened without asking to create it: creating
+// makes the C library build the semaphore in a temporary file in shared
+// memory and link it into place, even when the name exists already, and a
+// process killed in between leaves that file behind for good.
+const char* existingMutex(const MediaCacheOptions& options, const std::string& name) {
+  try {
+    bip::named_mutex existing(bip::open_only, name.c_str());
+    return name.c_str();
+  } catch (const bip::interprocess_exception&) {
+  }
+  bip::named_mutex created(bip::open_or_create, name.c_str(), permissionsOf(options));
+  return name.c_str();
+}
+
 [[noreturn]] void throwSizeError(const std::string& message) {
   throw bip::interprocess_exception(bip::error_info(bip::size_error), message.c_str());
 }
@@ -410,9 +425,9 @@ MediaCache::MediaCache() : MediaCache(MediaCacheOptions()) {}
 
 MediaCache::MediaCache(const MediaCacheOptions& options)
     : clipSegment_(openSegment(options, options.clipSegment)),
-      clipLock_(bip::open_or_create, options.clipLock.c_str(), permissionsOf(options)),
+      clipLock_(bip::open_only, existingMutex(options, options.clipLock)),
       playlistSegment_(openSegment(options, options.playlistSegment)),
-      playlistLock_(bip::open_or_create, options.playlistLock.c_str(), permissionsOf(options)) {
+      playlistLock_(bip::open_only, existingMutex(options, options.playlistLock)) {
   if (options.create) {
     ensureSize(clipSegment_, clipLock_,
                segmentBytes(options.maxClips, kClipHeaderSize, kClipSlotSize, "clip"));
