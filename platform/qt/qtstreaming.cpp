@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <new>
 #include <vector>
 
@@ -278,8 +280,16 @@ bool firstTimecodeSample(const Track& track, uint64_t& offset) {
 }
 
 /// An open file read with pread, counting the bytes read.
+///
+/// Atom headers are read through a small window: one read fetches
+/// kHeaderWindow bytes, so that the headers of neighbouring atoms, and the
+/// header and start of a small 'moov', come in with a single system call.
+/// Later reads take what the window already holds from there, so no byte is
+/// read from the file twice, and nothing far beyond a header is read.
 class File {
  public:
+  static constexpr std::size_t kHeaderWindow = 512;
+
   File(const std::string& path, uint64_t& counter) : counter_(counter) {
     fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   }
@@ -300,6 +310,42 @@ class File {
   /// Reads exactly length bytes at offset; false on error or end of file
   /// (a file that shrank while being read).
   bool readAt(uint64_t offset, unsigned char* buffer, std::size_t length) {
+    if (length > 0 && offset >= windowStart_ && offset - windowStart_ < windowLength_) {
+      const std::size_t at = static_cast<std::size_t>(offset - windowStart_);
+      const std::size_t held = std::min(length, windowLength_ - at);
+      std::memcpy(buffer, window_ + at, held);
+      buffer += held;
+      length -= held;
+      offset += held;
+    }
+    return readFile(offset, buffer, length);
+  }
+
+  /// Reads the length bytes (at most kHeaderWindow) of an atom header at
+  /// offset, through the window; fileSize bounds what the window fetches.
+  bool readHeaderAt(uint64_t offset, unsigned char* buffer, std::size_t length, uint64_t fileSize) {
+    if (length > kHeaderWindow || offset > fileSize || fileSize - offset < length) return false;
+    if (offset < windowStart_ || offset - windowStart_ > windowLength_ ||
+        windowLength_ - static_cast<std::size_t>(offset - windowStart_) < length) {
+      // A header that begins in the window keeps the bytes already there.
+      std::size_t kept = 0;
+      if (offset >= windowStart_ && offset - windowStart_ < windowLength_) {
+        const std::size_t at = static_cast<std::size_t>(offset - windowStart_);
+        kept = windowLength_ - at;
+        std::memmove(window_, window_ + at, kept);
+      }
+      const std::size_t want = static_cast<std::size_t>(std::min<uint64_t>(kHeaderWindow, fileSize - offset));
+      windowLength_ = 0;
+      if (!readFile(offset + kept, window_ + kept, want - kept)) return false;
+      windowStart_ = offset;
+      windowLength_ = want;
+    }
+    std::memcpy(buffer, window_ + static_cast<std::size_t>(offset - windowStart_), length);
+    return true;
+  }
+
+ private:
+  bool readFile(uint64_t offset, unsigned char* buffer, std::size_t length) {
     while (length > 0) {
       if (offset > static_cast<uint64_t>(INT64_MAX)) return false;
       const ssize_t got = ::pread(fd_, buffer, length, static_cast<off_t>(offset));
@@ -313,9 +359,11 @@ class File {
     return true;
   }
 
- private:
   int fd_;
   uint64_t& counter_;
+  unsigned char window_[kHeaderWindow];
+  uint64_t windowStart_ = 0;
+  std::size_t windowLength_ = 0;
 };
 
 /// Walks the top-level atoms by their headers only and locates 'moov'.
@@ -324,7 +372,7 @@ bool locateMovie(File& file, uint64_t fileSize, uint64_t& bodyOffset, uint64_t& 
   for (unsigned n = 0; n < kMaxTopLevelAtoms && fileSize - offset >= 8; ++n) {
     unsigned char raw[16];
     const std::size_t want = fileSize - offset >= 16 ? 16 : 8;
-    if (!file.readAt(offset, raw, want)) return false;
+    if (!file.readHeaderAt(offset, raw, want, fileSize)) return false;
     const BigEndianView header(raw, want);
     uint32_t size32, type;
     header.u32(0, size32);

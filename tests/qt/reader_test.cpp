@@ -412,6 +412,51 @@ TEST_F(QtReaderBuilt, SixtyFourBitAndToTheEndSizesAndPadding) {
   EXPECT_EQ(video().width, 1920);
 }
 
+// Atom headers are read a few hundred bytes at a time: headers, 64-bit
+// headers and the movie atom placed on every side of such a boundary are
+// read right, and no byte of the file is read twice.
+TEST_F(QtReaderBuilt, HeadersAcrossEveryReadBoundary) {
+  using namespace movbuild;
+  Movie m;
+  m.timecode = true;
+  m.startFrame = 90000;
+  const std::string normal = build(m);
+  const std::string ftyp = normal.substr(0, 20);
+  const std::size_t moovAt = normal.find("moov") - 4;
+  const std::string moov = normal.substr(moovAt);
+  const std::string mdat = normal.substr(20, moovAt - 20);  // wide and mdat with the timecode sample
+  for (std::size_t pad = 8; pad < 1100; pad += pad < 440 || pad > 560 ? 37 : 1) {
+    for (int layout = 0; layout < 3; ++layout) {
+      std::string bytes;
+      if (layout == 0) bytes = ftyp + atom("free", zeros(pad - 8)) + mdat + moov;
+      if (layout == 1)
+        bytes = ftyp + atom64("free", zeros(pad - 8)) + atom64("skip", zeros(pad)) + mdat + moov;
+      if (layout == 2) bytes = ftyp + atom("free", zeros(pad - 8)) + moov + mdat;
+      // The timecode sample's offset in the chunk table moves with the padding.
+      if (layout != 2) {
+        const std::size_t shift = bytes.find(mdat) - 20;
+        const std::size_t stco = bytes.rfind("stco");
+        if (stco != std::string::npos) {
+          uint32_t offset = 0;
+          for (int i = 0; i < 4; ++i) offset = offset << 8 | static_cast<unsigned char>(bytes[stco + 12 + i]);
+          offset += static_cast<uint32_t>(shift);
+          for (int i = 0; i < 4; ++i) bytes[stco + 12 + i] = static_cast<char>(offset >> (24 - 8 * i));
+        }
+      }
+      const uint64_t before = reader_.BytesRead();  // a count over the reader's life
+      ASSERT_TRUE(open(bytes)) << "pad " << pad << " layout " << layout;
+      EXPECT_EQ(video().videoLength, 3u) << "pad " << pad << " layout " << layout;
+      EXPECT_EQ(video().width, 1920) << "pad " << pad << " layout " << layout;
+      uint32_t start = 0;
+      if (layout != 2) {
+        EXPECT_TRUE(reader_.GetStartingTimecode(start)) << "pad " << pad << " layout " << layout;
+        EXPECT_EQ(start, 90000u) << "pad " << pad << " layout " << layout;
+      }
+      EXPECT_LE(reader_.BytesRead() - before, bytes.size() + 4) << "pad " << pad << " layout " << layout;
+    }
+  }
+}
+
 TEST_F(QtReaderBuilt, MediaHeaderVersionOne) {
   movbuild::Movie m;
   m.mdhdVersion1 = true;
