@@ -34,8 +34,9 @@ class WorkArena {
   WorkArena(const WorkArena&) = delete;
   WorkArena& operator=(const WorkArena&) = delete;
 
-  /// `bytes` bytes aligned to `align` (a power of two no larger than a page). Throws
-  /// std::bad_alloc when the kernel refuses a new chunk.
+  /// `bytes` bytes aligned to `align` (a power of two no larger than a page), zero unless
+  /// they were taken back with deallocate and handed out again. Throws std::bad_alloc when
+  /// the kernel refuses a new chunk.
   void* allocate(std::size_t bytes, std::size_t align);
   /// Takes back the most recent allocation so that its memory is used again; any other
   /// block is kept until the arena ends.

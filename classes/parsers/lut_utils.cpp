@@ -13,6 +13,7 @@
 
 #include "LUTLexer.h"
 #include "LUTParser.h"
+#include "internal/work_arena.h"
 
 // The parser's token-name table (generated; "<invalid>" to "COMMENT").
 extern pANTLR3_UINT8 LUTParserTokenNames[8];
@@ -35,6 +36,59 @@ int16_t lutLow16(long value) {
 }
 
 namespace {
+
+// The lexer's tokens, for one parse: a table of 4,096 lines makes some
+// 25,000 of them, 6.5 MB that the runtime would take in pools from the heap
+// and fault in page by page on every parse. They come instead from an arena
+// of the parse's own (huge pages where the kernel offers them), given back
+// whole when the parse ends. A token is set up as the runtime's own factory
+// sets up a pool token; the runtime's factory keeps its pools (unused) and
+// frees them as usual.
+struct TokenSupply {
+  zev::detail::WorkArena arena;
+  pANTLR3_COMMON_TOKEN (*runtimeNewToken)(pANTLR3_TOKEN_FACTORY) = nullptr;
+};
+thread_local TokenSupply* t_tokenSupply = nullptr;
+
+pANTLR3_COMMON_TOKEN newArenaToken(pANTLR3_TOKEN_FACTORY factory) {
+  TokenSupply* supply = t_tokenSupply;
+  void* memory = nullptr;
+  try {
+    memory = supply->arena.allocate(sizeof(ANTLR3_COMMON_TOKEN), alignof(ANTLR3_COMMON_TOKEN));
+  } catch (const std::bad_alloc&) {
+    return supply->runtimeNewToken(factory);  // the runtime's own pools, as a last resort
+  }
+  // Fresh arena memory is zero, as the runtime's calloc'd pools are: no
+  // token is ever handed back, so none is handed out twice.
+  pANTLR3_COMMON_TOKEN token = static_cast<pANTLR3_COMMON_TOKEN>(memory);
+  antlr3SetTokenAPI(token);
+  token->factoryMade = ANTLR3_TRUE;  // the token stream does not free it
+  token->strFactory = factory->input == nullptr ? nullptr : factory->input->strFactory;
+  token->input = factory->input;
+  return token;
+}
+
+// Installs the arena token supply on a lexer's factory for the life of this object.
+class ArenaTokens {
+ public:
+  explicit ArenaTokens(pANTLR3_LEXER lexer) : factory_(lexer->rec->state->tokFactory) {
+    if (factory_ == nullptr || t_tokenSupply != nullptr) return;
+    supply_.runtimeNewToken = factory_->newToken;
+    t_tokenSupply = &supply_;
+    factory_->newToken = newArenaToken;
+  }
+  // Called once the lexer (and with it the factory) is freed: nothing may
+  // touch the tokens after this.
+  ~ArenaTokens() {
+    if (t_tokenSupply == &supply_) t_tokenSupply = nullptr;
+  }
+  ArenaTokens(const ArenaTokens&) = delete;
+  ArenaTokens& operator=(const ArenaTokens&) = delete;
+
+ private:
+  pANTLR3_TOKEN_FACTORY factory_;
+  TokenSupply supply_;
+};
 
 // Appends the text of one token: its own text when it was given one, else
 // its characters in the input (addresses within the input's UTF-8 data).
@@ -254,6 +308,8 @@ bool LUT_Utils::parse(const std::string& fileName, int16_t* red, int16_t* green,
     return false;
   }
 
+  // Declared before the streams that hold its tokens: it outlives them on every path.
+  ArenaTokens arenaTokens(lexer->pLexer);
   pANTLR3_COMMON_TOKEN_STREAM tokens = antlr3CommonTokenStreamSourceNew(ANTLR3_SIZE_HINT, TOKENSOURCE(lexer));
   if (tokens == nullptr) {
     std::fprintf(stderr, "Out of memory trying to allocate token stream\n");
