@@ -3,6 +3,7 @@
 
 #include <sys/mman.h>
 
+#include <atomic>
 #include <cstdint>
 
 // Linux 5.14 and later fill the page tables of a range in one call; an older
@@ -17,6 +18,13 @@ namespace detail {
 namespace {
 
 std::uintptr_t roundUp(std::uintptr_t value, std::uintptr_t unit) { return (value + unit - 1) / unit * unit; }
+
+std::atomic<std::size_t> processMapped{0};  // bytes of every arena's chunks not yet given back
+
+void giveBack(unsigned char* at, std::size_t bytes) noexcept {
+  ::munmap(at, bytes);
+  processMapped.fetch_sub(bytes, std::memory_order_relaxed);
+}
 
 }  // namespace
 
@@ -49,6 +57,7 @@ void WorkArena::newChunk(std::size_t atLeast) {
   if (hugePages_) ::madvise(base, size, MADV_HUGEPAGE);  // advice only: refused where there are none
 #endif
   chunks_.push_back(Chunk{base, size, 0});
+  processMapped.fetch_add(size, std::memory_order_relaxed);
   top_ = base;
   end_ = base + size;
   filled_ = base;
@@ -96,7 +105,7 @@ void WorkArena::releaseBefore(const void* p) noexcept {
     for (std::size_t earlier = 0; earlier < i; ++earlier) unmap(chunks_[earlier]);
     const std::size_t done = static_cast<std::size_t>(at - chunk.base) / kBlock * kBlock;
     if (done > chunk.released) {
-      ::munmap(chunk.base + chunk.released, done - chunk.released);
+      giveBack(chunk.base + chunk.released, done - chunk.released);
       chunk.released = done;
     }
     return;
@@ -104,9 +113,11 @@ void WorkArena::releaseBefore(const void* p) noexcept {
 }
 
 void WorkArena::unmap(Chunk& chunk) noexcept {
-  if (chunk.released < chunk.size) ::munmap(chunk.base + chunk.released, chunk.size - chunk.released);
+  if (chunk.released < chunk.size) giveBack(chunk.base + chunk.released, chunk.size - chunk.released);
   chunk.released = chunk.size;
 }
+
+std::size_t WorkArena::mappedInProcess() noexcept { return processMapped.load(std::memory_order_relaxed); }
 
 std::size_t WorkArena::position(const void* p) const noexcept {
   const unsigned char* at = static_cast<const unsigned char*>(p);

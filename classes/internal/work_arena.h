@@ -54,6 +54,8 @@ class WorkArena {
   std::size_t chunks() const { return chunks_.size(); }
   /// Bytes mapped and not yet given back.
   std::size_t mappedBytes() const;
+  /// Bytes mapped by every arena of this process and not yet given back.
+  static std::size_t mappedInProcess() noexcept;
 
  private:
   struct Chunk {

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "internal/work_arena.h"
 #include "lut_utils.h"
 #include "test_support.h"
 
@@ -534,6 +535,9 @@ TEST_F(LutText, ParsesLeaveNoMappingBehind) {
   };
   rounds(10);
   const int before = mappingCount();
+  const std::size_t arenas = zev::detail::WorkArena::mappedInProcess();
   rounds(100);
   EXPECT_LT(mappingCount() - before, 20);
+  // Exactly: every token arena is unmapped when its parse ends.
+  EXPECT_EQ(zev::detail::WorkArena::mappedInProcess(), arenas);
 }

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "fileparams.h"
+#include "internal/work_arena.h"
 #include "media_cache.h"
 #include "test_support.h"
 
@@ -278,15 +279,9 @@ TEST(LargeScan, AMediumLargerThanTheSegmentLeavesTheCatalogueAsItWas) {
   for (int i = 0; i < 5; ++i)
     place("prores_proxy_25.mov", media.file("n" + std::to_string(i) + ".mov"), 2000);
 
-  const auto mappings = [] {
-    std::ifstream in("/proc/self/maps");
-    int lines = 0;
-    for (std::string line; std::getline(in, line);) ++lines;
-    return lines;
-  };
-  const int before = mappings();
+  const std::size_t before = zev::detail::WorkArena::mappedInProcess();
   EXPECT_THROW(cache.ScanMedia(path, ENCODE_PRORES_422_HQ), boost::interprocess::interprocess_exception);
-  EXPECT_EQ(mappings(), before);
+  EXPECT_EQ(zev::detail::WorkArena::mappedInProcess(), before);
   EXPECT_EQ(names(cache.GetClips()), (Names{"kept.mov"}));
 }
 

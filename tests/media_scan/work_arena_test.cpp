@@ -22,11 +22,15 @@ using zev::detail::WorkArenaAllocator;
 constexpr std::size_t kChunk = 2 * WorkArena::kBlock;
 constexpr std::size_t kClipsPerChunk = kChunk / sizeof(Clip);  // 641 records of 6536 bytes
 
-int mappingCount() {
+// Whether any mapping of the process covers p, from /proc/self/maps.
+bool isMapped(const void* p) {
   std::ifstream maps("/proc/self/maps");
-  int lines = 0;
-  for (std::string line; std::getline(maps, line);) ++lines;
-  return lines;
+  const std::uintptr_t at = reinterpret_cast<std::uintptr_t>(p);
+  for (std::string line; std::getline(maps, line);) {
+    unsigned long long from = 0, to = 0;
+    if (std::sscanf(line.c_str(), "%llx-%llx", &from, &to) == 2 && from <= at && at < to) return true;
+  }
+  return false;
 }
 
 // Resident kilobytes of the mapping that holds p, from /proc/self/smaps.
@@ -135,14 +139,35 @@ TEST(WorkArena, GivesBackWholeBlocksBehindARecord) {
 }
 
 TEST(WorkArena, UnmapsEverythingWhenItEnds) {
-  const int before = mappingCount();
+  const std::size_t before = WorkArena::mappedInProcess();
+  std::vector<unsigned char*> firsts;  // the first record of each chunk starts it
   {
     WorkArena arena;
-    for (std::size_t i = 0; i < 3 * kClipsPerChunk; ++i) arena.allocate(sizeof(Clip), alignof(Clip));
-    arena.allocate(5 * kChunk, 8);
-    EXPECT_GT(mappingCount(), before);
+    for (std::size_t i = 0; i < 3 * kClipsPerChunk; ++i) {
+      unsigned char* at = static_cast<unsigned char*>(arena.allocate(sizeof(Clip), alignof(Clip)));
+      if (i % kClipsPerChunk == 0) firsts.push_back(at);
+    }
+    unsigned char* large = static_cast<unsigned char*>(arena.allocate(5 * kChunk, 8));
+    firsts.push_back(large);
+    firsts.push_back(large + 5 * kChunk - 1);
+    EXPECT_EQ(arena.chunks(), 4u);
+    EXPECT_EQ(WorkArena::mappedInProcess(), before + 8 * kChunk);
+    for (unsigned char* p : firsts) EXPECT_TRUE(isMapped(p));
   }
-  EXPECT_EQ(mappingCount(), before);
+  EXPECT_EQ(WorkArena::mappedInProcess(), before);
+  for (unsigned char* p : firsts) EXPECT_FALSE(isMapped(p));
+}
+
+TEST(WorkArena, CountsWhatItGivesBackEarly) {
+  const std::size_t before = WorkArena::mappedInProcess();
+  WorkArena arena;
+  unsigned char* first = static_cast<unsigned char*>(arena.allocate(100, 8));
+  unsigned char* later = static_cast<unsigned char*>(arena.allocate(WorkArena::kBlock, 8));
+  EXPECT_EQ(WorkArena::mappedInProcess(), before + kChunk);
+  arena.releaseBefore(later + WorkArena::kBlock - 1);  // in the second block: the first goes
+  EXPECT_EQ(WorkArena::mappedInProcess(), before + kChunk - WorkArena::kBlock);
+  EXPECT_FALSE(isMapped(first));
+  EXPECT_TRUE(isMapped(later + WorkArena::kBlock - 1));
 }
 
 TEST(WorkArena, FillsWholeBlocksOrSmallStepsAhead) {
