@@ -71,11 +71,12 @@ pANTLR3_COMMON_TOKEN newArenaToken(pANTLR3_TOKEN_FACTORY factory) {
 // Installs the arena token supply on a lexer's factory for the life of this object.
 class ArenaTokens {
  public:
-  explicit ArenaTokens(pANTLR3_LEXER lexer) : factory_(lexer->rec->state->tokFactory) {
-    if (factory_ == nullptr || t_tokenSupply != nullptr) return;
-    supply_.runtimeNewToken = factory_->newToken;
+  explicit ArenaTokens(pANTLR3_LEXER lexer) {
+    pANTLR3_TOKEN_FACTORY factory = lexer->rec->state->tokFactory;
+    if (factory == nullptr || t_tokenSupply != nullptr) return;
+    supply_.runtimeNewToken = factory->newToken;
     t_tokenSupply = &supply_;
-    factory_->newToken = newArenaToken;
+    factory->newToken = newArenaToken;
   }
   // Called once the lexer (and with it the factory) is freed: nothing may
   // touch the tokens after this.
@@ -86,7 +87,6 @@ class ArenaTokens {
   ArenaTokens& operator=(const ArenaTokens&) = delete;
 
  private:
-  pANTLR3_TOKEN_FACTORY factory_;
   TokenSupply supply_;
 };
 

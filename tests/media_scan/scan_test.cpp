@@ -12,7 +12,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
-#include <fstream>
 #include <list>
 #include <set>
 #include <string>
