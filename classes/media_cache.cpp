@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "fileparams.h"
+#include "internal/cache_lock.h"
 #include "internal/work_arena.h"
 #include "media_attributes.h"
 #include "productid.h"
@@ -76,16 +77,18 @@ bip::shared_memory_object openSegment(const MediaCacheOptions& options, const st
   return bip::shared_memory_object(bip::open_only, name.c_str(), bip::read_write);
 }
 
-// The name of a named mutex that exists once this returns, created when
-// missing. An existing one is opened without asking to create it: creating
-// makes the C library build the semaphore in a temporary file in shared
-// memory and link it into place, even when the name exists already, and a
-// process killed in between leaves that file behind for good.
+// The name of a named mutex that exists once this returns; created when
+// missing if the options create the cache, otherwise its absence throws. An
+// existing one is opened without asking to create it: creating makes the C
+// library build the semaphore in a temporary file in shared memory and link
+// it into place, even when the name exists already, and a process killed in
+// between leaves that file behind for good.
 const char* existingMutex(const MediaCacheOptions& options, const std::string& name) {
   try {
     bip::named_mutex existing(bip::open_only, name.c_str());
     return name.c_str();
   } catch (const bip::interprocess_exception&) {
+    if (!options.create) throw;
   }
   bip::named_mutex created(bip::open_or_create, name.c_str(), permissionsOf(options));
   return name.c_str();
@@ -105,114 +108,24 @@ std::uint64_t segmentBytes(std::size_t count, std::size_t header, std::size_t sl
   return header + static_cast<std::uint64_t>(slot) * count;
 }
 
-[[noreturn]] void throwSystemError() {
-  throw bip::interprocess_exception(bip::error_info(bip::system_error_code()));
-}
-
-// The gate of a cache: a kernel record lock on the first byte of the
-// segment's file, taken through an open file description made for this one
-// call (so threads of one process exclude each other too). Every access
-// takes the gate, then the named mutex, and releases them in reverse order.
-//
-// The named mutex is a POSIX semaphore, which has no owner: a process killed
-// while holding it would leave it taken for good. The gate is released by the
-// kernel when its holder ends, however it ends. So whoever holds the gate and
-// still finds the mutex taken knows that the mutex's holder has ended (a live
-// holder would still hold the gate), and takes the mutex over as its own; it
-// is released as usual afterwards. A live holder is never broken into, and a
-// waiter recovers as soon as the kernel has closed the dead holder's files.
-// Besides the gate, the holder keeps a record lock on the second byte, an
-// ordinary per-process lock whose owner's pid other processes can query.
-//
-// Where the kernel has no open-file-description locks (before Linux 3.15),
-// or the segment's name has been removed while this process still uses it,
-// the gate is skipped and the named mutex alone guards the cache. Any other
-// failure to take the gate throws interprocess_exception.
-class Gate {
+// Holds a cache's lock for one scope.
+class Held {
  public:
-  Gate(const char* segmentName, bool wait) {
-    fd_ = ::shm_open(segmentName, O_RDWR | O_CLOEXEC, 0);
-    if (fd_ < 0) {
-      if (errno != ENOENT) throwSystemError();
-      return;
-    }
-    struct flock gate = lockRange(F_WRLCK, 0);
-    int rc;
-    // A signal that interrupts the wait does not end it.
-    while ((rc = ::fcntl(fd_, wait ? F_OFD_SETLKW : F_OFD_SETLK, &gate)) != 0 && errno == EINTR) {
-    }
-    if (rc != 0) {
-      const int error = errno;
-      ::close(fd_);
-      fd_ = -1;
-      busy_ = error == EAGAIN || error == EACCES;
-      if (!busy_ && error != EINVAL) {
-        errno = error;
-        throwSystemError();
-      }
-      return;
-    }
-    struct flock holder = lockRange(F_WRLCK, 1);
-    ::fcntl(fd_, F_SETLK, &holder);
-  }
-  ~Gate() {
-    if (fd_ >= 0) ::close(fd_);  // releases the gate and the holder mark
-  }
-  Gate(const Gate&) = delete;
-  Gate& operator=(const Gate&) = delete;
-
-  bool held() const { return fd_ >= 0; }
-  bool busy() const { return busy_; }
-
-  static struct flock lockRange(short type, off_t start) {
-    struct flock range;
-    std::memset(&range, 0, sizeof range);
-    range.l_type = type;
-    range.l_whence = SEEK_SET;
-    range.l_start = start;
-    range.l_len = 1;
-    return range;
-  }
+  explicit Held(detail::CacheLock& lock) : lock_(lock) { tookOver_ = lock_.lock(); }
+  ~Held() { lock_.unlock(); }
+  Held(const Held&) = delete;
+  Held& operator=(const Held&) = delete;
+  bool tookOver() const { return tookOver_; }
 
  private:
-  int fd_ = -1;
-  bool busy_ = false;
+  detail::CacheLock& lock_;
+  bool tookOver_ = false;
 };
-
-// Waits for the named mutex; a signal that interrupts the wait does not end it.
-void waitForMutex(bip::named_mutex& lock) {
-  for (;;) {
-    try {
-      lock.lock();
-      return;
-    } catch (const bip::interprocess_exception& e) {
-      if (e.get_native_error() != EINTR) throw;
-    }
-  }
-}
-
-// Takes the named mutex once the gate is held: a mutex found taken was left
-// so by a process that has ended, and is taken over. Returns the lock and
-// whether it was taken over.
-bip::scoped_lock<bip::named_mutex> takeLock(bip::named_mutex& lock, const Gate& gate, const char* segmentName,
-                                            bool* tookOver = nullptr) {
-  if (!gate.held()) {
-    waitForMutex(lock);
-    return bip::scoped_lock<bip::named_mutex>(lock, bip::accept_ownership);
-  }
-  const bool free = lock.try_lock();
-  if (!free)
-    std::fprintf(stderr, "MediaCache: %s: took over the lock left held by a process that ended\n",
-                 segmentName);
-  if (tookOver != nullptr) *tookOver = !free;
-  return bip::scoped_lock<bip::named_mutex>(lock, bip::accept_ownership);
-}
 
 // Grows a segment to at least `bytes` under its lock, so that no other
 // process is inside an image while its size changes. Never shrinks it.
-void ensureSize(bip::shared_memory_object& segment, bip::named_mutex& lock, std::uint64_t bytes) {
-  Gate gate(segment.get_name(), true);
-  bip::scoped_lock<bip::named_mutex> guard = takeLock(lock, gate, segment.get_name());
+void ensureSize(bip::shared_memory_object& segment, detail::CacheLock& lock, std::uint64_t bytes) {
+  Held held(lock);
   bip::offset_t size = 0;
   if (!segment.get_size(size)) size = 0;
   if (static_cast<std::uint64_t>(size) < bytes) segment.truncate(static_cast<bip::offset_t>(bytes));
@@ -225,42 +138,48 @@ std::uint64_t sizeOf(const bip::shared_memory_object& segment) {
 }
 
 // Runs work(base, size) on the whole segment mapped read-write, holding the
-// gate and the named mutex from before the mapping until after the
-// unmapping. The mapping is made for this one call.
+// cache's lock from before the mapping until after the unmapping. The
+// mapping is made for this one call, on the handle already open.
 template <class Work>
-auto withImage(bip::shared_memory_object& segment, bip::named_mutex& lock, Work work) {
-  Gate gate(segment.get_name(), true);
-  bip::scoped_lock<bip::named_mutex> guard = takeLock(lock, gate, segment.get_name());
+auto withImage(bip::shared_memory_object& segment, detail::CacheLock& lock, Work work) {
+  Held held(lock);
   bip::mapped_region region(segment, bip::read_write, 0, 0);
   return work(static_cast<unsigned char*>(region.get_address()),
               static_cast<std::uint64_t>(region.get_size()));
 }
 
-// Who holds a cache's lock, without waiting for it.
-MediaCache::LockState lockStateOf(bip::shared_memory_object& segment, bip::named_mutex& lock) {
+MediaCache::LockState lockStateOf(detail::CacheLock& lock) {
+  const detail::CacheLock::State found = lock.state();
   MediaCache::LockState state;
-  Gate gate(segment.get_name(), false);
-  if (gate.held()) {
-    if (lock.try_lock()) {
-      lock.unlock();
+  switch (found.kind) {
+    case detail::CacheLock::State::Free:
       state.kind = MediaCache::LockState::Free;
-    } else {
+      break;
+    case detail::CacheLock::State::Held:
+      state.kind = MediaCache::LockState::Held;
+      break;
+    case detail::CacheLock::State::LeftHeld:
       state.kind = MediaCache::LockState::LeftHeld;
-    }
-    return state;
+      break;
+    case detail::CacheLock::State::Unknown:
+      state.kind = MediaCache::LockState::Unknown;
+      break;
   }
-  if (!gate.busy()) {
-    state.kind = MediaCache::LockState::Unknown;
-    return state;
-  }
-  state.kind = MediaCache::LockState::Held;
-  const int fd = ::shm_open(segment.get_name(), O_RDONLY | O_CLOEXEC, 0);
-  if (fd >= 0) {
-    struct flock holder = Gate::lockRange(F_WRLCK, 1);
-    if (::fcntl(fd, F_GETLK, &holder) == 0 && holder.l_type != F_UNLCK) state.pid = holder.l_pid;
-    ::close(fd);
-  }
+  state.pid = found.pid;
+  state.recorded = found.recorded;
+  state.alive = found.alive;
+  state.startTime = found.startTime;
+  state.takeovers = found.takeovers;
+  state.mutexMode = found.mutexMode;
+  state.recordMode = found.recordMode;
   return state;
+}
+
+// The permission bits of an open segment.
+unsigned modeOfSegment(const bip::shared_memory_object& segment) {
+  struct stat info;
+  if (::fstat(segment.get_mapping_handle().handle, &info) != 0) return 0600;
+  return static_cast<unsigned>(info.st_mode & 0777);
 }
 
 // Linux 5.14 and later fill the page tables of a range in one call, which
@@ -318,7 +237,7 @@ void placeInOrder(const std::vector<Record*>& places, const std::vector<std::siz
 // interprocess_exception, before touching the segment, when the image would
 // not fit.
 template <class Fill>
-int writePlaylistImage(bip::shared_memory_object& segment, bip::named_mutex& lock, std::uint64_t count,
+int writePlaylistImage(bip::shared_memory_object& segment, detail::CacheLock& lock, std::uint64_t count,
                        Fill fill) {
   return withImage(segment, lock, [&](unsigned char* base, std::uint64_t size) {
     const std::uint64_t needed = MediaCache::PlaylistImageSize(count);
@@ -344,8 +263,8 @@ int writePlaylistImage(bip::shared_memory_object& segment, bip::named_mutex& loc
 // written. Throws interprocess_exception, before touching the segment, when
 // the image would not fit.
 template <class Fill>
-int writeClipImage(bip::shared_memory_object& segment, bip::named_mutex& lock, std::uint64_t count, Fill fill,
-                   bool prefaultImage = true) {
+int writeClipImage(bip::shared_memory_object& segment, detail::CacheLock& lock, std::uint64_t count,
+                   Fill fill, bool prefaultImage = true) {
   return withImage(segment, lock, [&](unsigned char* base, std::uint64_t size) {
     const std::uint64_t needed = MediaCache::ClipImageSize(count);
     if (count > std::numeric_limits<std::uint32_t>::max() || needed > size)
@@ -428,17 +347,28 @@ MediaCache::MediaCache(const MediaCacheOptions& options)
       clipLock_(bip::open_only, existingMutex(options, options.clipLock)),
       playlistSegment_(openSegment(options, options.playlistSegment)),
       playlistLock_(bip::open_only, existingMutex(options, options.playlistLock)) {
+  // The lock records are as open as the segments; a cache being created
+  // gets the options' permissions on every object, whatever the umask.
   if (options.create) {
-    ensureSize(clipSegment_, clipLock_,
+    detail::CacheLock::setModes(options.clipLock, options.permissions);
+    detail::CacheLock::setModes(options.playlistLock, options.permissions);
+  }
+  clipGuard_.reset(new detail::CacheLock(options.clipLock, options.clipSegment,
+                                         options.create ? options.permissions : modeOfSegment(clipSegment_)));
+  playlistGuard_.reset(
+      new detail::CacheLock(options.playlistLock, options.playlistSegment,
+                            options.create ? options.permissions : modeOfSegment(playlistSegment_)));
+  if (options.create) {
+    ensureSize(clipSegment_, *clipGuard_,
                segmentBytes(options.maxClips, kClipHeaderSize, kClipSlotSize, "clip"));
-    ensureSize(playlistSegment_, playlistLock_,
+    ensureSize(playlistSegment_, *playlistGuard_,
                segmentBytes(options.maxPlaylists, kPlaylistHeaderSize, kPlaylistSlotSize, "playlist"));
   }
 }
 
-// Members close in reverse order: the playlist lock's semaphore, the
-// playlist segment, the clip lock's semaphore, the clip segment. Nothing is
-// removed from the system.
+// Members close in reverse order: the lock records, then the playlist
+// lock's semaphore, the playlist segment, the clip lock's semaphore, the
+// clip segment. Nothing is removed from the system.
 MediaCache::~MediaCache() = default;
 
 int MediaCache::Remove(const MediaCacheOptions& options) {
@@ -447,6 +377,9 @@ int MediaCache::Remove(const MediaCacheOptions& options) {
   if (bip::named_mutex::remove(options.clipLock.c_str())) ++removed;
   if (bip::shared_memory_object::remove(options.playlistSegment.c_str())) ++removed;
   if (bip::named_mutex::remove(options.playlistLock.c_str())) ++removed;
+  // The lock records go with their mutexes; they are not counted.
+  detail::CacheLock::removeRecord(options.clipLock);
+  detail::CacheLock::removeRecord(options.playlistLock);
   return removed;
 }
 
@@ -465,17 +398,18 @@ std::uint64_t MediaCache::PlaylistSegmentSize() const { return sizeOf(playlistSe
 // ---------------------------------------------------------------- clip cache
 
 int MediaCache::WriteClipCacheToSharedMemory(std::list<Clip> clips) {
-  return writeClipImage(clipSegment_, clipLock_, clips.size(), [&clips](unsigned char* slots, std::uint64_t) {
-    unsigned char* slot = slots;
-    for (const Clip& clip : clips) {
-      std::memcpy(slot, &clip, Clip::kStoredSize);
-      slot += kClipSlotSize;
-    }
-  });
+  return writeClipImage(clipSegment_, *clipGuard_, clips.size(),
+                        [&clips](unsigned char* slots, std::uint64_t) {
+                          unsigned char* slot = slots;
+                          for (const Clip& clip : clips) {
+                            std::memcpy(slot, &clip, Clip::kStoredSize);
+                            slot += kClipSlotSize;
+                          }
+                        });
 }
 
 int MediaCache::ReadClipCacheFromSharedMemory(std::list<Clip>& clips) {
-  return withImage(clipSegment_, clipLock_, [&clips](const unsigned char* base, std::uint64_t size) {
+  return withImage(clipSegment_, *clipGuard_, [&clips](const unsigned char* base, std::uint64_t size) {
     if (size < kClipMagicSize || std::memcmp(base, kClipMagic, kClipMagicSize) != 0) return 0;
     if (size < kClipHeaderSize) {
       std::fprintf(
@@ -504,14 +438,14 @@ int MediaCache::ReadClipCacheFromSharedMemory(std::list<Clip>& clips) {
 }
 
 void MediaCache::FlushClips() {
-  withImage(clipSegment_, clipLock_, [](unsigned char* base, std::uint64_t) {
+  withImage(clipSegment_, *clipGuard_, [](unsigned char* base, std::uint64_t) {
     base[0] = '*';
     return 0;
   });
 }
 
 void MediaCache::FlushPlaylists() {
-  withImage(playlistSegment_, playlistLock_, [](unsigned char* base, std::uint64_t) {
+  withImage(playlistSegment_, *playlistGuard_, [](unsigned char* base, std::uint64_t) {
     base[0] = '*';
     return 0;
   });
@@ -525,37 +459,29 @@ void MediaCache::Flush() {
 int MediaCache::Destroy() { return 1; }
 
 void MediaCache::HoldClipLock(const std::function<void()>& work) {
-  withImage(clipSegment_, clipLock_, [&work](unsigned char*, std::uint64_t) {
+  withImage(clipSegment_, *clipGuard_, [&work](unsigned char*, std::uint64_t) {
     work();
     return 0;
   });
 }
 
 void MediaCache::HoldPlaylistLock(const std::function<void()>& work) {
-  withImage(playlistSegment_, playlistLock_, [&work](unsigned char*, std::uint64_t) {
+  withImage(playlistSegment_, *playlistGuard_, [&work](unsigned char*, std::uint64_t) {
     work();
     return 0;
   });
 }
 
-MediaCache::LockState MediaCache::ClipLockState() { return lockStateOf(clipSegment_, clipLock_); }
+MediaCache::LockState MediaCache::ClipLockState() { return lockStateOf(*clipGuard_); }
 
-MediaCache::LockState MediaCache::PlaylistLockState() { return lockStateOf(playlistSegment_, playlistLock_); }
+MediaCache::LockState MediaCache::PlaylistLockState() { return lockStateOf(*playlistGuard_); }
 
 int MediaCache::RepairLocks() {
   int tookOver = 0;
-  bool taken = false;
-  {
-    Gate gate(clipSegment_.get_name(), true);
-    bip::scoped_lock<bip::named_mutex> guard = takeLock(clipLock_, gate, clipSegment_.get_name(), &taken);
+  for (detail::CacheLock* lock : {clipGuard_.get(), playlistGuard_.get()}) {
+    Held held(*lock);
+    if (held.tookOver()) ++tookOver;
   }
-  tookOver += taken ? 1 : 0;
-  {
-    Gate gate(playlistSegment_.get_name(), true);
-    bip::scoped_lock<bip::named_mutex> guard =
-        takeLock(playlistLock_, gate, playlistSegment_.get_name(), &taken);
-  }
-  tookOver += taken ? 1 : 0;
   return tookOver;
 }
 
@@ -690,7 +616,7 @@ std::map<std::string, PlaylistCacheEntry> MediaCache::GetPlaylists() {
 }
 
 int MediaCache::WritePlaylistCacheToSharedMemory(std::map<std::string, PlaylistCacheEntry> playlists) {
-  return writePlaylistImage(playlistSegment_, playlistLock_, playlists.size(),
+  return writePlaylistImage(playlistSegment_, *playlistGuard_, playlists.size(),
                             [&playlists](unsigned char* slots) {
                               unsigned char* slot = slots;
                               for (const auto& element : playlists) {
@@ -702,7 +628,7 @@ int MediaCache::WritePlaylistCacheToSharedMemory(std::map<std::string, PlaylistC
 
 int MediaCache::ReadPlaylistCacheFromSharedMemory(std::map<std::string, PlaylistCacheEntry>& playlists) {
   return withImage(
-      playlistSegment_, playlistLock_, [&playlists](const unsigned char* base, std::uint64_t size) {
+      playlistSegment_, *playlistGuard_, [&playlists](const unsigned char* base, std::uint64_t size) {
         if (size < kPlaylistMagicSize || std::memcmp(base, kPlaylistMagic, kPlaylistMagicSize) != 0) return 0;
         if (size < kPlaylistHeaderSize) {
           std::fprintf(stderr,
@@ -812,7 +738,7 @@ int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType
   placeInOrder(clips, sorted);
 
   writeClipImage(
-      clipSegment_, clipLock_, clips.size(),
+      clipSegment_, *clipGuard_, clips.size(),
       [&](unsigned char* slots, std::uint64_t count) {
         constexpr std::size_t kWindow = 64;  // slots whose pages are filled in one call
         for (std::size_t i = 0; i < count; ++i) {
@@ -824,7 +750,7 @@ int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType
         }
       },
       false);
-  writePlaylistImage(playlistSegment_, playlistLock_, playlists.size(), [&playlists](unsigned char* slots) {
+  writePlaylistImage(playlistSegment_, *playlistGuard_, playlists.size(), [&playlists](unsigned char* slots) {
     unsigned char* slot = slots;
     for (const auto& element : playlists) {
       std::memcpy(slot, element.second, kPlaylistSlotSize);

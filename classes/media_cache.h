@@ -8,6 +8,7 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <memory>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -38,6 +39,9 @@ static_assert(offsetof(PlaylistCacheEntry, text) == 4096, "PlaylistCacheEntry::t
 static_assert(offsetof(PlaylistCacheEntry, modTime) == 53312, "PlaylistCacheEntry::modTime offset");
 
 namespace zev {
+namespace detail {
+class CacheLock;
+}  // namespace detail
 namespace media {
 
 /// A playlist file parsed: its name and its clip names in playing order.
@@ -145,10 +149,12 @@ class MediaCache {
   int Destroy();
 
   // Locks. A process that ends while it holds a cache's lock (killed,
-  // crashed) does not block the others: the next process to use the cache
-  // takes the lock over as soon as the kernel has closed the ended process's
-  // files, and says so on standard error. A live holder is always waited for.
-  // A writer that ends half-way leaves an invalid image (read as empty).
+  // crashed) does not block the others: the library records each holder's
+  // pid and start time, and the next process to use the cache takes the lock
+  // over once the recorded holder has provably ended, and says so on standard
+  // error. A live holder, and any holder the library did not record (a
+  // program that locks the named mutex itself), is always waited for. A
+  // writer that ends half-way leaves an invalid image (read as empty).
 
   /// Who holds a cache's lock.
   struct LockState {
@@ -159,7 +165,13 @@ class MediaCache {
       Unknown,   // this system cannot tell
     };
     Kind kind = Unknown;
-    int pid = 0;
+    int pid = 0;                  // the holder, 0 when not known
+    bool recorded = false;        // the holder is named in the lock's owner record
+    bool alive = false;           // the recorded holder is alive
+    std::uint64_t startTime = 0;  // the recorded holder's start, clock ticks after boot
+    std::uint32_t takeovers = 0;  // dead holders' locks taken over since the cache was made
+    unsigned mutexMode = 0;       // permission bits of the named mutex, 0 when not known
+    unsigned recordMode = 0;      // permission bits of the owner record, 0 when there is none
   };
   /// The state of the clip lock, found without waiting.
   LockState ClipLockState();
@@ -248,6 +260,9 @@ class MediaCache {
   boost::interprocess::named_mutex clipLock_;
   boost::interprocess::shared_memory_object playlistSegment_;
   boost::interprocess::named_mutex playlistLock_;
+  // The recovery around each named mutex (its owner record and gate).
+  std::unique_ptr<detail::CacheLock> clipGuard_;
+  std::unique_ptr<detail::CacheLock> playlistGuard_;
 };
 
 }  // namespace media

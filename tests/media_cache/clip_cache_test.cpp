@@ -250,6 +250,8 @@ TEST(ClipCache, SegmentTooSmallForTheHeaderIsNeverOverrun) {
     bip::shared_memory_object playlists(bip::create_only, names.options.playlistSegment.c_str(),
                                         bip::read_write);
     playlists.truncate(20);
+    bip::named_mutex clipLock(bip::create_only, names.options.clipLock.c_str());
+    bip::named_mutex playlistLock(bip::create_only, names.options.playlistLock.c_str());
   }
   MediaCacheOptions existing = names.options;
   existing.create = false;

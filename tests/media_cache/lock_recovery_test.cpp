@@ -15,90 +15,12 @@
 
 #include "cache_test_support.h"
 #include "daemonutils.h"
+#include "lock_test_support.h"
 
 namespace {
 
 using namespace cache_test;
-
-struct Random {
-  explicit Random(std::uint32_t seed) : state(seed * 2654435761u + 1) {}
-  int below(int n) {
-    state ^= state << 13;
-    state ^= state >> 17;
-    state ^= state << 5;
-    return static_cast<int>(state % static_cast<std::uint32_t>(n));
-  }
-  std::uint32_t state;
-};
-
-// A child process that runs fn and ends with its result; killed and reaped
-// by the destructor if still running.
-class Child {
- public:
-  template <class Fn>
-  explicit Child(Fn fn) {
-    pid_ = fork();
-    if (pid_ == 0) {
-      int status = 1;
-      try {
-        status = fn();
-      } catch (...) {
-      }
-      _exit(status);
-    }
-  }
-  ~Child() {
-    if (pid_ > 0 && !reaped_) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-  pid_t pid() const { return pid_; }
-  // Kills with SIGKILL and reaps.
-  void killNow() {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    reaped_ = true;
-  }
-  int wait() {
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    reaped_ = true;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-
- private:
-  pid_t pid_ = -1;
-  bool reaped_ = false;
-};
-
-// One byte through a pipe, as a signal between processes.
-struct Pipe {
-  Pipe() { EXPECT_EQ(pipe(fds), 0); }
-  ~Pipe() {
-    close(fds[0]);
-    close(fds[1]);
-  }
-  void post() {
-    const char byte = 1;
-    while (write(fds[1], &byte, 1) != 1) {
-    }
-  }
-  bool await() {
-    char byte;
-    ssize_t n;
-    while ((n = read(fds[0], &byte, 1)) < 0 && errno == EINTR) {
-    }
-    return n == 1;
-  }
-  int fds[2];
-};
-
-// Ends the test process if a cache call blocks for good, instead of hanging until the suite's timeout.
-struct Watchdog {
-  explicit Watchdog(unsigned seconds) { alarm(seconds); }
-  ~Watchdog() { alarm(0); }
-};
+using namespace lock_test;
 
 // A holder killed while it holds the clip lock does not block the others:
 // the next reader takes the lock over and reads the last whole catalogue.
@@ -129,9 +51,9 @@ TEST(LockRecovery, KilledClipLockHolderIsTakenOver) {
   std::list<Clip> clips;
   testing::internal::CaptureStderr();
   EXPECT_EQ(cache.ReadClipCacheFromSharedMemory(clips), 1);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "MediaCache: " + names.options.clipSegment +
-                ": took over the lock left held by a process that ended\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "MediaCache: " + names.options.clipSegment +
+                                                        ": took over the lock left held by process " +
+                                                        std::to_string(holder.pid()) + ", which ended\n");
   EXPECT_EQ(namesOf(clips), (std::vector<std::string>{"A.mov", "B.mov"}));
 
   // The lock works as before afterwards.
@@ -279,6 +201,9 @@ TEST(LockRecovery, CrashLoopNeverLeavesATornImage) {
     testing::internal::GetCapturedStderr();
     if (HasFailure()) break;
   }
+  // Every recovery handed the semaphores on: each is a free 0/1 mutex again.
+  EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
+  EXPECT_EQ(semaphoreValue(names.options.playlistLock), 1);
   std::printf("200 writers killed: %d invalid clip images, %d invalid playlist images\n", invalidClips,
               invalidPlaylists);
 }
