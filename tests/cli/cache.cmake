@@ -4,7 +4,7 @@ string(MD5 _cache_tree "${CMAKE_BINARY_DIR}")
 string(SUBSTRING "${_cache_tree}" 0 10 _cache_tree)
 set(_cache_prefix "vorta_cli_${_cache_tree}")
 
-vorta_cli_test(cache_bad_action RC 2 ARGS cache frob STDERR "^vorta cache: unknown action 'frob' \\(create, info, flush, repair or remove\\)\nusage:")
+vorta_cli_test(cache_bad_action RC 2 ARGS cache frob STDERR "^vorta cache: unknown action 'frob' \\(create, info, flush, repair, hold or remove\\)\nusage:")
 vorta_cli_test(cache_missing_action RC 2 ARGS cache STDERR "^vorta cache: missing argument\n")
 vorta_cli_test(cache_info_missing RC 2 ARGS cache info --prefix ${_cache_prefix}_missing
   STDERR "^vorta cache: cannot open the cache ${_cache_prefix}_missing.clips / ${_cache_prefix}_missing.playlists: No such file or directory \\(create it with 'vorta cache create'\\)\n$")

@@ -27,3 +27,10 @@ if(VORTA_BASH)
     set_tests_properties(cli.process_${_mode} PROPERTIES LABELS cli TIMEOUT 120 SKIP_RETURN_CODE 77)
   endforeach()
 endif()
+
+# A cache lock held, killed and taken over, through the tool.
+if(VORTA_BASH)
+  add_test(NAME cli.cache_lock
+    COMMAND ${VORTA_BASH} ${CMAKE_CURRENT_SOURCE_DIR}/lock_cli.sh $<TARGET_FILE:vorta_cli> ${_process_emulator})
+  set_tests_properties(cli.cache_lock PROPERTIES LABELS cli TIMEOUT 120)
+endif()

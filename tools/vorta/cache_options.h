@@ -2,6 +2,7 @@
 #pragma once
 
 #include <boost/interprocess/exceptions.hpp>
+#include <cerrno>
 #include <memory>
 #include <string>
 #include <vector>
@@ -54,8 +55,10 @@ inline std::unique_ptr<zev::media::MediaCache> openExistingCache(zev::media::Med
   try {
     return std::make_unique<zev::media::MediaCache>(options);
   } catch (const boost::interprocess::interprocess_exception& e) {
+    // Only a missing cache is helped by creating it; a refused one is not.
+    const bool missing = e.get_native_error() == ENOENT;
     throw Failure("cannot open the cache " + options.clipSegment + " / " + options.playlistSegment + ": " +
-                  e.what() + " (create it with 'vorta cache create')");
+                  e.what() + (missing ? " (create it with 'vorta cache create')" : ""));
   }
 }
 

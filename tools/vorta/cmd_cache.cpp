@@ -1,6 +1,12 @@
 // vorta cache: create, inspect, flush and remove the shared clip and playlist caches.
+#include <signal.h>
+#include <unistd.h>
+
 #include <boost/interprocess/exceptions.hpp>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <fstream>
 #include <iostream>
 #include <list>
 #include <map>
@@ -27,6 +33,7 @@ struct ImageInfo {
   std::uint64_t capacity = 0;
   std::vector<std::string> names;
   MediaCache::LockState lock;
+  bool read = true;  // false when the lock was not free: info never waits for it nor takes it over
 };
 
 const char* lockKind(const MediaCache::LockState& lock) {
@@ -42,19 +49,67 @@ const char* lockKind(const MediaCache::LockState& lock) {
   }
 }
 
+// A process start time in clock ticks after boot as an ISO 8601 local time
+// with its zone; empty when the boot time cannot be read.
+std::string startTimeText(std::uint64_t ticks) {
+  std::ifstream stat("/proc/stat");
+  std::string key;
+  long long boot = -1;
+  while (stat >> key) {
+    if (key == "btime") {
+      stat >> boot;
+      break;
+    }
+    stat.ignore(1 << 20, '\n');
+  }
+  const long hertz = sysconf(_SC_CLK_TCK);
+  if (boot < 0 || hertz <= 0 || ticks == 0) return "";
+  const std::time_t when = static_cast<std::time_t>(boot + static_cast<long long>(ticks / hertz));
+  std::tm local;
+  if (localtime_r(&when, &local) == nullptr) return "";
+  char text[64];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local);
+  std::string out = text;
+  if (out.size() > 5) out.insert(out.size() - 2, ":");  // +0100 -> +01:00
+  return out;
+}
+
+std::string modeText(unsigned mode) {
+  char text[8];
+  std::snprintf(text, sizeof text, "%04o", mode & 07777);
+  return text;
+}
+
+std::string holderText(const MediaCache::LockState& lock) {
+  std::string text = "pid " + std::to_string(lock.pid);
+  const std::string started = startTimeText(lock.startTime);
+  if (!started.empty()) text += ", started " + started;
+  return text;
+}
+
 std::string lockText(const MediaCache::LockState& lock) {
+  std::string text;
   switch (lock.kind) {
     case MediaCache::LockState::Free:
-      return "lock free";
+      text = "lock free";
+      break;
     case MediaCache::LockState::Held:
-      return lock.pid > 0 ? "lock held by pid " + std::to_string(lock.pid) + " (running)"
-                          : "lock held (running)";
+      if (lock.recorded && lock.pid > 0)
+        text = "lock held by " + holderText(lock) + " (alive)";
+      else
+        text = "lock held by a process outside this library (waited for, never taken over)";
+      break;
     case MediaCache::LockState::LeftHeld:
-      return "lock left held by a process that ended (the next access takes it over; or 'vorta cache "
-             "repair')";
+      text = "lock left held by " + holderText(lock) +
+             " (gone; the next access takes it over, or 'vorta cache repair')";
+      break;
     default:
-      return "lock state unknown";
+      text = "lock state unknown";
   }
+  text += "; mutex mode " + (lock.mutexMode != 0 ? modeText(lock.mutexMode) : std::string("unknown"));
+  text += ", owner record mode " + (lock.recordMode != 0 ? modeText(lock.recordMode) : std::string("none"));
+  if (lock.takeovers > 0) text += ", " + std::to_string(lock.takeovers) + " taken over so far";
+  return text;
 }
 
 ImageInfo clipInfo(MediaCache& cache, const MediaCacheOptions& options) {
@@ -62,6 +117,14 @@ ImageInfo clipInfo(MediaCache& cache, const MediaCacheOptions& options) {
   info.kind = "clip";
   info.segment = options.clipSegment;
   info.lock = cache.ClipLockState();
+  info.segmentBytes = cache.ClipSegmentSize();
+  info.capacity = info.segmentBytes >= MediaCache::kClipHeaderSize
+                      ? (info.segmentBytes - MediaCache::kClipHeaderSize) / MediaCache::kClipSlotSize
+                      : 0;
+  if (info.lock.kind != MediaCache::LockState::Free) {
+    info.read = false;
+    return info;
+  }
   std::list<Clip> clips;
   info.valid = cache.ReadClipCacheFromSharedMemory(clips) == 1;
   info.count = clips.size();
@@ -79,6 +142,14 @@ ImageInfo playlistInfo(MediaCache& cache, const MediaCacheOptions& options) {
   info.kind = "playlist";
   info.segment = options.playlistSegment;
   info.lock = cache.PlaylistLockState();
+  info.segmentBytes = cache.PlaylistSegmentSize();
+  info.capacity = info.segmentBytes >= MediaCache::kPlaylistHeaderSize
+                      ? (info.segmentBytes - MediaCache::kPlaylistHeaderSize) / MediaCache::kPlaylistSlotSize
+                      : 0;
+  if (info.lock.kind != MediaCache::LockState::Free) {
+    info.read = false;
+    return info;
+  }
   std::map<std::string, PlaylistCacheEntry> playlists;
   info.valid = cache.ReadPlaylistCacheFromSharedMemory(playlists) == 1;
   info.count = playlists.size();
@@ -93,7 +164,9 @@ ImageInfo playlistInfo(MediaCache& cache, const MediaCacheOptions& options) {
 
 void printInfo(const ImageInfo& info) {
   std::cout << info.kind << " image in " << info.segment << ": ";
-  if (info.valid)
+  if (!info.read)
+    std::cout << "not read while its lock is not free, segment of " << info.segmentBytes << " bytes";
+  else if (info.valid)
     std::cout << "valid, " << info.count << " " << info.kind << (info.count == 1 ? "" : "s") << ", "
               << info.imageBytes << " of " << info.segmentBytes << " bytes";
   else
@@ -105,6 +178,7 @@ void printInfo(const ImageInfo& info) {
 cJSON* jsonInfo(const ImageInfo& info) {
   cJSON* item = cJSON_CreateObject();
   cJSON_AddStringToObject(item, "segment", info.segment.c_str());
+  cJSON_AddBoolToObject(item, "read", info.read);
   cJSON_AddBoolToObject(item, "valid", info.valid);
   cJSON_AddNumberToObject(item, "count", static_cast<double>(info.count));
   cJSON_AddNumberToObject(item, "imageBytes", static_cast<double>(info.imageBytes));
@@ -113,6 +187,17 @@ cJSON* jsonInfo(const ImageInfo& info) {
   cJSON* lock = cJSON_AddObjectToObject(item, "lock");
   cJSON_AddStringToObject(lock, "state", lockKind(info.lock));
   if (info.lock.pid > 0) cJSON_AddNumberToObject(lock, "pid", info.lock.pid);
+  cJSON_AddBoolToObject(lock, "recorded", info.lock.recorded);
+  if (info.lock.recorded) {
+    cJSON_AddBoolToObject(lock, "alive", info.lock.alive);
+    const std::string started = startTimeText(info.lock.startTime);
+    if (!started.empty()) cJSON_AddStringToObject(lock, "startTime", started.c_str());
+  }
+  cJSON_AddNumberToObject(lock, "takeovers", info.lock.takeovers);
+  if (info.lock.mutexMode != 0)
+    cJSON_AddStringToObject(lock, "mutexMode", modeText(info.lock.mutexMode).c_str());
+  if (info.lock.recordMode != 0)
+    cJSON_AddStringToObject(lock, "recordMode", modeText(info.lock.recordMode).c_str());
   cJSON* names = cJSON_AddArrayToObject(item, "names");
   for (const std::string& name : info.names) cJSON_AddItemToArray(names, cJSON_CreateString(name.c_str()));
   return item;
@@ -141,6 +226,8 @@ int run(Invocation& in) {
   const MediaCacheOptions options = cacheOptionsFrom(in);
   if ((in.value("clips") || in.value("playlists")) && action != "create")
     throw UsageError("--clips and --playlists are for 'create'");
+  if ((in.value("seconds") || in.value("lock")) && action != "hold")
+    throw UsageError("--seconds and --lock are for 'hold'");
   if (in.flag("json") && action != "info") throw UsageError("--json is for 'info'");
 
   if (action == "create") return create(in, options);
@@ -172,13 +259,33 @@ int run(Invocation& in) {
               << " left held by processes that ended\n";
     return 0;
   }
+  if (action == "hold") {
+    // Holds one lock as every cache operation does, for trying out what
+    // other processes see while it is held (or after this one is killed).
+    const long long seconds = in.integer("seconds", 10, 0, 86400);
+    const std::string which = in.value("lock").value_or("clip");
+    if (which != "clip" && which != "playlist") throw UsageError("--lock must be clip or playlist");
+    const bool playlists = which == "playlist";
+    auto cache = openExistingCache(options);
+    auto work = [&] {
+      std::cout << "holding the " << (playlists ? "playlist" : "clip") << " lock as pid " << getpid()
+                << " for " << seconds << " s" << std::endl;
+      for (long long left = seconds; left > 0;) left = sleep(static_cast<unsigned>(left));
+    };
+    if (playlists)
+      cache->HoldPlaylistLock(work);
+    else
+      cache->HoldClipLock(work);
+    std::cout << "released" << std::endl;
+    return 0;
+  }
   if (action == "flush") {
     auto cache = openExistingCache(options);
     cache->Flush();
     std::cout << "flushed " << options.clipSegment << " and " << options.playlistSegment << "\n";
     return 0;
   }
-  throw UsageError("unknown action '" + action + "' (create, info, flush, repair or remove)");
+  throw UsageError("unknown action '" + action + "' (create, info, flush, repair, hold or remove)");
 }
 
 std::vector<Option> cacheOptions() {
@@ -187,22 +294,27 @@ std::vector<Option> cacheOptions() {
   options.push_back(
       {"playlists", "N", "create: the most playlists the playlist segment holds (default 200)"});
   options.push_back({"json", "", "info: print JSON"});
+  options.push_back({"seconds", "N", "hold: how long to hold the lock (default 10)"});
+  options.push_back({"lock", "clip|playlist", "hold: which lock to hold (default clip)"});
   return options;
 }
 
 const Command kCache{
     "cache",
     "create, inspect, flush or remove the shared clip and playlist caches",
-    "create | info | flush | repair | remove",
+    "create | info | flush | repair | hold | remove",
     "The clip catalogue and the playlist cache live in two POSIX shared-memory\n"
     "segments, each guarded by a named mutex, shared by every process that uses\n"
     "libvorta. 'create' makes them (or grows them) for --clips and --playlists;\n"
     "a 4000-clip segment is 26 MB of address space, but memory is only used for\n"
     "what is written. 'info' shows whether each image is valid, its count, its\n"
-    "size, the names in it and who holds its lock. 'flush' invalidates both\n"
-    "images. A lock left held by a process that ended is taken over by the\n"
-    "next process that uses the cache; 'repair' does that at once. 'remove'\n"
-    "deletes the segments and mutexes from the system.",
+    "size, the names in it, who holds its lock (pid, start time, alive or gone)\n"
+    "and the modes of its mutex and owner record. 'flush' invalidates both\n"
+    "images. A lock left held by a process that has provably ended is taken\n"
+    "over by the next process that uses the cache; 'repair' does that at once.\n"
+    "A holder outside this library is always waited for. 'hold' holds one lock\n"
+    "for --seconds, to see what others see meanwhile. 'remove' deletes the\n"
+    "segments, mutexes and owner records from the system.",
     cacheOptions(),
     run,
     1,
