@@ -2,7 +2,8 @@
 # The main job, shown with the vorta tool: a medium is scanned into the
 # shared catalogue, then listed the way the recorder's processes list it.
 # The sample medium is built from the committed test clips; the parameters
-# go to a file of the demo's own, so nothing of the user's is changed.
+# go to a file of the demo's own and the catalogue to caches of the demo's own
+# (prefix vorta-demo), so nothing of the user's is changed.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 vorta=$(cd "$(dirname "${1:-build/default/tools/vorta/vorta}")" && pwd)/$(basename "${1:-vorta}")
@@ -10,6 +11,7 @@ clips="$root/tests/data/qt"
 work=${VORTA_DEMO_DIR:-/tmp/vorta-demo}
 media="$work/ZEV/card1"
 export VORTA_PARAMS="$work/params.json"
+prefix=${VORTA_DEMO_PREFIX:-vorta-demo}
 
 rm -rf "$work"
 mkdir -p "$media"
@@ -35,10 +37,19 @@ printf '%s' '{"name":"Reel 1","cliplist":["SC12ATK2.mov","ClipTK1.mov","SC12ATK1
 printf '%s' '{"name":"Selects","cliplist":["ClipTK2.mov","LostTK9.mov","Interview_1.mov"]}' > "$media/Selects.playlist"
 printf '%s' '{"name":"Broken","cliplist":["ClipTK1.mov",42]}' > "$media/Broken.playlist"
 
+# The commands that use the shared caches get the demo's prefix.
 run() {
   echo
-  echo "\$ vorta $*"
-  "$vorta" "$@"
+  case "$1" in
+    scan | clips | playlists | next-name | after-delete | add | remove | playlist | cache)
+      echo "\$ vorta $* --prefix $prefix"
+      "$vorta" "$@" --prefix "$prefix"
+      ;;
+    *)
+      echo "\$ vorta $*"
+      "$vorta" "$@"
+      ;;
+  esac
 }
 
 echo "vorta demo: a medium with 9 files and 3 playlist files in $media"
@@ -58,3 +69,7 @@ run next-name --advance
 run param get take
 run probe "$media/ClipTK2.mov"
 run tc 01:00:00:00 --format 30df --add 1800
+
+echo
+echo "The demo's catalogue stays for you to try: vorta clips --prefix $prefix"
+echo "(parameters: VORTA_PARAMS=$VORTA_PARAMS); remove it with: vorta cache remove --prefix $prefix"

@@ -48,9 +48,9 @@ vorta_cli_test(burn_bad_user_bits RC 2 ARGS burn --user-bits 12345 --out ${_png}
   STDERR "^vorta burn: --user-bits must be 8 hexadecimal digits, group 8 first, not '12345'\n")
 vorta_cli_test(burn_bad_percent RC 2 ARGS burn --vertical-percent 101 --out ${_png}_x.png
   STDERR "^vorta burn: --vertical-percent must be between 0 and 100\n")
-vorta_cli_test(burn_does_not_fit RC 2 ARGS burn --size 200x100 --out ${_png}_x.png
+vorta_cli_test(burn_does_not_fit RC 1 ARGS burn --size 200x100 --out ${_png}_x.png
   STDERR "^vorta burn: the time code does not fit in a 200x100 frame\n$")
-vorta_cli_test(burn_too_low RC 2 ARGS burn --size 1920x1080 --vertical-percent 95 --out ${_png}_x.png
+vorta_cli_test(burn_too_low RC 1 ARGS burn --size 1920x1080 --vertical-percent 95 --out ${_png}_x.png
   STDERR "^vorta burn: the time code does not fit in a 1920x1080 frame at 95 %\n$")
-vorta_cli_test(burn_unwritable RC 2 ARGS burn --size 720x486 --out /nonexistent-dir/frame.png
+vorta_cli_test(burn_unwritable RC 1 ARGS burn --size 720x486 --out /nonexistent-dir/frame.png
   STDERR "^vorta burn: cannot write /nonexistent-dir/frame.png\n$")

@@ -16,7 +16,7 @@ if(_has_png)
   vorta_cli_test(lut_plot RC 0 ARGS lut --plot ${CMAKE_CURRENT_BINARY_DIR}/lut_ramp.png ${_lut}/ramp_4096.lut
     STDOUT "^entries: 4096\nok\n$")
 endif()
-vorta_cli_test(lut_missing_file RC 2 ARGS lut ${_lut}/absent.lut
+vorta_cli_test(lut_missing_file RC 1 ARGS lut ${_lut}/absent.lut
   STDERR "Failed to open file .*absent.lut\nvorta lut: .*absent.lut: Unable to open file\n$")
 vorta_cli_test(lut_bad_size RC 2 ARGS lut --size 0 ${_lut}/two_lines.lut
   STDERR "^vorta lut: --size must be between 1 and 1048576\nusage: vorta lut")

@@ -1,14 +1,14 @@
 # vorta shm and vorta daemon-demo.
 vorta_cli_test(shm_help RC 0 ARGS shm --help STDOUT "^usage: vorta shm \\[options\\] create NAME CAPACITY")
-vorta_cli_test(shm_get_missing RC 2 ARGS shm get /vorta-cli-never-created
+vorta_cli_test(shm_get_missing RC 1 ARGS shm get /vorta-cli-never-created
   STDERR "^vorta shm: no shared string /vorta-cli-never-created \\(is 'vorta shm create' running\\?\\)\n$")
-vorta_cli_test(shm_set_missing RC 2 ARGS shm set /vorta-cli-never-created text
+vorta_cli_test(shm_set_missing RC 1 ARGS shm set /vorta-cli-never-created text
   STDERR "^vorta shm: no shared string /vorta-cli-never-created")
 vorta_cli_test(shm_create_zero RC 2 ARGS shm create /vorta-cli-never-created 0
   STDERR "^vorta shm: CAPACITY must be between 1 and 16777216\nusage:")
 vorta_cli_test(shm_create_not_a_number RC 2 ARGS shm create /vorta-cli-never-created lots
   STDERR "^vorta shm: CAPACITY must be a whole number, not 'lots'\nusage:")
-vorta_cli_test(shm_create_bad_name RC 2 ARGS shm create /no/such/dir 8
+vorta_cli_test(shm_create_bad_name RC 1 ARGS shm create /no/such/dir 8
   STDERR "^vorta shm: cannot create the shared string /no/such/dir\n$")
 vorta_cli_test(shm_bad_action RC 2 ARGS shm frob x STDERR "^vorta shm: unknown action 'frob' \\(create, set or get\\)\n")
 vorta_cli_test(shm_get_extra RC 2 ARGS shm get a b STDERR "^vorta shm: 'get' takes a name\n")

@@ -49,17 +49,35 @@ inline zev::media::MediaCacheOptions cacheOptionsFrom(const Invocation& in) {
   return options;
 }
 
-/// Opens the existing cache; a missing one is a failure that says how to make it.
-inline std::unique_ptr<zev::media::MediaCache> openExistingCache(zev::media::MediaCacheOptions options) {
-  options.create = false;
+/// The name the operator gave the catalogue: the --prefix, else the clip
+/// segment's name when that alone was given, else the default prefix.
+inline std::string catalogueName(const Invocation& in) {
+  if (const auto prefix = in.value("prefix")) return *prefix;
+  if (const auto segment = in.value("clip-segment")) return *segment;
+  return "vorta";
+}
+
+/// Runs open (which opens the caches without creating anything) and turns a
+/// missing cache into the one line that says how to make it.
+template <typename Open>
+auto openExisting(const Invocation& in, const zev::media::MediaCacheOptions& options, Open open)
+    -> decltype(open()) {
   try {
-    return std::make_unique<zev::media::MediaCache>(options);
+    return open();
   } catch (const boost::interprocess::interprocess_exception& e) {
     // Only a missing cache is helped by creating it; a refused one is not.
-    const bool missing = e.get_native_error() == ENOENT;
+    if (e.get_native_error() == ENOENT)
+      throw Failure("no catalogue '" + catalogueName(in) + "': run vorta scan or vorta cache create");
     throw Failure("cannot open the cache " + options.clipSegment + " / " + options.playlistSegment + ": " +
-                  e.what() + (missing ? " (create it with 'vorta cache create')" : ""));
+                  e.what());
   }
+}
+
+/// Opens the existing cache; a missing one is a failure that says how to make it.
+inline std::unique_ptr<zev::media::MediaCache> openExistingCache(const Invocation& in,
+                                                                 zev::media::MediaCacheOptions options) {
+  options.create = false;
+  return openExisting(in, options, [&] { return std::make_unique<zev::media::MediaCache>(options); });
 }
 
 }  // namespace cli

@@ -21,7 +21,7 @@ class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// A failure of the work itself: reported on one line; exit status 2.
+/// A failure of the work itself: reported on one line; exit status 1.
 class Failure : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

@@ -238,7 +238,7 @@ int run(Invocation& in) {
     return 0;
   }
   if (action == "info") {
-    auto cache = openExistingCache(options);
+    auto cache = openExistingCache(in, options);
     const ImageInfo clips = clipInfo(*cache, options);
     const ImageInfo playlists = playlistInfo(*cache, options);
     if (in.flag("json")) {
@@ -253,7 +253,7 @@ int run(Invocation& in) {
     return 0;
   }
   if (action == "repair") {
-    auto cache = openExistingCache(options);
+    auto cache = openExistingCache(in, options);
     const int tookOver = cache->RepairLocks();
     std::cout << "took over " << tookOver << " lock" << (tookOver == 1 ? "" : "s")
               << " left held by processes that ended\n";
@@ -266,7 +266,7 @@ int run(Invocation& in) {
     const std::string which = in.value("lock").value_or("clip");
     if (which != "clip" && which != "playlist") throw UsageError("--lock must be clip or playlist");
     const bool playlists = which == "playlist";
-    auto cache = openExistingCache(options);
+    auto cache = openExistingCache(in, options);
     auto work = [&] {
       std::cout << "holding the " << (playlists ? "playlist" : "clip") << " lock as pid " << getpid()
                 << " for " << seconds << " s" << std::endl;
@@ -280,7 +280,7 @@ int run(Invocation& in) {
     return 0;
   }
   if (action == "flush") {
-    auto cache = openExistingCache(options);
+    auto cache = openExistingCache(in, options);
     cache->Flush();
     std::cout << "flushed " << options.clipSegment << " and " << options.playlistSegment << "\n";
     return 0;

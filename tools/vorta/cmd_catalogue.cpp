@@ -202,7 +202,7 @@ class Progress {
 
 int runScan(Invocation& in) {
   in.integer("encode-type", 0, 0, 0xFFFFFFFFll);
-  MediaSession session(in, true);
+  MediaSession session(in, true, CacheUse::Create);
   std::string dir = in.args()[0];
   const long entries = countEntries(dir);
   if (entries < 0) throw Failure("cannot read the directory " + dir + ": " + std::strerror(errno));
@@ -242,7 +242,7 @@ VORTA_REGISTER_COMMAND(kScan);
 
 int runClips(Invocation& in) {
   in.integer("encode-type", 0, 0, 0xFFFFFFFFll);  // bad values are refused before anything is opened
-  MediaSession session(in, false);
+  MediaSession session(in, false, CacheUse::Existing);
   const unsigned encodeType = encodeTypeOf(in, session.params());
   printCatalogue(in, session.cache(),
                  session.finder().findClips(!in.flag("reverse"), in.flag("playlist"), in.flag("all")),
@@ -271,7 +271,7 @@ VORTA_REGISTER_COMMAND(kClips);
 
 int runAdd(Invocation& in) {
   in.integer("encode-type", 0, 0, 0xFFFFFFFFll);
-  MediaSession session(in, false);
+  MediaSession session(in, false, CacheUse::Create);
   const std::string path = in.args()[0];
   int index = -1;
   if (!session.cache().AddClip(path, encodeTypeOf(in, session.params()), index, in.flag("name-only")))
@@ -298,7 +298,7 @@ const Command kAdd{
 VORTA_REGISTER_COMMAND(kAdd);
 
 int runRemove(Invocation& in) {
-  MediaSession session(in, false);
+  MediaSession session(in, false, CacheUse::Existing);
   if (!session.cache().RemoveClip(in.args()[0]))
     throw Failure("no clip of the catalogue is named in '" + in.args()[0] + "'");
   std::cout << "removed; the catalogue holds " << session.cache().GetClips().size() << " clips\n";

@@ -168,7 +168,7 @@ const Command kLut{
     "to the end of the line) are allowed. Values are kept as 16-bit signed\n"
     "numbers, cut to their low 16 bits. Prints the number of entries stored,\n"
     "then \"ok\" or the last error found; the exit status is 1 when the file has\n"
-    "an error, 2 when it cannot be read at all.",
+    "an error or cannot be read at all; 2 for a usage error.",
     {{"size", "N", "read at most N entries (default 4096); later lines are checked only"},
      {"dump", "", "list the entries"},
      {"plot", "PNG", "draw red, green and blue against the entry index into a PNG file"},

@@ -10,7 +10,7 @@ namespace {
 using namespace vorta::cli;
 
 int runNextName(Invocation& in) {
-  MediaSession session(in, in.flag("advance"));
+  MediaSession session(in, in.flag("advance"), CacheUse::Existing);
   ClipFinder& finder = session.finder();
   std::list<Clip> clips = finder.findClips(true, false, true);
   std::string name;
@@ -58,7 +58,7 @@ const Command kNextName{
 VORTA_REGISTER_COMMAND(kNextName);
 
 int runAfterDelete(Invocation& in) {
-  MediaSession session(in, false);
+  MediaSession session(in, false, CacheUse::Existing);
   const auto& args = in.args();
   const std::set<std::string> deleted(args.begin() + 1, args.end());
   const std::string next = session.finder().NextClipNameAfterDelete(

@@ -33,7 +33,7 @@ int run(Invocation& in) {
   const std::string& action = args[0];
   if (action != "write" && action != "rename" && action != "delete")
     throw UsageError("unknown action '" + action + "' (write, rename or delete)");
-  MediaSession session(in, false);
+  MediaSession session(in, false, CacheUse::Existing);
   ClipFinder& finder = session.finder();
 
   if (action == "write") {

@@ -70,7 +70,7 @@ int list(Invocation& in, zev::media::MediaCache& cache) {
 
 int run(Invocation& in) {
   const auto& args = in.args();
-  auto cache = openExistingCache(cacheOptionsFrom(in));
+  auto cache = openExistingCache(in, cacheOptionsFrom(in));
   if (args.empty()) return list(in, *cache);
   if (in.flag("json")) throw UsageError("--json is for the listing");
 
@@ -86,7 +86,7 @@ int run(Invocation& in) {
         ++failed;
       }
     }
-    return failed == 0 ? 0 : 2;
+    return failed == 0 ? 0 : 1;
   }
   if (action == "remove") {
     if (args.size() != 2) throw UsageError("'remove' takes one path");

@@ -26,7 +26,7 @@ const FormatName kFormatNames[] = {
 TimecodeFormat parseFormat(const std::string& text) {
   for (const FormatName& entry : kFormatNames)
     if (text == entry.name) return entry.format;
-  throw Failure("unknown format '" + text + "' (use 24, 25, 30, 30df, 50, 60 or 60df)");
+  throw UsageError("unknown format '" + text + "' (use 24, 25, 30, 30df, 50, 60 or 60df)");
 }
 
 std::string formatName(TimecodeFormat format) {
@@ -51,7 +51,7 @@ uint32_t parseWord(const std::string& text) {
   if (digits.size() > 2 && digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X')) digits.erase(0, 2);
   bool ok = !digits.empty() && digits.size() <= 8;
   for (char c : digits) ok = ok && std::isxdigit(static_cast<unsigned char>(c)) != 0;
-  if (!ok) throw Failure("not a register word: '" + text + "' (up to 8 hexadecimal digits)");
+  if (!ok) throw UsageError("not a register word: '" + text + "' (up to 8 hexadecimal digits)");
   return static_cast<uint32_t>(std::strtoul(digits.c_str(), nullptr, 16));
 }
 
@@ -85,7 +85,7 @@ int run(Invocation& in) {
       throw UsageError(args.empty() ? "give a time code, --frames N or --decode DBB LOW HIGH"
                                     : "too many arguments");
     std::string text = args[0];
-    if (!looksLikeTimecode(text)) throw Failure("not a time code: '" + text + "' (expected HH:MM:SS:FF)");
+    if (!looksLikeTimecode(text)) throw UsageError("not a time code: '" + text + "' (expected HH:MM:SS:FF)");
     tc.SetRP188(text, format);
   }
   if (in.value("add")) tc.AddFrames(countOption(in, "add"));

@@ -70,8 +70,9 @@ int main(int argc, char** argv) {
   } catch (const vorta::cli::UsageError& e) {
     std::cerr << "vorta " << command->name << ": " << e.what() << "\n"
               << vorta::cli::usageLine(*command) << " (try 'vorta " << command->name << " --help')\n";
+    return 2;
   } catch (const std::exception& e) {
     std::cerr << "vorta " << command->name << ": " << e.what() << "\n";
   }
-  return 2;
+  return 1;
 }

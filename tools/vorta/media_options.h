@@ -23,24 +23,35 @@ inline std::vector<Option> mediaOptions(std::vector<Option> own) {
   return options;
 }
 
-/// The parameter file and a ClipFinder over the shared caches (created with
-/// the default sizes when missing), as one recorder process holds them.
+/// What a command does to the shared caches: only read or change what is
+/// there (a missing catalogue is a failure), or create them when missing.
+enum class CacheUse { Existing, Create };
+
+/// The parameter file and a ClipFinder over the shared caches, as one
+/// recorder process holds them. With CacheUse::Existing nothing is created:
+/// no segment, no mutex.
 class MediaSession {
  public:
-  MediaSession(const Invocation& in, bool writesParams)
-      : params_(paramsFilePath(in, writesParams)),
-        finder_(&params_, cacheOptionsFrom(in)),
-        cache_(cacheOptionsFrom(in)) {}
+  MediaSession(const Invocation& in, bool writesParams, CacheUse use)
+      : params_(paramsFilePath(in, writesParams)) {
+    zev::media::MediaCacheOptions options = cacheOptionsFrom(in);
+    options.create = use == CacheUse::Create;
+    openExisting(in, options, [&] {
+      finder_ = std::make_unique<ClipFinder>(&params_, options);
+      cache_ = std::make_unique<zev::media::MediaCache>(options);
+      return 0;
+    });
+  }
 
   FileParamStore& params() { return params_; }
-  ClipFinder& finder() { return finder_; }
+  ClipFinder& finder() { return *finder_; }
   /// The same caches, for the operations ClipFinder does not offer.
-  zev::media::MediaCache& cache() { return cache_; }
+  zev::media::MediaCache& cache() { return *cache_; }
 
  private:
   FileParamStore params_;
-  ClipFinder finder_;
-  zev::media::MediaCache cache_;
+  std::unique_ptr<ClipFinder> finder_;
+  std::unique_ptr<zev::media::MediaCache> cache_;
 };
 
 }  // namespace cli

@@ -35,23 +35,23 @@ file(WRITE "${_playlist}" "{\"name\":\"Day 1\",\"cliplist\":[\"A.mov\",\"B.mov\"
 file(WRITE "${WORK_DIR}/Best.playlist" "{\"name\":\"Best\",\"cliplist\":[\"A.mov\"]}")
 file(WRITE "${WORK_DIR}/bad.playlist" "{\"name\":\"Bad\",\n\"cliplist\":[]}")
 
-step(2 "^$" "cannot open the cache ${P}.clips" cache info)
+step(1 "^$" "^vorta cache: no catalogue '${P}': run vorta scan or vorta cache create\n$" cache info)
 step(0 "^clip segment ${P}.clips: 65379 bytes\nplaylist segment ${P}.playlists: 159971 bytes\n$" "^$"
   cache create --clips 10 --playlists 3)
 step(0 "^clip image in ${P}.clips: invalid \\(never written or flushed\\), segment of 65379 bytes, room for 10 clips; lock free; mutex mode 0[0-7]+, owner record mode 0[0-7]+\nplaylist image in ${P}.playlists: invalid \\(never written or flushed\\), segment of 159971 bytes, room for 3 playlists; lock free; mutex mode 0[0-7]+, owner record mode 0[0-7]+\n$"
   "^$" cache info)
 # A cliplist element that is not a string makes the file invalid.
-step(2 "^$" "^vorta playlists: ${WORK_DIR}/Day 1.playlist is not a playlist file\n$" playlists add "${_playlist}")
+step(1 "^$" "^vorta playlists: ${WORK_DIR}/Day 1.playlist is not a playlist file\n$" playlists add "${_playlist}")
 file(WRITE "${_playlist}" "{\"name\":\"Day 1\",\"cliplist\":[\"A.mov\",\"B.mov\"]}")
 step(0 "^added Day 1 \\(${WORK_DIR}/Day 1.playlist\\)\nadded Best \\(${WORK_DIR}/Best.playlist\\)\n$" "^$"
   playlists add "${_playlist}" "${WORK_DIR}/Best.playlist")
-step(2 "^$" "^vorta playlists: ${WORK_DIR}/bad.playlist is not a playlist file\n$" playlists add "${WORK_DIR}/bad.playlist")
+step(1 "^$" "^vorta playlists: ${WORK_DIR}/bad.playlist is not a playlist file\n$" playlists add "${WORK_DIR}/bad.playlist")
 step(0 "^NAME +CLIPS +MODIFIED \\(UTC\\) +PATH\nAll Clips +0 +- *\nBest +1 +[0-9-]+ [0-9:]+ +${WORK_DIR}/Best.playlist\nDay 1 +2 +[0-9-]+ [0-9:]+ +${WORK_DIR}/Day 1.playlist\n$"
   "^$" playlists)
 step(0 "\"name\":\t\"All Clips\",\n\t\t\"path\":\t\"\",\n\t\t\"clips\":\t0,\n\t\t\"modTime\":\t0" "^$" playlists --json)
 step(0 "\"playlists\":\t{\n\t\t\"segment\":\t\"${P}.playlists\",\n\t\t\"read\":\ttrue,\n\t\t\"valid\":\ttrue,\n\t\t\"count\":\t2,\n\t\t\"imageBytes\":\t106655,.*\"names\":\t\\[\"Best\", \"Day 1\"\\]"
   "^$" cache info --json)
-step(2 "^$" "^vorta playlists: no cached playlist has its path in 'nothing'\n$" playlists remove nothing)
+step(1 "^$" "^vorta playlists: no cached playlist has its path in 'nothing'\n$" playlists remove nothing)
 step(0 "^removed\n$" "^$" playlists remove "rm ${WORK_DIR}/Best.playlist")
 step(0 "playlist image in ${P}.playlists: valid, 1 playlist, 53339 of 159971 bytes, room for 3 playlists; lock free; mutex mode 0[0-7]+, owner record mode 0[0-7]+\n  Day 1\n$" "^$" cache info)
 step(0 "^took over 0 locks left held by processes that ended\n$" "^$" cache repair)

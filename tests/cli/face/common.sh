@@ -1,0 +1,67 @@
+# Shared by the face_*.sh tests: the tool under test, a work directory, a
+# parameter file and caches of their own, removed at the end.
+#   face_X.sh VORTA DATA_DIR SOURCE_DIR [EMULATOR...]
+set -uo pipefail
+vorta=$1
+data=$2
+src=$3
+shift 3
+emulator=("$@")
+work=$(mktemp -d)
+prefix="vorta_cli_face_$$_${RANDOM}"
+export VORTA_PARAMS="$work/params.json"
+media="$work/ZEV"
+mkdir -p "$media"
+p() { "${emulator[@]}" "$vorta" "$@"; }
+v() { "${emulator[@]}" "$vorta" "$@" --prefix "$prefix"; }
+cleanup() {
+  p cache remove --prefix "$prefix" >/dev/null 2>&1
+  rm -rf "$work"
+}
+trap cleanup EXIT
+fail() {
+  echo "FAILED: $*" >&2
+  exit 1
+}
+expect() { # expect NAME EXPECTED_REGEX OUTPUT
+  if ! grep -Eq -- "$2" <<<"$3"; then
+    printf 'FAILED: %s\n--- expected /%s/ in:\n%s\n' "$1" "$2" "$3" >&2
+    exit 1
+  fi
+}
+# status NAME EXPECTED COMMAND...: runs the command and checks its exit status;
+# its standard output is in $out, its standard error in $err.
+status() {
+  local name=$1 want=$2
+  shift 2
+  "$@" >"$work/out" 2>"$work/err"
+  local rc=$?
+  out=$(cat "$work/out")
+  err=$(cat "$work/err")
+  if [ "$rc" != "$want" ]; then
+    printf 'FAILED: %s: exit status %s, expected %s\n--- stdout:\n%s\n--- stderr:\n%s\n' "$name" "$rc" "$want" \
+      "$out" "$err" >&2
+    exit 1
+  fi
+}
+# json_ok NAME COMMAND TEXT: TEXT validates against docs/json/COMMAND.schema.json.
+json_ok() {
+  local name=$1 command=$2 text=$3
+  if ! python3 "$src/tests/cli/face/validate_json.py" "$src/docs/json/$command.schema.json" <<<"$text" \
+    >"$work/verr" 2>&1; then
+    printf 'FAILED: %s: JSON does not match docs/json/%s.schema.json\n%s\n--- JSON:\n%s\n' "$name" "$command" \
+      "$(cat "$work/verr")" "$text" >&2
+    exit 1
+  fi
+}
+# A small medium: two accepted clips, one codec outside the table, one
+# damaged file, a directory named like a clip, a playlist.
+make_medium() {
+  cp "$data/qt/hd1080_p25.mov" "$media/ClipTK1.mov"
+  cp "$data/qt/hd720_p5994.mov" "$media/ClipTK2.mov"
+  touch -d "2026-01-01 10:00:00 UTC" "$media/ClipTK1.mov"
+  touch -d "2026-01-01 11:00:00 UTC" "$media/ClipTK2.mov"
+  printf '%s' '{"name":"Reel","cliplist":["ClipTK2.mov","ClipTK1.mov"]}' >"$media/Reel.playlist"
+  p param set media-dir "$media" >/dev/null || fail "param set media-dir"
+  p param set encode-type 1 >/dev/null || fail "param set encode-type"
+}
