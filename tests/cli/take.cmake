@@ -4,5 +4,5 @@ vorta_cli_test(take_json RC 0 ARGS take --json A001_C003.mov
   STDOUT "\"name\":[ \t]*\"A001_C003.mov\",[ \t\n]*\"take\":[ \t]*0")
 vorta_cli_test(take_help RC 0 ARGS take --help STDOUT "^usage: vorta take \\[options\\] NAME\\.\\.\\.\n")
 vorta_cli_test(take_missing_name RC 2 ARGS take
-  STDERR "^vorta take: missing argument\nusage: vorta take \\[options\\] NAME\\.\\.\\. \\(try 'vorta take --help'\\)\n$")
+  STDERR "^vorta take: missing argument\nusage: vorta take \\[options\\] NAME\\.\\.\\. \\(try 'vorta help take'\\)\n$")
 vorta_cli_test(take_bad_option RC 2 ARGS take --frobnicate X_1 STDERR "^vorta take: unknown option '--frobnicate'\nusage:")

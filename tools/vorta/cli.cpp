@@ -64,7 +64,10 @@ Invocation::Invocation(const Command& command, const std::vector<std::string>& w
       help_ = true;
       return;
     }
-    if (word.compare(0, 2, "--") != 0) throw UsageError("unknown option '" + word + "'");
+    std::vector<std::string> known{"--help"};
+    for (const Option& option : command.options) known.push_back("--" + option.name);
+    if (word.compare(0, 2, "--") != 0)
+      throw UsageError("unknown option '" + word + "'" + didYouMean(word, known));
     std::string name = word.substr(2);
     std::optional<std::string> inlineValue;
     const std::string::size_type eq = name.find('=');
@@ -73,7 +76,8 @@ Invocation::Invocation(const Command& command, const std::vector<std::string>& w
       name.erase(eq);
     }
     const Option* option = findOption(command, name);
-    if (option == nullptr) throw UsageError("unknown option '--" + name + "'");
+    if (option == nullptr)
+      throw UsageError("unknown option '--" + name + "'" + didYouMean("--" + name, known));
     if (option->valueName.empty()) {
       if (inlineValue) throw UsageError("option '--" + name + "' takes no value");
       values_[name] = "";
@@ -113,6 +117,48 @@ long long parseInteger(const std::string& text, long long min, long long max, co
   if (value < min || value > max)
     throw UsageError(what + " must be between " + std::to_string(min) + " and " + std::to_string(max));
   return value;
+}
+
+namespace {
+// Edits between a and b: insertions, deletions, substitutions and swaps of
+// neighbours (the usual typing slips) count one each.
+std::size_t editDistance(const std::string& a, const std::string& b) {
+  std::vector<std::vector<std::size_t>> d(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
+  for (std::size_t i = 0; i <= a.size(); ++i) d[i][0] = i;
+  for (std::size_t j = 0; j <= b.size(); ++j) d[0][j] = j;
+  for (std::size_t i = 1; i <= a.size(); ++i)
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      d[i][j] =
+          std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
+        d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+    }
+  return d[a.size()][b.size()];
+}
+}  // namespace
+
+std::string didYouMean(const std::string& word, const std::vector<std::string>& candidates) {
+  if (word.empty()) return "";
+  const std::string* best = nullptr;
+  std::size_t bestDistance = 0;
+  std::size_t prefixed = 0;
+  const std::string* prefix = nullptr;
+  for (const std::string& candidate : candidates) {
+    const std::size_t distance = editDistance(word, candidate);
+    if (best == nullptr || distance < bestDistance) {
+      best = &candidate;
+      bestDistance = distance;
+    }
+    if (candidate.compare(0, word.size(), word) == 0) {
+      ++prefixed;
+      prefix = &candidate;
+    }
+  }
+  // A typo: at most one edit in a short word, two in a longer one.
+  const std::size_t allowed = word.size() <= 4 ? 1 : 2;
+  if (best != nullptr && bestDistance <= allowed) return " (did you mean '" + *best + "'?)";
+  if (prefixed == 1) return " (did you mean '" + *prefix + "'?)";
+  return "";
 }
 
 std::string usageLine(const Command& command) {

@@ -78,6 +78,10 @@ class Invocation {
 /// Parses a whole decimal integer within [min, max]; what names the value in the error.
 long long parseInteger(const std::string& text, long long min, long long max, const std::string& what);
 
+/// " (did you mean 'x'?)" for the candidate nearest to word when it is close
+/// enough to be a typo of it (or word is the start of just one candidate); "" otherwise.
+std::string didYouMean(const std::string& word, const std::vector<std::string>& candidates);
+
 /// Prints the usage line and the help of one command.
 void printCommandHelp(std::ostream& out, const Command& command);
 std::string usageLine(const Command& command);

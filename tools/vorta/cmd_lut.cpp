@@ -1,5 +1,6 @@
 // vorta lut: reads a colour look-up table file, shows its entries and draws its curves as a PNG.
 
+#include <libgen.h>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -109,6 +110,71 @@ void plot(const std::string& path, const std::vector<int16_t>& red, const std::v
   canvas.writePng(path);
 }
 
+// Where the parser's text says the error is, and what it is in one line.
+struct ErrorPlace {
+  long line = 0;    // 0 when the text names no line
+  long column = 0;  // 1-based; 0 when the text names no column
+  std::string message;
+};
+
+std::string collapsed(std::string text) {
+  std::string out;
+  for (char c : text) {
+    if (c == ' ' && (out.empty() || out.back() == ' ')) continue;
+    out += c;
+  }
+  while (!out.empty() && (out.back() == ' ' || out.back() == ':' || out.back() == '.')) out.pop_back();
+  return out;
+}
+
+// The parser's text starts with the file's name followed by either
+// "(line:L, col:C) : MESSAGE" or "L)  : error N : MESSAGE, at offset O" and a
+// "near TOKEN" line; anything else is taken as a message without a place.
+ErrorPlace placeOf(const std::string& file, const std::string& error) {
+  ErrorPlace place;
+  std::string text = error.substr(0, error.find('\n'));
+  for (const std::string& name : {file, std::string(::basename(std::string(file).data()))})
+    if (!name.empty() && text.compare(0, name.size(), name) == 0) {
+      text.erase(0, name.size());
+      break;
+    }
+  long line = 0, column = 0, offset = 0;
+  int used = 0;
+  if (std::sscanf(text.c_str(), "(line:%ld, col:%ld) :%n", &line, &column, &used) == 2 && used > 0) {
+    place.line = line;
+    place.column = column;
+    place.message = collapsed(text.substr(static_cast<std::size_t>(used)));
+    return place;
+  }
+  if (std::sscanf(text.c_str(), "%ld) : error %*d :%n", &line, &used) == 1 && used > 0) {
+    std::string message = text.substr(static_cast<std::size_t>(used));
+    const std::string::size_type at = message.rfind(", at offset ");
+    if (at != std::string::npos && std::sscanf(message.c_str() + at, ", at offset %ld", &offset) == 1) {
+      column = offset + 1;
+      message.erase(at);
+    }
+    const std::string::size_type near = error.find("\n    near ");
+    if (near != std::string::npos) {
+      const std::string::size_type start = near + 10;
+      message += " near '" + error.substr(start, error.find('\n', start) - start) + "'";
+    }
+    place.line = line;
+    place.column = column;
+    place.message = collapsed(message);
+    return place;
+  }
+  place.message = collapsed(text);
+  return place;
+}
+
+// FILE:LINE:COLUMN: message, as compilers write it.
+std::string summaryOf(const std::string& file, const ErrorPlace& place) {
+  std::string out = file + ":";
+  if (place.line > 0) out += std::to_string(place.line) + ":";
+  if (place.column > 0) out += std::to_string(place.column) + ":";
+  return out + " " + place.message;
+}
+
 int run(Invocation& in) {
   const std::string file = in.args().front();
   const int size = static_cast<int>(in.integer("size", 4096, 1, 1 << 20));
@@ -127,10 +193,16 @@ int run(Invocation& in) {
     cJSON_AddBoolToObject(doc.get(), "ok", ok);
     cJSON_AddNumberToObject(doc.get(), "count", count);
     cJSON_AddNumberToObject(doc.get(), "size", size);
-    if (ok)
+    if (ok) {
       cJSON_AddNullToObject(doc.get(), "error");
-    else
-      cJSON_AddStringToObject(doc.get(), "error", error.c_str());
+    } else {
+      const ErrorPlace place = placeOf(file, error);
+      cJSON* e = cJSON_AddObjectToObject(doc.get(), "error");
+      cJSON_AddNumberToObject(e, "line", static_cast<double>(place.line));
+      cJSON_AddNumberToObject(e, "column", static_cast<double>(place.column));
+      cJSON_AddStringToObject(e, "message", place.message.c_str());
+      cJSON_AddStringToObject(e, "parserText", error.c_str());
+    }
     if (in.flag("dump")) {
       cJSON* entries = cJSON_AddArrayToObject(doc.get(), "entries");
       for (int i = 0; i < count; ++i) {
@@ -152,11 +224,12 @@ int run(Invocation& in) {
   std::cout << "entries: " << count << "\n";
   if (ok) {
     std::cout << "ok\n";
-  } else {
-    std::cout << error;
-    if (error.empty() || error.back() != '\n') std::cout << "\n";
+    return 0;
   }
-  return ok ? 0 : 1;
+  std::cout.flush();
+  std::cerr << summaryOf(file, placeOf(file, error)) << "\n" << error;
+  if (error.empty() || error.back() != '\n') std::cerr << "\n";
+  return 1;
 }
 
 const Command kLut{
@@ -167,7 +240,8 @@ const Command kLut{
     "(red, green, blue) separated by blanks; blank lines and comments (# or //\n"
     "to the end of the line) are allowed. Values are kept as 16-bit signed\n"
     "numbers, cut to their low 16 bits. Prints the number of entries stored,\n"
-    "then \"ok\" or the last error found; the exit status is 1 when the file has\n"
+    "then \"ok\", or on standard error the last error found as FILE:LINE:COLUMN:\n"
+    "message followed by the parser's own text; the exit status is 1 when the file has\n"
     "an error or cannot be read at all; 2 for a usage error.",
     {{"size", "N", "read at most N entries (default 4096); later lines are checked only"},
      {"dump", "", "list the entries"},
