@@ -13,6 +13,7 @@ base=(
   libboost-dev libcjson-dev libantlr3c-dev antlr3 default-jre-headless
   libgtest-dev libgmock-dev libbenchmark-dev
   libpng-dev libavutil-dev
+  python3 python3-jsonschema
   clang libclang-rt-14-dev clang-format valgrind
 )
 ppc=(

@@ -6,7 +6,7 @@ vorta_cli_test(clips_bad_encode_type RC 2 ARGS clips --encode-type x
 vorta_cli_test(next_name_extra RC 2 ARGS next-name foo STDERR "^vorta next-name: too many arguments\n")
 vorta_cli_test(after_delete_missing RC 2 ARGS after-delete A.mov STDERR "^vorta after-delete: missing argument\n")
 vorta_cli_test(playlist_bad_action RC 2 ARGS playlist frob x --params /nonexistent/p.json
-  STDERR "^vorta playlist: unknown action 'frob' \\(write, rename or delete\\)\n")
+  STDERR "^vorta playlist: unknown action 'frob' \\(create, write, rename or delete\\)\n")
 
 find_program(VORTA_BASH bash)
 if(VORTA_BASH)

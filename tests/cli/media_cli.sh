@@ -43,7 +43,7 @@ p param set media-dir "$media" || fail "param set media-dir"
 p param set encode-type 1 || fail "param set encode-type"
 
 out=$(v scan "$media" 2>&1) || fail "scan: $out"
-expect "scan lists the first clip" "^ClipTK1\.mov +2026-01-01 [0-9:]+ +apco +1920x1080 +25 +progressive +2 +0 +00:00:00:00 +yes" "$out"
+expect "scan lists the first clip" "^ClipTK1\.mov +2026-01-01T[0-9:]+[+-][0-9:]+ +apco +1920x1080 +25 +progressive +2 +0 +00:00:00:00 +yes" "$out"
 expect "scan lists the second clip" "^ClipTK2\.mov .* 1280x720 +59\.94 " "$out"
 expect "scan counts two clips" "^2 clips, codec mode 1$" "$out"
 expect "scan lists the valid playlist" "^Reel +$media/Reel\.playlist$" "$out"
@@ -72,7 +72,7 @@ expect "add" "^added Extra_1\.mov \(index 2\); the catalogue holds 3 clips$" "$o
 out=$(v clips --all) || fail "clips --all"
 expect "name-only clip unplayable" "^Extra_1\.mov +- .* no: no encode type$" "$out"
 out=$(v remove Extra_1.mov) || fail "remove"
-expect "remove" "^removed; the catalogue holds 2 clips$" "$out"
+expect "remove" "^removed Extra_1\.mov; the catalogue holds 2 clips$" "$out"
 out=$(v remove Extra_1.mov 2>&1) && fail "remove of a missing clip succeeded"
 expect "remove of a missing clip" "^vorta remove: no clip of the catalogue is named in 'Extra_1\.mov'$" "$out"
 

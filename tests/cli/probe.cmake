@@ -11,7 +11,7 @@ vorta_cli_test(probe_refused_codec RC 1 ARGS probe ${_qt}/dnxhd_720p23976.mov
 vorta_cli_test(probe_refused_files RC 1 ARGS probe ${_qt}/bad/text.mov clip.mp4 ${_qt}/absent.mov
   STDOUT "text.mov +refused: not a readable QuickTime movie with a video track\nclip.mp4 +refused: not a movie name \\(needs .mov or .MOV\\)\n[^\n]*absent.mov +refused: No such file or directory\n$")
 vorta_cli_test(probe_json RC 0 ARGS probe --json ${_qt}/tc_df_5994.mov
-  STDOUT "\"codec\":[ \t]*\"apco\".*\"videoLength\":[ \t]*3.*\"Starting TC\":[ \t]*\"01:00:00;00\".*\"attributeText\":[ \t]*\"Format\\\\n64x36p59.94\\\\nEncode Type\\\\n3\\\\nAudio Chan\\\\n0\\\\nStarting TC\\\\n01:00:00;00\\\\n\"")
+  STDOUT "\"fourCC\":[ \t]*\"apco\".*\"videoLength\":[ \t]*3.*\"Starting TC\":[ \t]*\"01:00:00;00\".*\"attributeText\":[ \t]*\"Format\\\\n64x36p59.94\\\\nEncode Type\\\\n3\\\\nAudio Chan\\\\n0\\\\nStarting TC\\\\n01:00:00;00\\\\n\"")
 vorta_cli_test(probe_json_refused RC 1 ARGS probe --json ${_qt}/bad/empty.mov
   STDOUT "\"valid\":[ \t]*false,[ \t\n]*\"refused\":[ \t]*\"not a readable QuickTime movie with a video track\"")
 vorta_cli_test(probe_missing_file RC 2 ARGS probe STDERR "^vorta probe: missing argument\n")

@@ -17,7 +17,7 @@ vorta_cli_test(tc_decode RC 0 ARGS tc --decode 0xAB020000 DBC0B9A2 45302A10 --fo
 vorta_cli_test(tc_decode_sixty RC 0 ARGS tc --decode 0 0x68000202 0x01020000 --format 60
   STDOUT "^timecode   12:00:00:45\n")
 vorta_cli_test(tc_json RC 0 ARGS tc 00:01:00:00 --format 30df --json
-  STDOUT "\"frames\":[ \t]*1800,[ \t\n]*\"format\":[ \t]*\"30df\",[ \t\n]*\"drop_frame\":[ \t]*true,[ \t\n]*\"dbb\":[ \t]*\"0x00000000\",[ \t\n]*\"low\":[ \t]*\"0x30000402\"")
+  STDOUT "\"frames\":[ \t]*1800,[ \t\n]*\"format\":[ \t]*\"30df\",[ \t\n]*\"dropFrame\":[ \t]*true,[ \t\n]*\"dbb\":[ \t]*\"0x00000000\",[ \t\n]*\"low\":[ \t]*\"0x30000402\"")
 vorta_cli_test(tc_default_format RC 0 ARGS tc 00:00:01:00 STDOUT "^timecode   00:00:01:00\nframes     30\nformat     30\n$")
 vorta_cli_test(tc_help RC 0 ARGS tc --help STDOUT "^usage: vorta tc \\[options\\] ")
 vorta_cli_test(tc_unknown_format RC 2 ARGS tc 01:00:00:00 --format 29

@@ -290,6 +290,22 @@ int run(Invocation& in) {
   } else {
     shown = "dashes";
   }
+  if (in.flag("json")) {
+    Json doc(cJSON_CreateObject());
+    cJSON_AddStringToObject(doc.get(), "file", out->c_str());
+    cJSON_AddNumberToObject(doc.get(), "width", size.cx);
+    cJSON_AddNumberToObject(doc.get(), "height", size.cy);
+    cJSON_AddStringToObject(doc.get(), "pixel", pixel.name);
+    cJSON_AddStringToObject(doc.get(), "mode", mode.name);
+    cJSON_AddStringToObject(doc.get(), "shown", shown.c_str());
+    cJSON_AddStringToObject(doc.get(), "format", format.name);
+    cJSON_AddNumberToObject(doc.get(), "cellWidth", cellWidth);
+    cJSON_AddNumberToObject(doc.get(), "cellHeight", g.glyphHeight);
+    cJSON_AddNumberToObject(doc.get(), "x", x);
+    cJSON_AddNumberToObject(doc.get(), "line", g.verticalStart);
+    printJson(std::cout, doc.get());
+    return 0;
+  }
   std::cout << *out << ": " << size.cx << "x" << size.cy << " " << pixel.name << ", " << shown << " ("
             << format.name << "), cells of " << cellWidth << "x" << g.glyphHeight << " pixels from x " << x
             << ", line " << g.verticalStart << "\n";
@@ -322,7 +338,8 @@ const Command kBurn{
      {"value", "N", "the number the counter shows"},
      {"user-bits", "HEX", "eight hexadecimal user-bit groups, group 8 first"},
      {"field-marker", "", "in 50 and 60 formats: halve the frame number and mark the second field with *"},
-     {"vertical-percent", "N", "top of the cells at N % of the frame height (default 80)"}},
+     {"vertical-percent", "N", "top of the cells at N % of the frame height (default 80)"},
+     {"json", "", "print the summary as JSON"}},
     run,
     0,
     0,

@@ -211,6 +211,17 @@ int create(Invocation& in, MediaCacheOptions options) {
   options.create = true;
   try {
     MediaCache cache(options);
+    if (in.flag("json")) {
+      Json doc(cJSON_CreateObject());
+      cJSON* clips = cJSON_AddObjectToObject(doc.get(), "clips");
+      cJSON_AddStringToObject(clips, "segment", options.clipSegment.c_str());
+      cJSON_AddNumberToObject(clips, "segmentBytes", static_cast<double>(cache.ClipSegmentSize()));
+      cJSON* playlists = cJSON_AddObjectToObject(doc.get(), "playlists");
+      cJSON_AddStringToObject(playlists, "segment", options.playlistSegment.c_str());
+      cJSON_AddNumberToObject(playlists, "segmentBytes", static_cast<double>(cache.PlaylistSegmentSize()));
+      printJson(std::cout, doc.get());
+      return 0;
+    }
     std::cout << "clip segment " << options.clipSegment << ": " << cache.ClipSegmentSize() << " bytes\n"
               << "playlist segment " << options.playlistSegment << ": " << cache.PlaylistSegmentSize()
               << " bytes\n";
@@ -228,11 +239,21 @@ int run(Invocation& in) {
     throw UsageError("--clips and --playlists are for 'create'");
   if ((in.value("seconds") || in.value("lock")) && action != "hold")
     throw UsageError("--seconds and --lock are for 'hold'");
-  if (in.flag("json") && action != "info") throw UsageError("--json is for 'info'");
+  if (in.flag("json") && action == "hold") throw UsageError("--json is not for 'hold'");
 
   if (action == "create") return create(in, options);
   if (action == "remove") {
     const int removed = MediaCache::Remove(options);
+    if (in.flag("json")) {
+      Json doc(cJSON_CreateObject());
+      cJSON_AddNumberToObject(doc.get(), "removed", removed);
+      cJSON* names = cJSON_AddArrayToObject(doc.get(), "names");
+      for (const std::string* name :
+           {&options.clipSegment, &options.clipLock, &options.playlistSegment, &options.playlistLock})
+        cJSON_AddItemToArray(names, cJSON_CreateString(name->c_str()));
+      printJson(std::cout, doc.get());
+      return 0;
+    }
     std::cout << "removed " << removed << " of 4 (" << options.clipSegment << ", " << options.clipLock << ", "
               << options.playlistSegment << ", " << options.playlistLock << ")\n";
     return 0;
@@ -255,6 +276,12 @@ int run(Invocation& in) {
   if (action == "repair") {
     auto cache = openExistingCache(in, options);
     const int tookOver = cache->RepairLocks();
+    if (in.flag("json")) {
+      Json doc(cJSON_CreateObject());
+      cJSON_AddNumberToObject(doc.get(), "tookOver", tookOver);
+      printJson(std::cout, doc.get());
+      return 0;
+    }
     std::cout << "took over " << tookOver << " lock" << (tookOver == 1 ? "" : "s")
               << " left held by processes that ended\n";
     return 0;
@@ -282,10 +309,19 @@ int run(Invocation& in) {
   if (action == "flush") {
     auto cache = openExistingCache(in, options);
     cache->Flush();
+    if (in.flag("json")) {
+      Json doc(cJSON_CreateObject());
+      cJSON* flushed = cJSON_AddArrayToObject(doc.get(), "flushed");
+      cJSON_AddItemToArray(flushed, cJSON_CreateString(options.clipSegment.c_str()));
+      cJSON_AddItemToArray(flushed, cJSON_CreateString(options.playlistSegment.c_str()));
+      printJson(std::cout, doc.get());
+      return 0;
+    }
     std::cout << "flushed " << options.clipSegment << " and " << options.playlistSegment << "\n";
     return 0;
   }
-  throw UsageError("unknown action '" + action + "' (create, info, flush, repair, hold or remove)");
+  throw UsageError("unknown action '" + action + "' (create, info, flush, repair, hold or remove)" +
+                   didYouMean(action, {"create", "info", "flush", "repair", "hold", "remove"}));
 }
 
 std::vector<Option> cacheOptions() {
@@ -293,7 +329,7 @@ std::vector<Option> cacheOptions() {
   options.push_back({"clips", "N", "create: the most clips the clip segment holds (default 4000)"});
   options.push_back(
       {"playlists", "N", "create: the most playlists the playlist segment holds (default 200)"});
-  options.push_back({"json", "", "info: print JSON"});
+  options.push_back({"json", "", "create, info, flush, repair, remove: print JSON"});
   options.push_back({"seconds", "N", "hold: how long to hold the lock (default 10)"});
   options.push_back({"lock", "clip|playlist", "hold: which lock to hold (default clip)"});
   return options;

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <dirent.h>
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -17,6 +18,7 @@
 #include "media_attributes.h"
 #include "media_options.h"
 #include "productid.h"
+#include "vocabulary.h"
 
 namespace {
 
@@ -29,37 +31,6 @@ std::string attribute(Clip& clip, const std::string& key) {
   const auto map = clip.attributes.getAttributesMap();
   const auto it = map.find(key);
   return it == map.end() ? "" : it->second;
-}
-
-std::string modified(int32_t seconds) {
-  const std::time_t t = seconds;
-  std::tm local{};
-  if (localtime_r(&t, &local) == nullptr) return std::to_string(seconds);
-  char buffer[32];
-  std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M", &local);
-  return buffer;
-}
-
-std::string rate(double fps) {
-  char buffer[32];
-  if (std::floor(fps) == fps)
-    std::snprintf(buffer, sizeof buffer, "%.0f", fps);
-  else
-    std::snprintf(buffer, sizeof buffer, "%.2f", fps);
-  return buffer;
-}
-
-const char* scan(int32_t mode) {
-  switch (mode) {
-    case 0:
-      return "progressive";
-    case 1:
-      return "top first";
-    case 2:
-      return "bottom first";
-    default:
-      return "interlaced";
-  }
 }
 
 // Why a clip is not playable in the given codec mode, or "" when it is.
@@ -83,30 +54,39 @@ unsigned encodeTypeOf(const Invocation& in, ParamStore& params) {
   return params.getParam(eParamEncodeType);
 }
 
-void printCatalogue(const Invocation& in, MediaCache& cache, std::list<Clip> clips, unsigned encodeType) {
-  if (in.flag("json")) {
-    Json list(cJSON_CreateArray());
-    for (Clip& clip : clips) {
-      cJSON* item = cJSON_CreateObject();
-      cJSON_AddStringToObject(item, "name", clipName(clip).c_str());
-      cJSON_AddNumberToObject(item, "modTime", clip.modTime);
-      cJSON_AddStringToObject(item, "fourCC", std::string(clip.fourCC, strnlen(clip.fourCC, 5)).c_str());
-      cJSON_AddNumberToObject(item, "width", clip.width);
-      cJSON_AddNumberToObject(item, "height", clip.height);
-      cJSON_AddNumberToObject(item, "frameRate", clip.frameRate);
-      cJSON_AddNumberToObject(item, "scanMode", clip.scanMode);
-      cJSON_AddNumberToObject(item, "videoLength", clip.videoLength);
-      cJSON_AddBoolToObject(item, "playable", !unplayable(clip));
-      const std::string why = whyNotPlayable(cache, clip, encodeType);
-      if (!why.empty()) cJSON_AddStringToObject(item, "notPlayable", why.c_str());
-      cJSON* attrs = cJSON_AddObjectToObject(item, "attributes");
-      for (const auto& pair : clip.attributes.getAttributesMap())
-        cJSON_AddStringToObject(attrs, pair.first.c_str(), pair.second.c_str());
-      cJSON_AddItemToArray(list.get(), item);
-    }
-    printJson(std::cout, list.get());
-    return;
-  }
+std::string fourCCOf(const Clip& clip) { return std::string(clip.fourCC, strnlen(clip.fourCC, 5)); }
+
+// One clip as the catalogue's JSON gives it.
+cJSON* clipJson(MediaCache& cache, Clip& clip, unsigned encodeType) {
+  cJSON* item = cJSON_CreateObject();
+  cJSON_AddStringToObject(item, "name", clipName(clip).c_str());
+  if (clip.fourCC[0] == '\0')
+    cJSON_AddNullToObject(item, "modified");  // taken by name only
+  else
+    cJSON_AddStringToObject(item, "modified", isoTime(clip.modTime).c_str());
+  cJSON_AddStringToObject(item, "fourCC", fourCCOf(clip).c_str());
+  cJSON_AddNumberToObject(item, "width", clip.width);
+  cJSON_AddNumberToObject(item, "height", clip.height);
+  cJSON_AddNumberToObject(item, "frameRate", clip.frameRate);
+  cJSON_AddStringToObject(item, "frameRateRational", rateRational(clip.frameRate).c_str());
+  cJSON_AddStringToObject(item, "scanMode", scanModeWord(clip.scanMode).c_str());
+  cJSON_AddNumberToObject(item, "videoLength", clip.videoLength);
+  cJSON_AddBoolToObject(item, "playable", !unplayable(clip));
+  const std::string why = whyNotPlayable(cache, clip, encodeType);
+  if (!why.empty()) cJSON_AddStringToObject(item, "notPlayable", why.c_str());
+  cJSON* attrs = cJSON_AddObjectToObject(item, "attributes");
+  for (const auto& pair : clip.attributes.getAttributesMap())
+    cJSON_AddStringToObject(attrs, pair.first.c_str(), pair.second.c_str());
+  return item;
+}
+
+cJSON* catalogueJson(MediaCache& cache, std::list<Clip>& clips, unsigned encodeType) {
+  cJSON* list = cJSON_CreateArray();
+  for (Clip& clip : clips) cJSON_AddItemToArray(list, clipJson(cache, clip, encodeType));
+  return list;
+}
+
+void printCatalogueTable(MediaCache& cache, std::list<Clip>& clips, unsigned encodeType) {
   if (clips.empty()) {
     std::cout << "no clips\n";
     return;
@@ -122,10 +102,9 @@ void printCatalogue(const Invocation& in, MediaCache& cache, std::list<Clip> cli
       playable = "no: " + (why.empty() ? std::string("marked unplayable at intake") : why);
     }
     const bool nameOnly = clip.fourCC[0] == '\0';
-    table.addRow({clipName(clip), nameOnly ? "-" : modified(clip.modTime),
-                  nameOnly ? "-" : std::string(clip.fourCC, strnlen(clip.fourCC, 5)),
+    table.addRow({clipName(clip), nameOnly ? "-" : isoTime(clip.modTime), nameOnly ? "-" : fourCCOf(clip),
                   nameOnly ? "-" : std::to_string(clip.width) + "x" + std::to_string(clip.height),
-                  nameOnly ? "-" : rate(clip.frameRate), nameOnly ? "-" : scan(clip.scanMode),
+                  nameOnly ? "-" : rateDecimal(clip.frameRate), nameOnly ? "-" : scanModeWord(clip.scanMode),
                   nameOnly ? "-" : std::to_string(clip.videoLength),
                   attribute(clip, zev::media::MediaAudioChannels),
                   attribute(clip, zev::media::MediaStartingTimecode), playable});
@@ -133,6 +112,15 @@ void printCatalogue(const Invocation& in, MediaCache& cache, std::list<Clip> cli
   table.print(std::cout);
   std::cout << clips.size() << (clips.size() == 1 ? " clip" : " clips") << ", codec mode " << encodeType
             << "\n";
+}
+
+void printCatalogue(const Invocation& in, MediaCache& cache, std::list<Clip> clips, unsigned encodeType) {
+  if (in.flag("json")) {
+    Json list(catalogueJson(cache, clips, encodeType));
+    printJson(std::cout, list.get());
+    return;
+  }
+  printCatalogueTable(cache, clips, encodeType);
 }
 
 void printPlaylists(MediaCache& cache) {
@@ -215,8 +203,26 @@ int runScan(Invocation& in) {
       throw Failure("the scan of " + dir + " failed");
     }
   }
-  printCatalogue(in, session.cache(), session.finder().findClips(true, false, true), encodeType);
-  if (!in.flag("json")) printPlaylists(session.cache());
+  std::list<Clip> clips = session.finder().findClips(true, false, true);
+  if (in.flag("json")) {
+    Json doc(cJSON_CreateObject());
+    cJSON_AddStringToObject(doc.get(), "directory", dir.c_str());
+    cJSON_AddNumberToObject(doc.get(), "encodeType", encodeType);
+    cJSON_AddItemToObject(doc.get(), "clips", catalogueJson(session.cache(), clips, encodeType));
+    cJSON* playlists = cJSON_AddArrayToObject(doc.get(), "playlists");
+    for (const auto& pair : session.cache().GetPlaylists()) {
+      cJSON* item = cJSON_CreateObject();
+      cJSON_AddStringToObject(item, "name", pair.first.c_str());
+      cJSON_AddStringToObject(
+          item, "path",
+          std::string(pair.second.path, strnlen(pair.second.path, sizeof pair.second.path)).c_str());
+      cJSON_AddItemToArray(playlists, item);
+    }
+    printJson(std::cout, doc.get());
+    return 0;
+  }
+  printCatalogueTable(session.cache(), clips, encodeType);
+  printPlaylists(session.cache());
   return 0;
 }
 
@@ -278,8 +284,17 @@ int runAdd(Invocation& in) {
     throw Failure(path + " was not taken: not a QuickTime clip the scanner accepts");
   std::vector<char> copy(path.begin(), path.end());
   copy.push_back('\0');
-  std::cout << "added " << ::basename(copy.data()) << " (index " << index << "); the catalogue holds "
-            << session.cache().GetClips().size() << " clips\n";
+  const std::string name = ::basename(copy.data());
+  const std::size_t count = session.cache().GetClips().size();
+  if (in.flag("json")) {
+    Json doc(cJSON_CreateObject());
+    cJSON_AddStringToObject(doc.get(), "added", name.c_str());
+    cJSON_AddNumberToObject(doc.get(), "index", index);
+    cJSON_AddNumberToObject(doc.get(), "count", static_cast<double>(count));
+    printJson(std::cout, doc.get());
+  } else {
+    std::cout << "added " << name << " (index " << index << "); the catalogue holds " << count << " clips\n";
+  }
   return 0;
 }
 
@@ -290,7 +305,8 @@ const Command kAdd{
     "Scans FILE and puts its clip into the catalogue, replacing any clip of\n"
     "the same name, as the recorder does after it has recorded a clip.",
     mediaOptions({{"name-only", "", "take the name only, without reading the file"},
-                  {"encode-type", "N", "the device's current encode type (default: the parameter)"}}),
+                  {"encode-type", "N", "the device's current encode type (default: the parameter)"},
+                  {"json", "", "print JSON"}}),
     runAdd,
     1,
     1,
@@ -299,9 +315,48 @@ VORTA_REGISTER_COMMAND(kAdd);
 
 int runRemove(Invocation& in) {
   MediaSession session(in, false, CacheUse::Existing);
-  if (!session.cache().RemoveClip(in.args()[0]))
-    throw Failure("no clip of the catalogue is named in '" + in.args()[0] + "'");
-  std::cout << "removed; the catalogue holds " << session.cache().GetClips().size() << " clips\n";
+  const std::string& given = in.args()[0];
+  const std::list<Clip> before = session.cache().GetClips();
+  // The library removes the first clip (oldest first) whose name occurs in
+  // the text given; --exact takes only a clip of exactly that name (or a
+  // path ending in it) and refuses when the library would take another.
+  std::vector<std::string> occurring;
+  for (const Clip& clip : before)
+    if (given.find(clipName(clip)) != std::string::npos) occurring.push_back(clipName(clip));
+  if (in.flag("exact")) {
+    std::vector<char> copy(given.begin(), given.end());
+    copy.push_back('\0');
+    const std::string base = ::basename(copy.data());
+    if (occurring.empty() || std::find(occurring.begin(), occurring.end(), base) == occurring.end())
+      throw Failure("no clip of the catalogue is named '" + base + "'");
+    if (occurring.size() > 1 || occurring.front() != base) {
+      std::string names;
+      for (const std::string& name : occurring) names += (names.empty() ? "" : ", ") + name;
+      throw Failure("'" + given + "' is ambiguous: the names " + names +
+                    " all occur in it, and the first would go; nothing removed");
+    }
+  }
+  if (!session.cache().RemoveClip(given))
+    throw Failure("no clip of the catalogue is named in '" + given + "'");
+  const std::list<Clip> after = session.cache().GetClips();
+  // The clip that went: the first of the old list missing from the new one.
+  std::string removed = occurring.empty() ? std::string("?") : occurring.front();
+  auto left = after.begin();
+  for (const Clip& clip : before) {
+    if (left == after.end() || clipName(*left) != clipName(clip)) {
+      removed = clipName(clip);
+      break;
+    }
+    ++left;
+  }
+  if (in.flag("json")) {
+    Json doc(cJSON_CreateObject());
+    cJSON_AddStringToObject(doc.get(), "removed", removed.c_str());
+    cJSON_AddNumberToObject(doc.get(), "count", static_cast<double>(after.size()));
+    printJson(std::cout, doc.get());
+  } else {
+    std::cout << "removed " << removed << "; the catalogue holds " << after.size() << " clips\n";
+  }
   return 0;
 }
 
@@ -310,9 +365,12 @@ const Command kRemove{
     "remove a clip from the shared catalogue",
     "NAME",
     "Removes the first clip (oldest first) whose name occurs in NAME, which\n"
-    "may be the clip's name or a path that contains it. The file itself is\n"
-    "not touched.",
-    mediaOptions({}),
+    "may be the clip's name or a path that contains it, and says which clip\n"
+    "went: XXClipTK1.mov.old removes ClipTK1.mov. With --exact only a clip\n"
+    "named exactly NAME (or the last part of a path) goes, and a NAME in which\n"
+    "other clip names occur too is refused. The file itself is not touched.",
+    mediaOptions({{"exact", "", "remove only the clip of exactly this name; refuse ambiguous names"},
+                  {"json", "", "print JSON"}}),
     runRemove,
     1,
     1,

@@ -103,9 +103,19 @@ int run(Invocation& in) {
       stored = store.setParam(info.id, static_cast<uint32_t>(value));
     }
     if (stored != 1) throw Failure("could not write " + store.path());
+    if (in.flag("json")) {
+      const auto value = valueOf(store, info);
+      if (!value) throw Failure("cannot read " + std::string(info.name) + " back from " + store.path());
+      Json doc(cJSON_CreateObject());
+      cJSON_AddStringToObject(doc.get(), "name", info.name);
+      cJSON_AddStringToObject(doc.get(), "id", hexId(info.id).c_str());
+      addValue(doc.get(), info, *value);
+      printJson(std::cout, doc.get());
+    }
     return 0;
   }
-  throw UsageError("unknown action '" + action + "' (list, get or set)");
+  throw UsageError("unknown action '" + action + "' (list, get or set)" +
+                   didYouMean(action, {"list", "get", "set"}));
 }
 
 const Command kParam{

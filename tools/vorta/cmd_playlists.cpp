@@ -10,6 +10,7 @@
 #include "cache_options.h"
 #include "cli.h"
 #include "media_cache.h"
+#include "vocabulary.h"
 
 namespace {
 
@@ -32,15 +33,7 @@ int clipCount(const PlaylistCacheEntry& entry) {
   return count;
 }
 
-std::string timeText(int32_t modTime) {
-  if (modTime == 0) return "-";
-  const std::time_t t = modTime;
-  std::tm parts;
-  gmtime_r(&t, &parts);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
-  return text;
-}
+std::string timeText(int32_t modTime) { return modTime == 0 ? "-" : isoTime(modTime); }
 
 int list(Invocation& in, zev::media::MediaCache& cache) {
   const std::map<std::string, PlaylistCacheEntry> playlists = cache.GetPlaylists();
@@ -51,14 +44,16 @@ int list(Invocation& in, zev::media::MediaCache& cache) {
       cJSON_AddStringToObject(item, "name", element.first.c_str());
       cJSON_AddStringToObject(item, "path", bounded(element.second.path, sizeof element.second.path).c_str());
       cJSON_AddNumberToObject(item, "clips", clipCount(element.second));
-      cJSON_AddNumberToObject(item, "modTime", element.second.modTime);
+      if (element.second.modTime == 0)
+        cJSON_AddNullToObject(item, "modified");
+      else
+        cJSON_AddStringToObject(item, "modified", isoTime(element.second.modTime).c_str());
       cJSON_AddItemToArray(doc.get(), item);
     }
     printJson(std::cout, doc.get());
     return 0;
   }
-  Table table({"NAME", "CLIPS", "MODIFIED (UTC)", "PATH"},
-              {Table::Left, Table::Right, Table::Left, Table::Left});
+  Table table({"NAME", "CLIPS", "MODIFIED", "PATH"}, {Table::Left, Table::Right, Table::Left, Table::Left});
   for (const auto& element : playlists) {
     const int clips = clipCount(element.second);
     table.addRow({element.first, clips < 0 ? "?" : std::to_string(clips), timeText(element.second.modTime),
@@ -72,30 +67,56 @@ int run(Invocation& in) {
   const auto& args = in.args();
   auto cache = openExistingCache(in, cacheOptionsFrom(in));
   if (args.empty()) return list(in, *cache);
-  if (in.flag("json")) throw UsageError("--json is for the listing");
+  const bool json = in.flag("json");
 
   const std::string& action = args[0];
   if (action == "add") {
     if (args.size() < 2) throw UsageError("'add' takes one or more playlist files");
+    Json doc(cJSON_CreateObject());
+    cJSON* added = cJSON_AddArrayToObject(doc.get(), "added");
+    cJSON* refused = cJSON_AddArrayToObject(doc.get(), "refused");
     int failed = 0;
     for (std::size_t i = 1; i < args.size(); ++i) {
       if (cache->AddPlaylist(args[i]) == 1) {
-        std::cout << "added " << zev::media::MediaCache::PlaylistKey(args[i]) << " (" << args[i] << ")\n";
+        const std::string key = zev::media::MediaCache::PlaylistKey(args[i]);
+        cJSON* item = cJSON_CreateObject();
+        cJSON_AddStringToObject(item, "name", key.c_str());
+        cJSON_AddStringToObject(item, "path", args[i].c_str());
+        cJSON_AddItemToArray(added, item);
+        if (!json) std::cout << "added " << key << " (" << args[i] << ")\n";
       } else {
+        cJSON* item = cJSON_CreateObject();
+        cJSON_AddStringToObject(item, "path", args[i].c_str());
+        cJSON_AddStringToObject(item, "reason", "not a playlist file");
+        cJSON_AddItemToArray(refused, item);
         std::cerr << "vorta playlists: " << args[i] << " is not a playlist file\n";
         ++failed;
       }
     }
+    if (json) printJson(std::cout, doc.get());
     return failed == 0 ? 0 : 1;
   }
   if (action == "remove") {
     if (args.size() != 2) throw UsageError("'remove' takes one path");
+    const auto before = cache->GetPlaylists();
     if (!cache->RemovePlaylist(args[1]))
       throw Failure("no cached playlist has its path in '" + args[1] + "'");
-    std::cout << "removed\n";
+    const auto after = cache->GetPlaylists();
+    std::string removed = "?";
+    for (const auto& element : before)
+      if (after.count(element.first) == 0) removed = element.first;
+    if (json) {
+      Json doc(cJSON_CreateObject());
+      cJSON_AddStringToObject(doc.get(), "removed", removed.c_str());
+      cJSON_AddNumberToObject(doc.get(), "count", static_cast<double>(after.size()));
+      printJson(std::cout, doc.get());
+    } else {
+      std::cout << "removed " << removed << "\n";
+    }
     return 0;
   }
-  throw UsageError("unknown action '" + action + "' (add or remove; none lists)");
+  throw UsageError("unknown action '" + action + "' (add or remove; none lists)" +
+                   didYouMean(action, {"add", "remove"}));
 }
 
 std::vector<Option> playlistOptions() {

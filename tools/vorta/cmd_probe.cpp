@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "cli.h"
+#include "vocabulary.h"
 #include "zevqtfileparams.h"
 
 namespace {
@@ -24,25 +25,6 @@ std::string codecText(const CFileParams& p) {
   std::string code;
   for (char c : p.fourCC) code += (c >= 0x20 && c < 0x7F) ? c : '?';
   return code;
-}
-
-std::string scanModeText(int32_t mode) {
-  switch (mode) {
-    case 0:
-      return "progressive";
-    case 1:
-      return "top-first";
-    case 2:
-      return "bottom-first";
-    default:
-      return std::to_string(mode);
-  }
-}
-
-std::string rateText(double rate) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.6g", rate);
-  return text;
 }
 
 Probe probe(const std::string& file) {
@@ -76,11 +58,12 @@ int run(Invocation& in) {
       if (!p.refusal.empty()) cJSON_AddStringToObject(item, "refused", p.refusal.c_str());
       if (p.params && p.params->videoLength != 0) {
         CFileParams& r = *p.params;
-        cJSON_AddStringToObject(item, "codec", codecText(r).c_str());
+        cJSON_AddStringToObject(item, "fourCC", codecText(r).c_str());
         cJSON_AddNumberToObject(item, "width", r.width);
         cJSON_AddNumberToObject(item, "height", r.height);
         cJSON_AddNumberToObject(item, "frameRate", r.frameRate);
-        cJSON_AddNumberToObject(item, "scanMode", r.scanMode);
+        cJSON_AddStringToObject(item, "frameRateRational", rateRational(r.frameRate).c_str());
+        cJSON_AddStringToObject(item, "scanMode", scanModeWord(r.scanMode).c_str());
         cJSON_AddNumberToObject(item, "videoLength", r.videoLength);
       }
       if (p.refusal.empty()) {
@@ -108,14 +91,14 @@ int run(Invocation& in) {
       }
       const CFileParams& r = *p.params;
       table.addRow({p.file, codecText(r), std::to_string(r.width) + "x" + std::to_string(r.height),
-                    rateText(r.frameRate), scanModeText(r.scanMode), std::to_string(r.videoLength), "", "",
+                    rateDecimal(r.frameRate), scanModeWord(r.scanMode), std::to_string(r.videoLength), "", "",
                     "", "", "refused: " + p.refusal});
       continue;
     }
     CFileParams& r = *p.params;
     auto attributes = r.attributes.getAttributesMap();
     table.addRow({p.file, codecText(r), std::to_string(r.width) + "x" + std::to_string(r.height),
-                  rateText(r.frameRate), scanModeText(r.scanMode), std::to_string(r.videoLength),
+                  rateDecimal(r.frameRate), scanModeWord(r.scanMode), std::to_string(r.videoLength),
                   attributes["Audio Chan"], attributes["Starting TC"], attributes["Format"],
                   attributes["Encode Type"], ""});
   }

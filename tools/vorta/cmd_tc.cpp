@@ -102,11 +102,11 @@ int run(Invocation& in) {
     cJSON_AddStringToObject(doc.get(), "timecode", tc.GetRP188CString());
     cJSON_AddNumberToObject(doc.get(), "frames", frames);
     cJSON_AddStringToObject(doc.get(), "format", formatName(tc.GetFormat()).c_str());
-    cJSON_AddBoolToObject(doc.get(), "drop_frame", tc.IsDropFrame());
+    cJSON_AddBoolToObject(doc.get(), "dropFrame", tc.IsDropFrame());
     cJSON_AddStringToObject(doc.get(), "dbb", hexWord(regs.dbb).c_str());
     cJSON_AddStringToObject(doc.get(), "low", hexWord(regs.low).c_str());
     cJSON_AddStringToObject(doc.get(), "high", hexWord(regs.high).c_str());
-    cJSON_AddStringToObject(doc.get(), "user_bits", userBits.c_str());
+    cJSON_AddStringToObject(doc.get(), "userBits", userBits.c_str());
     printJson(std::cout, doc.get());
     return 0;
   }

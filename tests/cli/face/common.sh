@@ -44,13 +44,21 @@ status() {
     exit 1
   fi
 }
-# json_ok NAME COMMAND TEXT: TEXT validates against docs/json/COMMAND.schema.json.
+# json_ok NAME COMMAND TEXT: keeps TEXT to be checked against
+# docs/json/COMMAND.schema.json by json_check (one Python run for them all).
+json_count=0
 json_ok() {
-  local name=$1 command=$2 text=$3
-  if ! python3 "$src/tests/cli/face/validate_json.py" "$src/docs/json/$command.schema.json" <<<"$text" \
+  json_count=$((json_count + 1))
+  mkdir -p "$work/json"
+  printf '%s' "$3" >"$work/json/${json_count}@$2.json"
+  echo "$json_count: $1" >>"$work/json.names"
+}
+json_check() {
+  [ "$json_count" -gt 0 ] || return 0
+  if ! python3 "$src/tests/cli/face/validate_json.py" --schemas "$src/docs/json" "$work"/json/*.json \
     >"$work/verr" 2>&1; then
-    printf 'FAILED: %s: JSON does not match docs/json/%s.schema.json\n%s\n--- JSON:\n%s\n' "$name" "$command" \
-      "$(cat "$work/verr")" "$text" >&2
+    printf 'FAILED: JSON that does not match its schema:\n%s\n--- runs:\n%s\n' "$(cat "$work/verr")" \
+      "$(cat "$work/json.names")" >&2
     exit 1
   fi
 }
