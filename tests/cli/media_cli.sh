@@ -47,7 +47,9 @@ expect "scan lists the first clip" "^ClipTK1\.mov +2026-01-01T[0-9:]+[+-][0-9:]+
 expect "scan lists the second clip" "^ClipTK2\.mov .* 1280x720 +59\.94 " "$out"
 expect "scan counts two clips" "^2 clips, codec mode 1$" "$out"
 expect "scan lists the valid playlist" "^Reel +$media/Reel\.playlist$" "$out"
-if grep -q "Dnx.mov\|^Bad" <<<"$out"; then fail "scan took a refused file: $out"; fi
+taken=$(sed '/^LEFT OUT/,$d' <<<"$out")
+if grep -q "Dnx.mov\|^Bad" <<<"$taken"; then fail "scan took a refused file: $out"; fi
+expect "scan says what it left out" "^Dnx\.mov +codec outside the table" "$out"
 expect "media-busy is back to 2" "^2$" "$(p param get media-busy)"
 
 out=$(v clips --reverse --json) || fail "clips --json"

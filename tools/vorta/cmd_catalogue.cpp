@@ -1,16 +1,21 @@
 // vorta scan, clips, add, remove: the shared clip catalogue of the medium.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <dirent.h>
 #include <algorithm>
 #include <atomic>
+#include <boost/interprocess/exceptions.hpp>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
 #include <cstdio>
 #include <ctime>
 #include <iostream>
+#include <map>
+#include <memory>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "cli.h"
@@ -19,6 +24,7 @@
 #include "media_options.h"
 #include "productid.h"
 #include "vocabulary.h"
+#include "zevqtfileparams.h"
 
 namespace {
 
@@ -123,106 +129,259 @@ void printCatalogue(const Invocation& in, MediaCache& cache, std::list<Clip> cli
   printCatalogueTable(cache, clips, encodeType);
 }
 
-void printPlaylists(MediaCache& cache) {
-  const auto playlists = cache.GetPlaylists();
-  std::cout << "\n";
-  Table table({"PLAYLIST", "FILE"});
-  for (const auto& pair : playlists) {
-    const std::string path(pair.second.path, strnlen(pair.second.path, sizeof(pair.second.path)));
-    table.addRow({pair.first, path.empty() ? "(every clip)" : path});
-  }
-  table.print(std::cout);
-}
-
-// Counts the directory's entries, for the progress line.
-long countEntries(const std::string& dir) {
+// The medium's entries in the order the scan reads them (hidden ones, which
+// the scan skips, left out).
+std::vector<std::string> entriesOf(const std::string& dir) {
+  std::vector<std::string> names;
   DIR* d = ::opendir(dir.c_str());
-  if (d == nullptr) return -1;
-  long n = 0;
+  if (d == nullptr) throw Failure("cannot read the directory " + dir + ": " + std::strerror(errno));
   while (struct dirent* e = ::readdir(d))
-    if (e->d_name[0] != '.') ++n;
+    if (e->d_name[0] != '.') names.emplace_back(e->d_name);
   ::closedir(d);
-  return n;
+  return names;
 }
 
-// Shows on standard error that a long scan is still running: nothing for
-// the first second, then the elapsed time every half second.
+// Shows on a terminal how far the scan is: the file it has open, of the
+// directory's files, and the rate. Nothing when standard error is not a
+// terminal, so that scripts and logs get only the result.
 class Progress {
  public:
-  Progress(std::string dir, long entries) : dir_(std::move(dir)), entries_(entries) {
+  Progress(const std::string& dir, const std::vector<std::string>& names) : dir_(dir), total_(names.size()) {
+    if (!tty_) return;
+    for (std::size_t i = 0; i < names.size(); ++i) index_.emplace(names[i], i);
+    start_ = std::chrono::steady_clock::now();
+    show(0);
     thread_ = std::thread([this] { run(); });
   }
   ~Progress() {
+    if (!tty_) return;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       done_ = true;
     }
     wake_.notify_all();
     thread_.join();
-    if (shown_) std::cerr << (tty_ ? "\r\033[K" : "") << "vorta scan: " << dir_ << " scanned\n";
+    show(total_);
+    std::cerr << "\n";
   }
 
  private:
-  void run() {
-    const auto start = std::chrono::steady_clock::now();
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (wake_.wait_for(lock, std::chrono::seconds(1), [this] { return done_; })) return;
-    do {
-      const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-      if (tty_ || !shown_) {
-        std::cerr << (tty_ ? "\r\033[K" : "") << "vorta scan: scanning " << dir_ << " (" << entries_
-                  << " entries), " << static_cast<int>(seconds) << " s" << (tty_ ? "" : "...\n")
-                  << std::flush;
-      }
-      shown_ = true;
-    } while (!wake_.wait_for(lock, std::chrono::milliseconds(500), [this] { return done_; }));
+  // The number of files done: the index of the medium's file this process
+  // has open now (the scan reads one file at a time).
+  std::size_t current() const {
+    std::size_t found = done_files_;
+    DIR* fds = ::opendir("/proc/self/fd");
+    if (fds == nullptr) return found;
+    const std::string prefix = dir_ + "/";
+    while (struct dirent* e = ::readdir(fds)) {
+      char target[4096];
+      const std::string link = std::string("/proc/self/fd/") + e->d_name;
+      const ssize_t n = ::readlink(link.c_str(), target, sizeof target - 1);
+      if (n <= 0) continue;
+      const std::string path(target, static_cast<std::size_t>(n));
+      if (path.compare(0, prefix.size(), prefix) != 0) continue;
+      const auto it = index_.find(path.substr(prefix.size()));
+      if (it != index_.end()) found = std::max(found, it->second);
+    }
+    ::closedir(fds);
+    return found;
   }
 
+  void show(std::size_t done) {
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    char rate[32];
+    std::snprintf(rate, sizeof rate, "%.0f", static_cast<double>(done) / std::max(seconds, 1e-3));
+    std::cerr << "\r\033[Kvorta scan: " << done << " of " << total_ << " files, " << rate << " files/s"
+              << std::flush;
+  }
+
+  void run() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!wake_.wait_for(lock, std::chrono::milliseconds(250), [this] { return done_; })) {
+      done_files_ = current();
+      show(done_files_);
+    }
+  }
+
+  // The directory as the kernel names it in /proc/self/fd.
   std::string dir_;
-  long entries_;
+  std::size_t total_;
+  std::map<std::string, std::size_t> index_;
+  std::size_t done_files_ = 0;
+  std::chrono::steady_clock::time_point start_;
   bool tty_ = ::isatty(2) != 0;
-  bool shown_ = false;
   bool done_ = false;
   std::mutex mutex_;
   std::condition_variable wake_;
   std::thread thread_;
 };
 
+// One file of the medium the scan did not take, and why.
+struct LeftOut {
+  std::string file;
+  std::string reason;  // one of the words of the scan's JSON schema
+  std::string detail;
+};
+
+// Why the scan would not take the file at path, which it left out.
+LeftOut whyLeftOut(const std::string& dir, const std::string& name, bool playlist) {
+  const std::string path = dir + "/" + name;
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return {name, "unreadable", std::strerror(errno)};
+  if (!S_ISREG(st.st_mode))
+    return {name, "not a regular file", S_ISDIR(st.st_mode) ? "a directory" : "special file"};
+  if (::access(path.c_str(), R_OK) != 0) return {name, "unreadable", std::strerror(errno)};
+  if (playlist) return {name, "not a playlist file", "not one-line JSON with a name and a cliplist of names"};
+  std::unique_ptr<CFileParams> params(CFileParams::create(path.c_str()));
+  if (!params) return {name, "not a clip name", "needs .mov or .MOV"};
+  if (!params->FileIsValid() && params->videoLength != 0) {
+    std::string code;
+    for (char c : params->fourCC) code += (c >= 0x20 && c < 0x7F) ? c : '?';
+    return {name, "codec outside the table", "codec '" + code + "' is not one the recorder plays"};
+  }
+  return {name, "damaged", "not a readable QuickTime movie with a video track"};
+}
+
+// "All Clips" is empty when the clips' names do not fit a playlist's text.
+std::string allClipsProblem(const PlaylistCacheEntry& entry, std::size_t clips) {
+  if (entry.text[0] != '\0') return "";
+  return "the names of the " + std::to_string(clips) + " clips do not fit the " +
+         std::to_string(sizeof entry.text - 1) + " characters of a playlist's text";
+}
+
+// The count the library's size error names ("... 5100 clips need ..."), or fallback.
+unsigned long long countInSizeError(const std::string& text, const char* what, unsigned long long fallback) {
+  const std::string::size_type colon = text.find(": ");
+  unsigned long long count = 0;
+  char kind[16] = {0};
+  if (colon != std::string::npos &&
+      std::sscanf(text.c_str() + colon + 2, "%llu %15s need", &count, kind) == 2 && std::string(kind) == what)
+    return count;
+  return fallback;
+}
+
 int runScan(Invocation& in) {
   in.integer("encode-type", 0, 0, 0xFFFFFFFFll);
-  MediaSession session(in, true, CacheUse::Create);
   std::string dir = in.args()[0];
-  const long entries = countEntries(dir);
-  if (entries < 0) throw Failure("cannot read the directory " + dir + ": " + std::strerror(errno));
+  while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+  const std::vector<std::string> names = entriesOf(dir);
+  MediaSession session(in, true, CacheUse::Create);
   const unsigned encodeType = encodeTypeOf(in, session.params());
-  {
-    Progress progress(dir, entries);
+  try {
+    Progress progress(dir, names);
     if (in.value("encode-type")) {
       session.cache().ScanMedia(dir, encodeType);
     } else if (session.finder().scanMedia(dir) != 0) {
       throw Failure("the scan of " + dir + " failed");
     }
+  } catch (const boost::interprocess::interprocess_exception& e) {
+    // A medium larger than a segment: say what it holds and what makes room.
+    const std::string what = e.what();
+    const bool clips = what.find("clips need") != std::string::npos;
+    const bool playlists = what.find("playlists need") != std::string::npos;
+    if (!clips && !playlists) throw;
+    const std::string prefix = catalogueName(in);
+    if (clips) {
+      std::size_t candidates = 0;
+      for (const std::string& name : names)
+        if (name.find(".mov") != std::string::npos || name.find(".MOV") != std::string::npos) ++candidates;
+      const unsigned long long count = countInSizeError(what, "clips", candidates);
+      const std::uint64_t size = session.cache().ClipSegmentSize();
+      const std::uint64_t room = size >= MediaCache::kClipHeaderSize
+                                     ? (size - MediaCache::kClipHeaderSize) / MediaCache::kClipSlotSize
+                                     : 0;
+      throw Failure("the medium has " + std::to_string(count) + " clips but the catalogue segment holds " +
+                    std::to_string(room) + "; make room with 'vorta cache create --prefix " + prefix +
+                    " --clips " + std::to_string(count) + "' and scan again");
+    }
+    const unsigned long long count = countInSizeError(what, "playlists", 0);
+    const std::uint64_t size = session.cache().PlaylistSegmentSize();
+    const std::uint64_t room = size >= MediaCache::kPlaylistHeaderSize
+                                   ? (size - MediaCache::kPlaylistHeaderSize) / MediaCache::kPlaylistSlotSize
+                                   : 0;
+    throw Failure("the medium has " + std::to_string(count) + " playlists but the playlist segment holds " +
+                  std::to_string(room) + "; make room with 'vorta cache create --prefix " + prefix +
+                  " --playlists " + std::to_string(count) + "' and scan again");
   }
+
   std::list<Clip> clips = session.finder().findClips(true, false, true);
+  const std::map<std::string, PlaylistCacheEntry> playlists = session.cache().GetPlaylists();
+  // What was taken, by name, and each file left out with its reason.
+  std::set<std::string> taken;
+  for (const Clip& clip : clips) taken.insert(clipName(clip));
+  std::set<std::string> takenPlaylists;
+  for (const auto& pair : playlists) {
+    const std::string path(pair.second.path, strnlen(pair.second.path, sizeof pair.second.path));
+    if (path.compare(0, dir.size() + 1, dir + "/") == 0) takenPlaylists.insert(path.substr(dir.size() + 1));
+  }
+  std::vector<LeftOut> leftOut;
+  for (const std::string& name : names) {
+    const std::string path = dir + "/" + name;
+    if (path.find(".mov") != std::string::npos || path.find(".MOV") != std::string::npos) {
+      if (taken.count(name.substr(0, Clip::kNameSize - 1)) == 0)
+        leftOut.push_back(whyLeftOut(dir, name, false));
+    } else if (path.find(".playlist") != std::string::npos) {
+      if (takenPlaylists.count(name) == 0) leftOut.push_back(whyLeftOut(dir, name, true));
+    } else {
+      leftOut.push_back({name, "not a clip name", "neither .mov nor .playlist"});
+    }
+  }
+  const auto all = playlists.find(MediaCache::kAllClipsName);
+  const std::string allClips = all == playlists.end() ? "" : allClipsProblem(all->second, clips.size());
+  const std::size_t accepted = names.size() - leftOut.size();
+
   if (in.flag("json")) {
     Json doc(cJSON_CreateObject());
     cJSON_AddStringToObject(doc.get(), "directory", dir.c_str());
     cJSON_AddNumberToObject(doc.get(), "encodeType", encodeType);
+    cJSON_AddNumberToObject(doc.get(), "files", static_cast<double>(names.size()));
+    cJSON_AddNumberToObject(doc.get(), "accepted", static_cast<double>(accepted));
+    cJSON* out = cJSON_AddArrayToObject(doc.get(), "leftOut");
+    for (const LeftOut& item : leftOut) {
+      cJSON* entry = cJSON_CreateObject();
+      cJSON_AddStringToObject(entry, "file", item.file.c_str());
+      cJSON_AddStringToObject(entry, "reason", item.reason.c_str());
+      cJSON_AddStringToObject(entry, "detail", item.detail.c_str());
+      cJSON_AddItemToArray(out, entry);
+    }
     cJSON_AddItemToObject(doc.get(), "clips", catalogueJson(session.cache(), clips, encodeType));
-    cJSON* playlists = cJSON_AddArrayToObject(doc.get(), "playlists");
-    for (const auto& pair : session.cache().GetPlaylists()) {
+    cJSON* list = cJSON_AddArrayToObject(doc.get(), "playlists");
+    for (const auto& pair : playlists) {
       cJSON* item = cJSON_CreateObject();
       cJSON_AddStringToObject(item, "name", pair.first.c_str());
       cJSON_AddStringToObject(
           item, "path",
           std::string(pair.second.path, strnlen(pair.second.path, sizeof pair.second.path)).c_str());
-      cJSON_AddItemToArray(playlists, item);
+      cJSON_AddItemToArray(list, item);
     }
+    cJSON* allItem = cJSON_AddObjectToObject(doc.get(), "allClips");
+    cJSON_AddBoolToObject(allItem, "built", allClips.empty());
+    if (!allClips.empty()) cJSON_AddStringToObject(allItem, "reason", allClips.c_str());
     printJson(std::cout, doc.get());
     return 0;
   }
   printCatalogueTable(session.cache(), clips, encodeType);
-  printPlaylists(session.cache());
+  std::cout << "\n";
+  Table table({"PLAYLIST", "FILE"});
+  for (const auto& pair : playlists) {
+    const std::string path(pair.second.path, strnlen(pair.second.path, sizeof(pair.second.path)));
+    if (pair.first == MediaCache::kAllClipsName && path.empty())
+      table.addRow({pair.first, allClips.empty() ? "(every clip)" : "(not built: " + allClips + ")"});
+    else
+      table.addRow({pair.first, path});
+  }
+  table.print(std::cout);
+  if (!leftOut.empty()) {
+    std::cout << "\n";
+    Table left({"LEFT OUT", "REASON"});
+    for (const LeftOut& item : leftOut) left.addRow({item.file, item.reason + " (" + item.detail + ")"});
+    left.print(std::cout);
+  }
+  std::cout << "\n"
+            << names.size() << (names.size() == 1 ? " file" : " files") << " in " << dir << ": " << accepted
+            << " taken (" << taken.size() << (taken.size() == 1 ? " clip" : " clips") << ", "
+            << takenPlaylists.size() << (takenPlaylists.size() == 1 ? " playlist" : " playlists") << "), "
+            << leftOut.size() << " left out\n";
   return 0;
 }
 
@@ -235,11 +394,15 @@ const Command kScan{
     "catalogue (oldest first) with its playability in the current codec mode,\n"
     "every valid .playlist file into the playlist cache. Both caches are\n"
     "replaced whole and are seen at once by every process. The caches are\n"
-    "created with the default sizes when missing. Prints the catalogue and\n"
-    "the playlists.",
+    "created with the default sizes when missing; existing ones are used as\n"
+    "they are, and a medium larger than a segment is refused with the command\n"
+    "that makes room. Prints the catalogue, the playlists, every file left out\n"
+    "with its reason (codec outside the table, damaged, not a regular file,\n"
+    "unreadable, not a clip name, not a playlist file) and the counts. On a\n"
+    "terminal, standard error shows the files done of the total and the rate.",
     mediaOptions(
         {{"encode-type", "N", "the device's current encode type (default: the encode-type parameter)"},
-         {"json", "", "print the catalogue as JSON"}}),
+         {"json", "", "print what was taken and left out as JSON"}}),
     runScan,
     1,
     1,

@@ -35,6 +35,15 @@ int clipCount(const PlaylistCacheEntry& entry) {
 
 std::string timeText(int32_t modTime) { return modTime == 0 ? "-" : isoTime(modTime); }
 
+// Why the synthetic "All Clips" has no text, in words; "" for any other
+// playlist and for one that was built.
+std::string unbuilt(const std::string& name, const PlaylistCacheEntry& entry, zev::media::MediaCache& cache) {
+  if (name != zev::media::MediaCache::kAllClipsName || entry.path[0] != '\0' || entry.text[0] != '\0')
+    return "";
+  return "the names of the " + std::to_string(cache.GetClips().size()) + " clips do not fit the " +
+         std::to_string(sizeof entry.text - 1) + " characters of a playlist's text";
+}
+
 int list(Invocation& in, zev::media::MediaCache& cache) {
   const std::map<std::string, PlaylistCacheEntry> playlists = cache.GetPlaylists();
   if (in.flag("json")) {
@@ -43,7 +52,13 @@ int list(Invocation& in, zev::media::MediaCache& cache) {
       cJSON* item = cJSON_CreateObject();
       cJSON_AddStringToObject(item, "name", element.first.c_str());
       cJSON_AddStringToObject(item, "path", bounded(element.second.path, sizeof element.second.path).c_str());
-      cJSON_AddNumberToObject(item, "clips", clipCount(element.second));
+      const int clips = clipCount(element.second);
+      if (clips < 0)
+        cJSON_AddNullToObject(item, "clips");
+      else
+        cJSON_AddNumberToObject(item, "clips", clips);
+      const std::string problem = unbuilt(element.first, element.second, cache);
+      if (!problem.empty()) cJSON_AddStringToObject(item, "unbuildable", problem.c_str());
       if (element.second.modTime == 0)
         cJSON_AddNullToObject(item, "modified");
       else
@@ -53,13 +68,21 @@ int list(Invocation& in, zev::media::MediaCache& cache) {
     printJson(std::cout, doc.get());
     return 0;
   }
+  std::vector<std::string> notes;
   Table table({"NAME", "CLIPS", "MODIFIED", "PATH"}, {Table::Left, Table::Right, Table::Left, Table::Left});
   for (const auto& element : playlists) {
     const int clips = clipCount(element.second);
-    table.addRow({element.first, clips < 0 ? "?" : std::to_string(clips), timeText(element.second.modTime),
+    const std::string problem = unbuilt(element.first, element.second, cache);
+    if (!problem.empty()) notes.push_back(element.first + " cannot be built: " + problem);
+    table.addRow({element.first,
+                  clips >= 0        ? std::to_string(clips)
+                  : problem.empty() ? "?"
+                                    : "none",
+                  timeText(element.second.modTime),
                   bounded(element.second.path, sizeof element.second.path)});
   }
   table.print(std::cout);
+  for (const std::string& note : notes) std::cout << note << "\n";
   return 0;
 }
 

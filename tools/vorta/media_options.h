@@ -24,7 +24,8 @@ inline std::vector<Option> mediaOptions(std::vector<Option> own) {
 }
 
 /// What a command does to the shared caches: only read or change what is
-/// there (a missing catalogue is a failure), or create them when missing.
+/// there (a missing catalogue is a failure), or create them with the
+/// default sizes when missing (existing ones are used as they are).
 enum class CacheUse { Existing, Create };
 
 /// The parameter file and a ClipFinder over the shared caches, as one
@@ -35,12 +36,17 @@ class MediaSession {
   MediaSession(const Invocation& in, bool writesParams, CacheUse use)
       : params_(paramsFilePath(in, writesParams)) {
     zev::media::MediaCacheOptions options = cacheOptionsFrom(in);
-    options.create = use == CacheUse::Create;
-    openExisting(in, options, [&] {
-      finder_ = std::make_unique<ClipFinder>(&params_, options);
-      cache_ = std::make_unique<zev::media::MediaCache>(options);
-      return 0;
-    });
+    options.create = false;
+    if (use == CacheUse::Create) {
+      try {
+        open(options);
+        return;
+      } catch (const boost::interprocess::interprocess_exception& e) {
+        // Only a missing cache is created; any other error is reported below.
+        options.create = e.get_native_error() == ENOENT;
+      }
+    }
+    openExisting(in, options, [&] { return open(options), 0; });
   }
 
   FileParamStore& params() { return params_; }
@@ -49,6 +55,11 @@ class MediaSession {
   zev::media::MediaCache& cache() { return *cache_; }
 
  private:
+  void open(const zev::media::MediaCacheOptions& options) {
+    finder_ = std::make_unique<ClipFinder>(&params_, options);
+    cache_ = std::make_unique<zev::media::MediaCache>(options);
+  }
+
   FileParamStore params_;
   std::unique_ptr<ClipFinder> finder_;
   std::unique_ptr<zev::media::MediaCache> cache_;

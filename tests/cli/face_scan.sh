@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# Scans say what they did: the files taken and each file left out with its
+# reason, in the table and in JSON; progress on a terminal only; a medium
+# larger than the segment names the command that makes room; an "All Clips"
+# that cannot be built is said in words.
+. "$(dirname "$0")/face/common.sh"
+
+make_medium
+cp "$data/qt/h264_25.mov" "$media/H264.mov"
+cp "$data/qt/bad/trunc_moov.mov" "$media/Broken.mov"
+mkdir "$media/Folder.mov"
+ln -s "$media/nowhere.mov" "$media/Dangling.mov"
+printf '{"name":"Bad","cliplist":[1]}' >"$media/Bad.playlist"
+
+status "scan" 0 v scan "$media"
+if grep -q "vorta scan" <<<"$err"; then fail "scan showed progress on a standard error that is no terminal: $err"; fi
+expect "codec outside the table" "^H264\.mov +codec outside the table \(codec 'avc1'" "$out"
+expect "damaged" "^Broken\.mov +damaged " "$out"
+expect "not a regular file" "^Folder\.mov +not a regular file " "$out"
+expect "unreadable" "^Dangling\.mov +unreadable " "$out"
+expect "not a playlist file" "^Bad\.playlist +not a playlist file " "$out"
+expect "the counts" "^8 files in $media: 3 taken \(2 clips, 1 playlist\), 5 left out$" "$out"
+
+status "scan --json" 0 v scan "$media" --json
+json_ok "scan --json" scan "$out"
+flat=$(tr -d '\n\t' <<<"$out")
+for pair in "H264.mov:codec outside the table" "Broken.mov:damaged" "Folder.mov:not a regular file" \
+  "Dangling.mov:unreadable" "Bad.playlist:not a playlist file"; do
+  expect "JSON: ${pair%%:*}" "\"file\":[[:space:]]*\"${pair%%:*}\",[[:space:]]*\"reason\":[[:space:]]*\"${pair#*:}\"" "$flat"
+done
+expect "JSON: counts" '"files":[[:space:]]*8,[[:space:]]*"accepted":[[:space:]]*3,' "$flat"
+
+# Progress: on a terminal only, files done of the total and the rate.
+if command -v script >/dev/null && [ ${#emulator[@]} -eq 0 ]; then
+  script -qec "'$vorta' scan '$media' --prefix '$prefix' --json >/dev/null" /dev/null >"$work/tty" 2>&1 ||
+    fail "scan on a terminal: $(cat "$work/tty")"
+  expect "progress on a terminal" "vorta scan: 8 of 8 files, [0-9]+ files/s" "$(cat "$work/tty")"
+fi
+
+# A segment too small for the medium.
+small="${prefix}_small"
+p cache create --prefix "$small" --clips 1 >/dev/null || fail "cache create --clips 1"
+status "scan into a small segment" 1 p scan "$media" --prefix "$small"
+p cache remove --prefix "$small" >/dev/null
+[ "$(tail -1 <<<"$err")" = "vorta scan: the medium has 2 clips but the catalogue segment holds 1; make room with 'vorta cache create --prefix $small --clips 2' and scan again" ] ||
+  fail "small segment: '$err'"
+
+# "All Clips" when the clips' names do not fit a playlist's text.
+long=$(printf 'L%.0s' $(seq 4000))
+many="${prefix}_many"
+p cache create --prefix "$many" >/dev/null || fail "cache create"
+for i in $(seq 13); do p add --name-only "$media/${long}_$i.mov" --prefix "$many" >/dev/null || fail "add $i"; done
+status "playlists with an unbuildable All Clips" 0 bash -c '"$@" 2>/dev/null' _ "${emulator[@]}" "$vorta" \
+  playlists --prefix "$many"
+expect "All Clips in words" "^All Clips cannot be built: the names of the 13 clips do not fit the [0-9]+ characters of a playlist's text$" "$out"
+expect "All Clips row" "^All Clips +none " "$out"
+status "playlists --json" 0 bash -c '"$@" 2>/dev/null' _ "${emulator[@]}" "$vorta" playlists --json --prefix "$many"
+json_ok "playlists --json" playlists "$out"
+expect "All Clips in JSON" '"unbuildable":[[:space:]]*"the names of the 13 clips' "$out"
+p cache remove --prefix "$many" >/dev/null
+json_check
+echo "face_scan: passed"
