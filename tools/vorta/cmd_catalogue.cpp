@@ -456,7 +456,8 @@ int runAdd(Invocation& in) {
     cJSON_AddNumberToObject(doc.get(), "count", static_cast<double>(count));
     printJson(std::cout, doc.get());
   } else {
-    std::cout << "added " << name << " (index " << index << "); the catalogue holds " << count << " clips\n";
+    std::cout << "added " << name << " (index " << index << "); the catalogue holds " << count
+              << (count == 1 ? " clip\n" : " clips\n");
   }
   return 0;
 }
@@ -518,7 +519,8 @@ int runRemove(Invocation& in) {
     cJSON_AddNumberToObject(doc.get(), "count", static_cast<double>(after.size()));
     printJson(std::cout, doc.get());
   } else {
-    std::cout << "removed " << removed << "; the catalogue holds " << after.size() << " clips\n";
+    std::cout << "removed " << removed << "; the catalogue holds " << after.size()
+              << (after.size() == 1 ? " clip\n" : " clips\n");
   }
   return 0;
 }
