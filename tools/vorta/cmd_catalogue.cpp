@@ -55,10 +55,19 @@ std::string whyNotPlayable(MediaCache& cache, Clip& clip, unsigned encodeType) {
   return "";
 }
 
+// --encode-type within the table of encode types (0 to 9), or any 32-bit
+// value with --unchecked; checked before anything is opened.
+long long encodeTypeOption(const Invocation& in) {
+  if (in.flag("unchecked")) return in.integer("encode-type", 0, 0, 0xFFFFFFFFll);
+  return in.integer("encode-type", 0, 0, ENCODE_UNCOMPRESSED_V210);
+}
+
 unsigned encodeTypeOf(const Invocation& in, ParamStore& params) {
-  if (in.value("encode-type")) return static_cast<unsigned>(in.integer("encode-type", 0, 0, 0xFFFFFFFFll));
+  if (in.value("encode-type")) return static_cast<unsigned>(encodeTypeOption(in));
   return params.getParam(eParamEncodeType);
 }
+
+const Option kUnchecked{"unchecked", "", "take an --encode-type outside the table (0 to 9) as it is"};
 
 std::string fourCCOf(const Clip& clip) { return std::string(clip.fourCC, strnlen(clip.fourCC, 5)); }
 
@@ -261,7 +270,7 @@ unsigned long long countInSizeError(const std::string& text, const char* what, u
 }
 
 int runScan(Invocation& in) {
-  in.integer("encode-type", 0, 0, 0xFFFFFFFFll);
+  encodeTypeOption(in);
   std::string dir = in.args()[0];
   while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
   const std::vector<std::string> names = entriesOf(dir);
@@ -402,7 +411,8 @@ const Command kScan{
     "terminal, standard error shows the files done of the total and the rate.",
     mediaOptions(
         {{"encode-type", "N", "the device's current encode type (default: the encode-type parameter)"},
-         {"json", "", "print what was taken and left out as JSON"}}),
+         {"json", "", "print what was taken and left out as JSON"},
+         kUnchecked}),
     runScan,
     1,
     1,
@@ -410,7 +420,7 @@ const Command kScan{
 VORTA_REGISTER_COMMAND(kScan);
 
 int runClips(Invocation& in) {
-  in.integer("encode-type", 0, 0, 0xFFFFFFFFll);  // bad values are refused before anything is opened
+  encodeTypeOption(in);  // bad values are refused before anything is opened
   MediaSession session(in, false, CacheUse::Existing);
   const unsigned encodeType = encodeTypeOf(in, session.params());
   printCatalogue(in, session.cache(),
@@ -431,7 +441,8 @@ const Command kClips{
                   {"playlist", "", "through the current playlist"},
                   {"all", "", "include unplayable clips"},
                   {"encode-type", "N", "codec mode to explain playability against (default: the parameter)"},
-                  {"json", "", "print JSON"}}),
+                  {"json", "", "print JSON"},
+                  kUnchecked}),
     runClips,
     0,
     0,
@@ -439,7 +450,7 @@ const Command kClips{
 VORTA_REGISTER_COMMAND(kClips);
 
 int runAdd(Invocation& in) {
-  in.integer("encode-type", 0, 0, 0xFFFFFFFFll);
+  encodeTypeOption(in);
   MediaSession session(in, false, CacheUse::Create);
   const std::string path = in.args()[0];
   int index = -1;
@@ -470,7 +481,8 @@ const Command kAdd{
     "the same name, as the recorder does after it has recorded a clip.",
     mediaOptions({{"name-only", "", "take the name only, without reading the file"},
                   {"encode-type", "N", "the device's current encode type (default: the parameter)"},
-                  {"json", "", "print JSON"}}),
+                  {"json", "", "print JSON"},
+                  kUnchecked}),
     runAdd,
     1,
     1,

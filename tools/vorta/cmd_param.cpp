@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "cli.h"
+#include "fileparams.h"
 #include "paramstore.h"
 
 namespace {
@@ -99,7 +100,11 @@ int run(Invocation& in) {
     if (info.isText) {
       stored = store.setParamString(info.id, args[2]);
     } else {
-      const long long value = parseInteger(args[2], 0, 0xFFFFFFFFll, info.name);
+      // The encode type names a row of the codec table; others are any 32-bit value.
+      const long long max = info.id == eParamEncodeType && !in.flag("unchecked")
+                                ? static_cast<long long>(ENCODE_UNCOMPRESSED_V210)
+                                : 0xFFFFFFFFll;
+      const long long value = parseInteger(args[2], 0, max, info.name);
       stored = store.setParam(info.id, static_cast<uint32_t>(value));
     }
     if (stored != 1) throw Failure("could not write " + store.path());
@@ -127,7 +132,9 @@ const Command kParam{
     "share their parameters. NAME is a name from 'vorta param list' or a\n"
     "numeric identifier such as 0x1108000A. The file is --params FILE, else\n"
     "$VORTA_PARAMS, else ~/.local/state/vorta/params.json.",
-    {{"params", "FILE", "the parameter file"}, {"json", "", "print JSON"}},
+    {{"params", "FILE", "the parameter file"},
+     {"json", "", "print JSON"},
+     {"unchecked", "", "set: take an encode-type outside the table (0 to 9) as it is"}},
     run,
     1,
     3,

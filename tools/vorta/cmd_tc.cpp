@@ -65,6 +65,32 @@ unsigned int countOption(const Invocation& in, const std::string& name) {
   return static_cast<unsigned int>(in.integer(name, 0, 0, 0xFFFFFFFFll));
 }
 
+// The components of a time code text must lie within the format: hours to
+// 23, minutes and seconds to 59, frames below the frame rate, and none of
+// the labels drop frame skips (frames 0 and 1, or 0 to 3 at 60, of each
+// minute but every tenth).
+void checkRange(const std::string& text, TimecodeFormat format) {
+  const auto field = [&](std::size_t pos) { return (text[pos] - '0') * 10 + (text[pos + 1] - '0'); };
+  const int hours = field(0), minutes = field(3), seconds = field(6), frames = field(9);
+  const CRP188 probe(0u, format);
+  const int fps = static_cast<int>(probe.FramesPerSecond());
+  std::string problem;
+  if (hours > 23)
+    problem = "hours go to 23";
+  else if (minutes > 59)
+    problem = "minutes go to 59";
+  else if (seconds > 59)
+    problem = "seconds go to 59";
+  else if (frames >= fps)
+    problem = "frames go to " + std::to_string(fps - 1) + " at " + formatName(format);
+  else if (probe.FormatIsDropFrame() && seconds == 0 && minutes % 10 != 0 &&
+           frames < (format == TCFormat60fpsDF ? 4 : 2))
+    problem = "drop frame skips this label";
+  if (!problem.empty())
+    throw UsageError("time code " + text + " is outside the format: " + problem +
+                     " (--unchecked passes it to the library, which carries it over)");
+}
+
 int run(Invocation& in) {
   const TimecodeFormat format = parseFormat(in.value("format").value_or("30"));
   const bool decode = in.flag("decode");
@@ -79,13 +105,19 @@ int run(Invocation& in) {
     tc.SetRP188(regs, format);
   } else if (fromFrames) {
     if (!args.empty()) throw UsageError("give either a time code or --frames N, not both");
-    tc.SetRP188(countOption(in, "frames"), format);
+    const unsigned int frames = countOption(in, "frames");
+    const unsigned int day = CRP188(0u, format).MaxFramesPerDay();
+    if (frames >= day && !in.flag("unchecked"))
+      throw UsageError("--frames must be below " + std::to_string(day) + ", the frames of a day at " +
+                       formatName(format) + " (--unchecked passes it to the library, which wraps it)");
+    tc.SetRP188(frames, format);
   } else {
     if (args.size() != 1)
       throw UsageError(args.empty() ? "give a time code, --frames N or --decode DBB LOW HIGH"
                                     : "too many arguments");
     std::string text = args[0];
     if (!looksLikeTimecode(text)) throw UsageError("not a time code: '" + text + "' (expected HH:MM:SS:FF)");
+    if (!in.flag("unchecked")) checkRange(text, format);
     tc.SetRP188(text, format);
   }
   if (in.value("add")) tc.AddFrames(countOption(in, "add"));
@@ -131,9 +163,11 @@ const Command kTc{
     "hexadecimal (--decode), optionally moves it by --add or --subtract frames\n"
     "(wrapping at a day), and prints its text, frame count and format.\n"
     "Formats: 24, 25, 30, 30df, 50, 60, 60df (default 30); the drop-frame\n"
-    "text has ';' before the frames. Components out of range carry over, so\n"
-    "10:20:30:40 at 30 frames is 10:20:31:10. --regs also prints the register\n"
-    "words and the user bits.\n"
+    "text has ';' before the frames. A time code or frame count outside the\n"
+    "format (25:00:00:00, frame 40 at 30, a label drop frame skips, a count\n"
+    "past the day) is refused; with --unchecked it goes to the library, which\n"
+    "carries components over (10:20:30:40 at 30 is 10:20:31:10) and wraps\n"
+    "counts at a day. --regs also prints the register words and the user bits.\n"
     "Examples: vorta tc 01:00:00:00 --format 30df --add 1800\n"
     "          vorta tc --frames 107892 --format 30df\n"
     "          vorta tc --decode 0 0x30000402 0x00000001 --format 30df",
@@ -143,6 +177,7 @@ const Command kTc{
      {"add", "N", "add N frames"},
      {"subtract", "N", "subtract N frames"},
      {"regs", "", "also print the register words and user bits"},
+     {"unchecked", "", "pass values outside the format to the library unchanged"},
      {"json", "", "print a JSON object"}},
     run,
     0,
