@@ -99,12 +99,16 @@ constexpr int kGrey10 = 414;  // 40 % between video black 64 and white 940
 constexpr int kGrey8Luma = 104;
 constexpr int kGrey8 = 102;
 
+// A frame buffer with one spare line in front of the picture, so that the
+// burn-in may be given a start up to a line before the picture's (see run).
 struct Frame {
   VexaFrameBufferFormat format;
   int width;
   int height;
   int pitch;
   std::vector<unsigned char> bytes;
+  unsigned char* picture() { return bytes.data() + pitch; }
+  const unsigned char* picture() const { return bytes.data() + pitch; }
 };
 
 void putLE32(unsigned char* p, uint32_t w) {
@@ -135,9 +139,9 @@ Frame greyFrame(VexaFrameBufferFormat format, SIZE size) {
       f.pitch = f.width * 4;
       break;
   }
-  f.bytes.assign(static_cast<std::size_t>(f.pitch) * static_cast<std::size_t>(f.height), 0);
+  f.bytes.assign(static_cast<std::size_t>(f.pitch) * (static_cast<std::size_t>(f.height) + 1), 0);
   for (int y = 0; y < f.height; ++y) {
-    unsigned char* line = f.bytes.data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(f.pitch);
+    unsigned char* line = f.picture() + static_cast<std::size_t>(y) * static_cast<std::size_t>(f.pitch);
     if (format == FBF10BitYCbCr) {
       const uint32_t a = 512u | kGrey10 << 10 | 512u << 20;     // Cb Y Cr
       const uint32_t b = kGrey10 | 512u << 10 | kGrey10 << 20;  // Y C Y
@@ -186,8 +190,7 @@ void ycbcrToRgb(double y, double cb, double cr, unsigned char* rgb) {
 
 // One line of the frame as 8-bit RGB.
 void lineToRgb(const Frame& f, int y, unsigned char* rgb) {
-  const unsigned char* line =
-      f.bytes.data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(f.pitch);
+  const unsigned char* line = f.picture() + static_cast<std::size_t>(y) * static_cast<std::size_t>(f.pitch);
   switch (f.format) {
     case FBF10BitYCbCr:
       for (int x = 0; x < f.width; x += 6) {
@@ -269,18 +272,38 @@ int run(Invocation& in) {
   BurnInGeometry g{};
   timecode.GetBurnInGeometry(g);
   Frame frame = greyFrame(pixel.format, size);
-  timecode.BurnTC(reinterpret_cast<char*>(frame.bytes.data()), frame.pitch, mode.mode, value,
+  // The library places eleven cells centred and puts the field marker in a
+  // twelfth to their right. To centre all twelve, the frame is handed over
+  // half a cell early, which moves every cell left by that much; the spare
+  // line in front of the picture keeps that address inside the buffer.
+  const bool marker = in.flag("field-marker") && mode.mode == BurnTimecode && timecode.FormatIs60_50fps();
+  const int shift = marker && g.horizontalStart >= g.rowBytes / 2 ? g.rowBytes / 2 : 0;
+  timecode.BurnTC(reinterpret_cast<char*>(frame.picture() - shift), frame.pitch, mode.mode, value,
                   in.flag("field-marker"));
   writePng(frame, *out);
 
   // Where the cells went, in pixels.
-  const int x = pixel.format == FBF10BitYCbCr ? g.horizontalStart / 16 * 6
-                                              : g.horizontalStart / (pixel.format == FBF8BitYCbCr ? 2 : 4);
+  const int start = g.horizontalStart - shift;
+  const int x =
+      pixel.format == FBF10BitYCbCr ? start / 16 * 6 : start / (pixel.format == FBF8BitYCbCr ? 2 : 4);
   const int cellWidth = pixel.format == FBF10BitYCbCr ? g.rowBytes / 16 * 6
                                                       : g.rowBytes / (pixel.format == FBF8BitYCbCr ? 2 : 4);
+  const int cells = marker ? 12 : 11;
   std::string shown;
+  int field = 0;
   if (mode.mode == BurnTimecode) {
     shown = timecode.GetRP188CString();
+    if (marker) {
+      // The frame digits show half the frame number; the marker which field.
+      unsigned int frames = 0, seconds = 0, minutes = 0, hours = 0;
+      std::sscanf(shown.c_str(), "%u%*c%u%*c%u%*c%u", &hours, &minutes, &seconds, &frames);
+      field = frames % 2 == 0 ? 1 : 2;
+      char drawn[32];
+      std::snprintf(drawn, sizeof drawn, "%.9s%02u", shown.c_str(), frames / 2);
+      shown +=
+          " drawn as " + std::string(drawn) +
+          (field == 2 ? " with field marker '*' (second field)" : " with a blank field marker (first field)");
+    }
   } else if (mode.mode == BurnUserBits) {
     shown = "user bits " + std::string(timecode.GetRP188UserBitsCString());
   } else if (mode.mode == BurnCounter) {
@@ -290,6 +313,8 @@ int run(Invocation& in) {
   } else {
     shown = "dashes";
   }
+  if (in.flag("field-marker") && !marker)
+    shown += " (no field marker: only for time codes in 50 and 60 formats)";
   if (in.flag("json")) {
     Json doc(cJSON_CreateObject());
     cJSON_AddStringToObject(doc.get(), "file", out->c_str());
@@ -299,6 +324,14 @@ int run(Invocation& in) {
     cJSON_AddStringToObject(doc.get(), "mode", mode.name);
     cJSON_AddStringToObject(doc.get(), "shown", shown.c_str());
     cJSON_AddStringToObject(doc.get(), "format", format.name);
+    cJSON_AddNumberToObject(doc.get(), "cells", cells);
+    if (marker) {
+      cJSON* item = cJSON_AddObjectToObject(doc.get(), "fieldMarker");
+      cJSON_AddNumberToObject(item, "field", field);
+      cJSON_AddStringToObject(item, "glyph", field == 2 ? "*" : " ");
+    } else {
+      cJSON_AddNullToObject(doc.get(), "fieldMarker");
+    }
     cJSON_AddNumberToObject(doc.get(), "cellWidth", cellWidth);
     cJSON_AddNumberToObject(doc.get(), "cellHeight", g.glyphHeight);
     cJSON_AddNumberToObject(doc.get(), "x", x);
@@ -307,8 +340,8 @@ int run(Invocation& in) {
     return 0;
   }
   std::cout << *out << ": " << size.cx << "x" << size.cy << " " << pixel.name << ", " << shown << " ("
-            << format.name << "), cells of " << cellWidth << "x" << g.glyphHeight << " pixels from x " << x
-            << ", line " << g.verticalStart << "\n";
+            << format.name << "), " << cells << " cells of " << cellWidth << "x" << g.glyphHeight
+            << " pixels from x " << x << ", line " << g.verticalStart << "\n";
   return 0;
 }
 
@@ -318,7 +351,8 @@ const Command kBurn{
     "--out FILE [options]",
     "Fills a mid-grey frame of the given size and frame-buffer format, burns the\n"
     "time code into it the way the recorder does (eleven glyph cells centred\n"
-    "horizontally, 80 % down the frame unless --vertical-percent says otherwise),\n"
+    "horizontally, 80 % down the frame unless --vertical-percent says otherwise;\n"
+    "with --field-marker twelve cells, centred too),\n"
     "converts the frame to RGB and writes it as a PNG.\n"
     "\n"
     "Pixel formats: v210 (10-bit 4:2:2 Y'CbCr, V210 packing), ycbcr8 (8-bit\n"
@@ -337,7 +371,8 @@ const Command kBurn{
      {"mode", "MODE", "timecode, userbits, counter or dashes (default timecode)"},
      {"value", "N", "the number the counter shows"},
      {"user-bits", "HEX", "eight hexadecimal user-bit groups, group 8 first"},
-     {"field-marker", "", "in 50 and 60 formats: halve the frame number and mark the second field with *"},
+     {"field-marker", "",
+      "in 50 and 60 formats: halve the frame number and mark the second field with * in a twelfth cell"},
      {"vertical-percent", "N", "top of the cells at N % of the frame height (default 80)"},
      {"json", "", "print the summary as JSON"}},
     run,

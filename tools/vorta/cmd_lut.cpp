@@ -2,6 +2,7 @@
 
 #include <libgen.h>
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,11 +34,19 @@ class Canvas {
   }
 
   void line(int x0, int y0, int x1, int y1, Rgb c) {
+    trace(
+        x0, y0, x1, y1, [&](int x, int y) { set(x, y, c); }, false);
+  }
+
+  // Calls pen for each pixel of the line from x0, y0 to x1, y1 (without the
+  // first one when skipFirst, so that joined lines count each pixel once).
+  template <typename Pen>
+  void trace(int x0, int y0, int x1, int y1, Pen pen, bool skipFirst) {
     const int dx = std::abs(x1 - x0), sx = x0 < x1 ? 1 : -1;
     const int dy = -std::abs(y1 - y0), sy = y0 < y1 ? 1 : -1;
     int err = dx + dy;
-    for (;;) {
-      set(x0, y0, c);
+    for (bool first = true;; first = false) {
+      if (!(first && skipFirst)) pen(x0, y0);
       if (x0 == x1 && y0 == y1) break;
       const int e2 = 2 * err;
       if (e2 >= dy) {
@@ -69,42 +78,156 @@ class Canvas {
 };
 static_assert(sizeof(Rgb) == 3, "PNG rows are packed RGB");
 
-// Red, green and blue against the entry index, over a grid of eighths.
-void plot(const std::string& path, const std::vector<int16_t>& red, const std::vector<int16_t>& green,
-          const std::vector<int16_t>& blue, int count) {
-  const int width = 1024, height = 640, margin = 20;
-  Canvas canvas(width, height, {24, 24, 28});
-  int lo = 0, hi = 1;
-  for (int i = 0; i < count; ++i)
-    for (int v : {red[i], green[i], blue[i]}) {
-      lo = std::min(lo, v);
-      hi = std::max(hi, v);
+// A 5x7 font for the plot's labels: each glyph is seven rows of five bits.
+struct Glyph {
+  char c;
+  unsigned char rows[7];
+};
+const Glyph kFont[] = {
+    {'0', {0x0E, 0x11, 0x13, 0x15, 0x19, 0x11, 0x0E}}, {'1', {0x04, 0x0C, 0x04, 0x04, 0x04, 0x04, 0x0E}},
+    {'2', {0x0E, 0x11, 0x01, 0x02, 0x04, 0x08, 0x1F}}, {'3', {0x1F, 0x02, 0x04, 0x02, 0x01, 0x11, 0x0E}},
+    {'4', {0x02, 0x06, 0x0A, 0x12, 0x1F, 0x02, 0x02}}, {'5', {0x1F, 0x10, 0x1E, 0x01, 0x01, 0x11, 0x0E}},
+    {'6', {0x06, 0x08, 0x10, 0x1E, 0x11, 0x11, 0x0E}}, {'7', {0x1F, 0x01, 0x02, 0x04, 0x08, 0x08, 0x08}},
+    {'8', {0x0E, 0x11, 0x11, 0x0E, 0x11, 0x11, 0x0E}}, {'9', {0x0E, 0x11, 0x11, 0x0F, 0x01, 0x02, 0x0C}},
+    {'A', {0x0E, 0x11, 0x11, 0x11, 0x1F, 0x11, 0x11}}, {'B', {0x1E, 0x11, 0x11, 0x1E, 0x11, 0x11, 0x1E}},
+    {'C', {0x0E, 0x11, 0x10, 0x10, 0x10, 0x11, 0x0E}}, {'D', {0x1C, 0x12, 0x11, 0x11, 0x11, 0x12, 0x1C}},
+    {'E', {0x1F, 0x10, 0x10, 0x1E, 0x10, 0x10, 0x1F}}, {'F', {0x1F, 0x10, 0x10, 0x1E, 0x10, 0x10, 0x10}},
+    {'G', {0x0E, 0x11, 0x10, 0x17, 0x11, 0x11, 0x0F}}, {'H', {0x11, 0x11, 0x11, 0x1F, 0x11, 0x11, 0x11}},
+    {'I', {0x0E, 0x04, 0x04, 0x04, 0x04, 0x04, 0x0E}}, {'J', {0x07, 0x02, 0x02, 0x02, 0x02, 0x12, 0x0C}},
+    {'K', {0x11, 0x12, 0x14, 0x18, 0x14, 0x12, 0x11}}, {'L', {0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x1F}},
+    {'M', {0x11, 0x1B, 0x15, 0x15, 0x11, 0x11, 0x11}}, {'N', {0x11, 0x11, 0x19, 0x15, 0x13, 0x11, 0x11}},
+    {'O', {0x0E, 0x11, 0x11, 0x11, 0x11, 0x11, 0x0E}}, {'P', {0x1E, 0x11, 0x11, 0x1E, 0x10, 0x10, 0x10}},
+    {'Q', {0x0E, 0x11, 0x11, 0x11, 0x15, 0x12, 0x0D}}, {'R', {0x1E, 0x11, 0x11, 0x1E, 0x14, 0x12, 0x11}},
+    {'S', {0x0F, 0x10, 0x10, 0x0E, 0x01, 0x01, 0x1E}}, {'T', {0x1F, 0x04, 0x04, 0x04, 0x04, 0x04, 0x04}},
+    {'U', {0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x0E}}, {'V', {0x11, 0x11, 0x11, 0x11, 0x11, 0x0A, 0x04}},
+    {'W', {0x11, 0x11, 0x11, 0x15, 0x15, 0x15, 0x0A}}, {'X', {0x11, 0x11, 0x0A, 0x04, 0x0A, 0x11, 0x11}},
+    {'Y', {0x11, 0x11, 0x11, 0x0A, 0x04, 0x04, 0x04}}, {'Z', {0x1F, 0x01, 0x02, 0x04, 0x08, 0x10, 0x1F}},
+    {'-', {0x00, 0x00, 0x00, 0x1F, 0x00, 0x00, 0x00}}, {'(', {0x02, 0x04, 0x08, 0x08, 0x08, 0x04, 0x02}},
+    {')', {0x08, 0x04, 0x02, 0x02, 0x02, 0x04, 0x08}}, {'=', {0x00, 0x00, 0x1F, 0x00, 0x1F, 0x00, 0x00}},
+    {',', {0x00, 0x00, 0x00, 0x00, 0x0C, 0x04, 0x08}}, {'.', {0x00, 0x00, 0x00, 0x00, 0x00, 0x0C, 0x0C}},
+    {':', {0x00, 0x0C, 0x0C, 0x00, 0x0C, 0x0C, 0x00}}, {'/', {0x00, 0x01, 0x02, 0x04, 0x08, 0x10, 0x00}},
+};
+constexpr int kScale = 2;               // each font pixel is 2x2
+constexpr int kCharWidth = 6 * kScale;  // five columns and a gap
+constexpr int kCharHeight = 7 * kScale;
+
+int textWidth(const std::string& text) { return static_cast<int>(text.size()) * kCharWidth - kScale; }
+
+// Writes text (upper case, digits and a few signs) with its top left at x, y.
+void drawText(Canvas& canvas, int x, int y, const std::string& text, Rgb colour) {
+  for (char c : text) {
+    const char upper = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    for (const Glyph& glyph : kFont) {
+      if (glyph.c != upper) continue;
+      for (int row = 0; row < 7; ++row)
+        for (int column = 0; column < 5; ++column)
+          if ((glyph.rows[row] >> (4 - column) & 1) != 0)
+            for (int dy = 0; dy < kScale; ++dy)
+              for (int dx = 0; dx < kScale; ++dx)
+                canvas.set(x + column * kScale + dx, y + row * kScale + dy, colour);
     }
-  const int plotW = width - 2 * margin, plotH = height - 2 * margin;
+    x += kCharWidth;
+  }
+}
+
+// The bit depth a table's values need: 8, 10, 12, 14 or 16.
+int bitDepthOf(const std::vector<int16_t>& red, const std::vector<int16_t>& green,
+               const std::vector<int16_t>& blue, int count) {
+  int high = 0;
+  for (int i = 0; i < count; ++i)
+    high = std::max({high, std::abs(red[i]), std::abs(green[i]), std::abs(blue[i])});
+  for (int bits : {8, 10, 12, 14})
+    if (high < (1 << bits)) return bits;
+  return 16;
+}
+
+// Red, green and blue against the entry index, on axes that span the
+// table's bit depth (so a 10-bit and a 12-bit table look different), with
+// tick values, axis titles and a legend. A curve equal to one drawn before
+// it is drawn dashed, each in its own part of the dash, so all of them show.
+void plot(const std::string& path, const std::vector<int16_t>& red, const std::vector<int16_t>& green,
+          const std::vector<int16_t>& blue, int count, int bits) {
+  const int width = 1024, height = 640;
+  const int left = 90, right = 24, top = 44, bottom = 64;
+  Canvas canvas(width, height, {24, 24, 28});
+  const int full = (1 << bits) - 1;
+  int lo = 0;
+  for (int i = 0; i < count; ++i)
+    lo = std::min({lo, static_cast<int>(red[i]), static_cast<int>(green[i]), static_cast<int>(blue[i])});
+  const int hi = full;
+  const int plotW = width - left - right, plotH = height - top - bottom;
+  const int lastIndex = std::max(count - 1, 1);
   const auto px = [&](int i) {
-    return margin + (count > 1 ? static_cast<int>(static_cast<long long>(i) * plotW / (count - 1)) : 0);
+    return left + static_cast<int>(static_cast<long long>(i) * plotW / lastIndex);
   };
   const auto py = [&](int v) {
-    return margin + plotH - static_cast<int>(static_cast<long long>(v - lo) * plotH / (hi - lo));
+    return top + plotH - static_cast<int>(static_cast<long long>(v - lo) * plotH / (hi - lo));
   };
-  const Rgb grid{60, 60, 66}, axis{140, 140, 150};
-  for (int k = 0; k <= 8; ++k) {
-    canvas.line(margin + k * plotW / 8, margin, margin + k * plotW / 8, margin + plotH, grid);
-    canvas.line(margin, margin + k * plotH / 8, margin + plotW, margin + k * plotH / 8, grid);
+  const Rgb grid{60, 60, 66}, axis{150, 150, 160}, text{220, 220, 225};
+  // Grid and ticks: quarters of the value range and of the entries.
+  for (int k = 0; k <= 4; ++k) {
+    const int value = lo + static_cast<int>(static_cast<long long>(hi - lo) * k / 4);
+    const int y = py(value);
+    canvas.line(left, y, left + plotW, y, grid);
+    canvas.line(left - 6, y, left, y, axis);
+    const std::string label = std::to_string(value);
+    drawText(canvas, left - 10 - textWidth(label), y - kCharHeight / 2, label, text);
+    const int index = static_cast<int>(static_cast<long long>(lastIndex) * k / 4);
+    const int x = px(index);
+    canvas.line(x, top, x, top + plotH, grid);
+    canvas.line(x, top + plotH, x, top + plotH + 6, axis);
+    const std::string entry = std::to_string(index);
+    drawText(canvas, std::min(x - textWidth(entry) / 2, width - 4 - textWidth(entry)), top + plotH + 10,
+             entry, text);
   }
-  canvas.line(margin, py(0), margin + plotW, py(0), axis);
-  canvas.line(margin, margin, margin, margin + plotH, axis);
-  const struct {
+  canvas.line(left, py(0), left + plotW, py(0), axis);
+  canvas.line(left, top, left, top + plotH, axis);
+  const std::string xTitle = "ENTRY INDEX (" + std::to_string(count) + " ENTRIES)";
+  drawText(canvas, left + (plotW - textWidth(xTitle)) / 2, height - kCharHeight - 8, xTitle, text);
+  const std::string yTitle = "VALUE, " + std::to_string(bits) + "-BIT (0-" + std::to_string(full) + ")";
+  drawText(canvas, 8, 10, yTitle, text);
+
+  struct Curve {
+    const char* name;
     const std::vector<int16_t>* values;
     Rgb colour;
-  } curves[] = {{&red, {235, 64, 52}}, {&green, {70, 200, 80}}, {&blue, {70, 120, 240}}};
-  for (const auto& curve : curves) {
-    const std::vector<int16_t>& v = *curve.values;
+  };
+  const Curve curves[] = {
+      {"RED", &red, {235, 64, 52}}, {"GREEN", &green, {70, 200, 80}}, {"BLUE", &blue, {70, 120, 240}}};
+  int legendX = width - right;
+  for (int c = 2; c >= 0; --c) {
+    std::string label = curves[c].name;
+    for (int earlier = 0; earlier < c; ++earlier)
+      if (std::equal(curves[c].values->begin(), curves[c].values->begin() + count,
+                     curves[earlier].values->begin())) {
+        label += " = " + std::string(curves[earlier].name) + ", DASHED";
+        break;
+      }
+    legendX -= textWidth(label) + 36;
+    canvas.line(legendX, 16, legendX + 20, 16, curves[c].colour);
+    canvas.line(legendX, 17, legendX + 20, 17, curves[c].colour);
+    drawText(canvas, legendX + 26, 10, label, text);
+  }
+  for (int c = 0; c < 3; ++c) {
+    const std::vector<int16_t>& v = *curves[c].values;
+    bool dashed = false;
+    for (int earlier = 0; earlier < c; ++earlier)
+      dashed = dashed || std::equal(v.begin(), v.begin() + count, curves[earlier].values->begin());
+    // Of every 12 pixels along the line, green takes 0-3 and blue 4-7 when
+    // dashed; the curve drawn first shows in 8-11.
+    long step = 0;
+    auto pen = [&](int x, int y) {
+      const long phase = step++ % 12;
+      if (!dashed || (phase >= 4 * (c - 1) && phase < 4 * c)) {
+        canvas.set(x, y, curves[c].colour);
+        canvas.set(x, y + 1, curves[c].colour);
+      }
+    };
     for (int i = 0; i < count; ++i) {
       if (i == 0)
-        canvas.set(px(0), py(v[0]), curve.colour);
+        pen(px(0), py(v[0]));
       else
-        canvas.line(px(i - 1), py(v[i - 1]), px(i), py(v[i]), curve.colour);
+        canvas.trace(px(i - 1), py(v[i - 1]), px(i), py(v[i]), pen, i > 1);
     }
   }
   canvas.writePng(path);
@@ -185,7 +308,9 @@ int run(Invocation& in) {
       zev::utils::LUT_Utils::parse(file, red.data(), green.data(), blue.data(), size, count, error);
   if (!ok && count < 0) throw Failure(file + ": " + error);  // not read at all
 
-  if (const auto out = in.value("plot")) plot(*out, red, green, blue, count);
+  const int bits = in.value("bits") ? static_cast<int>(in.integer("bits", 10, 8, 16))
+                                    : bitDepthOf(red, green, blue, std::max(count, 0));
+  if (const auto out = in.value("plot")) plot(*out, red, green, blue, count, bits);
 
   if (in.flag("json")) {
     Json doc(cJSON_CreateObject());
@@ -193,6 +318,7 @@ int run(Invocation& in) {
     cJSON_AddBoolToObject(doc.get(), "ok", ok);
     cJSON_AddNumberToObject(doc.get(), "count", count);
     cJSON_AddNumberToObject(doc.get(), "size", size);
+    cJSON_AddNumberToObject(doc.get(), "bitDepth", bits);
     if (ok) {
       cJSON_AddNullToObject(doc.get(), "error");
     } else {
@@ -246,6 +372,8 @@ const Command kLut{
     {{"size", "N", "read at most N entries (default 4096); later lines are checked only"},
      {"dump", "", "list the entries"},
      {"plot", "PNG", "draw red, green and blue against the entry index into a PNG file"},
+     {"bits", "N",
+      "the table's bit depth for the plot's value axis (default: the least that holds its values)"},
      {"json", "", "print the result as JSON (the entries too with --dump)"}},
     run,
     1,
