@@ -57,14 +57,16 @@ if p burn --help | grep -q -- "--json"; then
 fi
 # The shared string needs its owner running.
 name="/vorta-face-$$"
-p shm create "$name" 32 >"$work/shm.out" 2>&1 &
+"${emulator[@]}" "$vorta" shm create "$name" 32 >"$work/shm.out" 2>&1 &
 owner=$!
+stop_owner() { kill -TERM "$owner" 2>/dev/null && wait "$owner"; }
+trap 'stop_owner; cleanup' EXIT
 for _ in $(seq 50); do p shm get "$name" >/dev/null 2>&1 && break; sleep 0.1; done
 status "shm set --json" 0 p shm set "$name" hello --json
 json_ok "shm set" shm "$out"
 status "shm get --json" 0 p shm get "$name" --json
 json_ok "shm get" shm "$out"
-kill -TERM "$owner"
-wait "$owner"
+stop_owner
+[ ! -e "/dev/shm$name" ] || fail "the owner left $name"
 json_check
 echo "face_json: passed"

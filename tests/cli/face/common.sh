@@ -15,7 +15,8 @@ mkdir -p "$media"
 p() { "${emulator[@]}" "$vorta" "$@"; }
 v() { "${emulator[@]}" "$vorta" "$@" --prefix "$prefix"; }
 cleanup() {
-  p cache remove --prefix "$prefix" >/dev/null 2>&1
+  local extra
+  for extra in "" _2 _small _many _demo; do p cache remove --prefix "$prefix$extra" >/dev/null 2>&1; done
   rm -rf "$work"
 }
 trap cleanup EXIT
