@@ -10,6 +10,7 @@
 #include <cmath>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <iostream>
 #include <map>
@@ -157,6 +158,10 @@ class Progress {
  public:
   Progress(const std::string& dir, const std::vector<std::string>& names) : dir_(dir), total_(names.size()) {
     if (!tty_) return;
+    if (char* real = ::realpath(dir.c_str(), nullptr)) {
+      dir_ = real;
+      std::free(real);
+    }
     for (std::size_t i = 0; i < names.size(); ++i) index_.emplace(names[i], i);
     start_ = std::chrono::steady_clock::now();
     show(0);
@@ -212,8 +217,7 @@ class Progress {
     }
   }
 
-  // The directory as the kernel names it in /proc/self/fd.
-  std::string dir_;
+  std::string dir_;  // as the kernel names it in /proc/self/fd
   std::size_t total_;
   std::map<std::string, std::size_t> index_;
   std::size_t done_files_ = 0;
