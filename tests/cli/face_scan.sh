@@ -11,6 +11,7 @@ cp "$data/qt/bad/trunc_moov.mov" "$media/Broken.mov"
 mkdir "$media/Folder.mov"
 ln -s "$media/nowhere.mov" "$media/Dangling.mov"
 printf '{"name":"Bad","cliplist":[1]}' >"$media/Bad.playlist"
+cp "$media/Reel.playlist" "$media/Copy.playlist"
 
 status "scan" 0 v scan "$media"
 if grep -q "vorta scan" <<<"$err"; then fail "scan showed progress on a standard error that is no terminal: $err"; fi
@@ -19,7 +20,9 @@ expect "damaged" "^Broken\.mov +damaged " "$out"
 expect "not a regular file" "^Folder\.mov +not a regular file " "$out"
 expect "unreadable" "^Dangling\.mov +unreadable " "$out"
 expect "not a playlist file" "^Bad\.playlist +not a playlist file " "$out"
-expect "the counts" "^8 files in $media: 3 taken \(2 clips, 1 playlist\), 5 left out$" "$out"
+expect "a playlist of the same text" "^(Reel|Copy)\.playlist +same text as another playlist " "$out"
+[ "$(grep -c "same text as another playlist" <<<"$out")" = 1 ] || fail "both copies left out: $out"
+expect "the counts" "^9 files in $media: 3 taken \(2 clips, 1 playlist\), 6 left out$" "$out"
 
 status "scan --json" 0 v scan "$media" --json
 json_ok "scan --json" scan "$out"
@@ -28,13 +31,13 @@ for pair in "H264.mov:codec outside the table" "Broken.mov:damaged" "Folder.mov:
   "Dangling.mov:unreadable" "Bad.playlist:not a playlist file"; do
   expect "JSON: ${pair%%:*}" "\"file\":[[:space:]]*\"${pair%%:*}\",[[:space:]]*\"reason\":[[:space:]]*\"${pair#*:}\"" "$flat"
 done
-expect "JSON: counts" '"files":[[:space:]]*8,[[:space:]]*"accepted":[[:space:]]*3,' "$flat"
+expect "JSON: counts" '"files":[[:space:]]*9,[[:space:]]*"accepted":[[:space:]]*3,' "$flat"
 
 # Progress: on a terminal only, files done of the total and the rate.
 if command -v script >/dev/null && [ ${#emulator[@]} -eq 0 ]; then
   script -qec "'$vorta' scan '$media' --prefix '$prefix' --json >/dev/null" /dev/null >"$work/tty" 2>&1 ||
     fail "scan on a terminal: $(cat "$work/tty")"
-  expect "progress on a terminal" "vorta scan: 8 of 8 files, [0-9]+ files/s" "$(cat "$work/tty")"
+  expect "progress on a terminal" "vorta scan: 9 of 9 files, [0-9]+ files/s" "$(cat "$work/tty")"
 fi
 
 # A segment too small for the medium.

@@ -237,14 +237,21 @@ struct LeftOut {
 };
 
 // Why the scan would not take the file at path, which it left out.
-LeftOut whyLeftOut(const std::string& dir, const std::string& name, bool playlist) {
+LeftOut whyLeftOut(MediaCache& cache, const std::string& dir, const std::string& name, bool playlist) {
   const std::string path = dir + "/" + name;
   struct stat st;
   if (::stat(path.c_str(), &st) != 0) return {name, "unreadable", std::strerror(errno)};
   if (!S_ISREG(st.st_mode))
     return {name, "not a regular file", S_ISDIR(st.st_mode) ? "a directory" : "special file"};
   if (::access(path.c_str(), R_OK) != 0) return {name, "unreadable", std::strerror(errno)};
-  if (playlist) return {name, "not a playlist file", "not one-line JSON with a name and a cliplist of names"};
+  if (playlist) {
+    // The cache keys playlists by their text: of two files with the same
+    // text, one is kept.
+    auto entry = std::make_unique<PlaylistCacheEntry>();
+    if (cache.GrokPlaylist(*entry, path) == 1)
+      return {name, "same text as another playlist", "the cache keeps one playlist per text"};
+    return {name, "not a playlist file", "not one-line JSON with a name and a cliplist of names"};
+  }
   std::unique_ptr<CFileParams> params(CFileParams::create(path.c_str()));
   if (!params) return {name, "not a clip name", "needs .mov or .MOV"};
   if (!params->FileIsValid() && params->videoLength != 0) {
@@ -332,9 +339,9 @@ int runScan(Invocation& in) {
     const std::string path = dir + "/" + name;
     if (path.find(".mov") != std::string::npos || path.find(".MOV") != std::string::npos) {
       if (taken.count(name.substr(0, Clip::kNameSize - 1)) == 0)
-        leftOut.push_back(whyLeftOut(dir, name, false));
+        leftOut.push_back(whyLeftOut(session.cache(), dir, name, false));
     } else if (path.find(".playlist") != std::string::npos) {
-      if (takenPlaylists.count(name) == 0) leftOut.push_back(whyLeftOut(dir, name, true));
+      if (takenPlaylists.count(name) == 0) leftOut.push_back(whyLeftOut(session.cache(), dir, name, true));
     } else {
       leftOut.push_back({name, "not a clip name", "neither .mov nor .playlist"});
     }
@@ -411,7 +418,8 @@ const Command kScan{
     "they are, and a medium larger than a segment is refused with the command\n"
     "that makes room. Prints the catalogue, the playlists, every file left out\n"
     "with its reason (codec outside the table, damaged, not a regular file,\n"
-    "unreadable, not a clip name, not a playlist file) and the counts. On a\n"
+    "unreadable, not a clip name, not a playlist file, same text as another\n"
+    "playlist) and the counts. On a\n"
     "terminal, standard error shows the files done of the total and the rate.",
     mediaOptions(
         {{"encode-type", "N", "the device's current encode type (default: the encode-type parameter)"},
