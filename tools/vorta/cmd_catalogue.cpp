@@ -419,8 +419,8 @@ const Command kScan{
     "that makes room. Prints the catalogue, the playlists, every file left out\n"
     "with its reason (codec outside the table, damaged, not a regular file,\n"
     "unreadable, not a clip name, not a playlist file, same text as another\n"
-    "playlist) and the counts. On a\n"
-    "terminal, standard error shows the files done of the total and the rate.",
+    "playlist) and the counts. On a terminal, standard error shows the files\n"
+    "done of the total and the rate.",
     mediaOptions(
         {{"encode-type", "N", "the device's current encode type (default: the encode-type parameter)"},
          {"json", "", "print what was taken and left out as JSON"},
