@@ -145,9 +145,16 @@ std::vector<std::string> entriesOf(const std::string& dir) {
   std::vector<std::string> names;
   DIR* d = ::opendir(dir.c_str());
   if (d == nullptr) throw Failure("cannot read the directory " + dir + ": " + std::strerror(errno));
-  while (struct dirent* e = ::readdir(d))
+  // readdir64, as the scan itself reads: on a 32-bit system readdir fails
+  // with EOVERFLOW for an entry whose inode number needs 64 bits.
+  errno = 0;
+  while (struct dirent64* e = ::readdir64(d)) {
     if (e->d_name[0] != '.') names.emplace_back(e->d_name);
+    errno = 0;
+  }
+  const int error = errno;
   ::closedir(d);
+  if (error != 0) throw Failure("cannot read the directory " + dir + ": " + std::strerror(error));
   return names;
 }
 
@@ -187,7 +194,7 @@ class Progress {
     DIR* fds = ::opendir("/proc/self/fd");
     if (fds == nullptr) return found;
     const std::string prefix = dir_ + "/";
-    while (struct dirent* e = ::readdir(fds)) {
+    while (struct dirent64* e = ::readdir64(fds)) {
       char target[4096];
       const std::string link = std::string("/proc/self/fd/") + e->d_name;
       const ssize_t n = ::readlink(link.c_str(), target, sizeof target - 1);
