@@ -72,7 +72,13 @@ bool readSmallFile(const std::string& path, std::string& text, int* error = null
 // The state letter and start time of /proc/PID/stat; false when the file cannot be read.
 bool readStat(pid_t pid, char& state, std::uint64_t& start) {
   std::string text;
-  if (!readSmallFile("/proc/" + std::to_string(pid) + "/stat", text)) return false;
+  // A process reads its own through its main thread's entry, which user-mode emulators pass to the
+  // kernel unchanged (they make up /proc/PID/stat for the emulated process itself), so that it
+  // records the start time other processes will read.
+  const std::string id = std::to_string(pid);
+  const std::string path =
+      pid == ::getpid() ? "/proc/" + id + "/task/" + id + "/stat" : "/proc/" + id + "/stat";
+  if (!readSmallFile(path, text)) return false;
   // The command name in parentheses may hold spaces and parentheses: fields follow the last ')'.
   const std::size_t close = text.rfind(')');
   if (close == std::string::npos || close + 2 >= text.size()) return false;
