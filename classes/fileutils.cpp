@@ -328,12 +328,45 @@ int ClipFinder::slaveClipName(std::string& name) {
   return result;
 }
 
+namespace {
+
+// Drops NUL and the other control characters (below 0x20, and 0x7F) from a
+// name taken from a parameter's text: a NUL would end the file name's C
+// string before its take and extension, and a control character has no
+// place in a file name. Says so on standard error when it drops any.
+void dropControlCharacters(std::string& name) {
+  const auto control = [](char c) {
+    const auto u = static_cast<unsigned char>(c);
+    return u < 0x20u || u == 0x7Fu;
+  };
+  const std::string::size_type before = name.size();
+  name.erase(std::remove_if(name.begin(), name.end(), control), name.end());
+  if (name.size() != before)
+    std::fprintf(stderr, "buildClipNameBase(). control characters removed from the clip name\n");
+}
+
+// Whether a clip-name letter (its low byte, as "%c" writes it) can stand in
+// a file name: printable ASCII other than "/".
+bool printableLetter(uint32_t letter) {
+  const unsigned c = letter & 0xFFu;
+  return c >= 0x20u && c < 0x7Fu && c != '/';
+}
+
+}  // namespace
+
 int ClipFinder::buildClipNameBase(std::string& name, bool nextTake) {
-  if (isSlaveUsingMasterClipName()) return slaveClipName(name);
+  if (isSlaveUsingMasterClipName()) {
+    const int result = slaveClipName(name);
+    dropControlCharacters(name);
+    return result;
+  }
 
   if (params->getParam(eParamClipNameSource) - 1u <= 2u) {
     params->getParamString(eParamREDClipName, name);
-    if (name != kInvalidRedName) return 0;
+    if (name != kInvalidRedName) {
+      dropControlCharacters(name);
+      return 0;
+    }
     std::fprintf(stderr, "\nbuildClipNameBase(). clipName == INVALID_RED_DATA_NAME\n");
   }
 
@@ -341,6 +374,7 @@ int ClipFinder::buildClipNameBase(std::string& name, bool nextTake) {
     params->getParamString(eParamCustomClipNameText, name);
     if (params->getParam(eParamCustomTake) == 1)
       name += formatInt("_%d", params->getParam(eParamCustomTakeNumber));
+    dropControlCharacters(name);
     return 0;
   }
 
@@ -354,7 +388,16 @@ int ClipFinder::buildClipNameBase(std::string& name, bool nextTake) {
 
   name = scene != 0 ? "SC" : "Clip";
   if (number != 0) name += formatInt("%d", number);
-  if (letterOn != 0) name += static_cast<char>(letter);
+  // A letter code that is no printable character (0 among them, which
+  // would end the name's C string) is left out, as if the letter were off.
+  if (letterOn != 0) {
+    if (printableLetter(letter))
+      name += static_cast<char>(letter & 0xFFu);
+    else
+      std::fprintf(stderr,
+                   "buildClipNameBase(). clip name letter %u is not a printable character; left out\n",
+                   static_cast<unsigned>(letter));
+  }
   name += "TK";
   name += formatInt("%d", take);
   return 0;
