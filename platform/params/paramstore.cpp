@@ -70,8 +70,22 @@ enum class FileState { Missing, Ok, Bad };
 // Reads and parses the file. Missing: no file. Bad: unreadable, too large,
 // or not a JSON object.
 FileState readFile(const std::string& path, Json& doc) {
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (f == nullptr) return errno == ENOENT ? FileState::Missing : FileState::Bad;
+  // The open never blocks (a FIFO under the name would wait for a writer)
+  // and anything but a regular file is Bad; the file is then read blocking.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return errno == ENOENT ? FileState::Missing : FileState::Bad;
+  struct stat info;
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || flags == -1 ||
+      ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1) {
+    ::close(fd);
+    return FileState::Bad;
+  }
+  FILE* f = ::fdopen(fd, "rb");
+  if (f == nullptr) {
+    ::close(fd);
+    return FileState::Bad;
+  }
   std::string text;
   char chunk[4096];
   std::size_t n;
@@ -99,8 +113,16 @@ bool asValue(const cJSON* item, uint32_t& value) {
 class WriteLock {
  public:
   explicit WriteLock(const std::string& path) {
-    fd_ = ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    fd_ = ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0644);
     if (fd_ < 0) return;
+    // Only a regular file is locked: a FIFO or device under the name is refused.
+    struct stat info;
+    if (::fstat(fd_, &info) != 0 || !S_ISREG(info.st_mode)) {
+      ::close(fd_);
+      fd_ = -1;
+      errno = EINVAL;
+      return;
+    }
     struct flock lock;
     std::memset(&lock, 0, sizeof lock);
     lock.l_type = F_WRLCK;
@@ -126,7 +148,20 @@ bool writeAtomically(const std::string& path, const cJSON* doc) {
   char* text = cJSON_Print(doc);
   if (text == nullptr) return false;
   const std::string tmp = path + ".tmp." + std::to_string(getpid());
-  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  // A FIFO or device left under the temporary name is neither blocked on
+  // nor written: the open does not block, and only a regular file is
+  // truncated and written.
+  int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0644);
+  if (fd >= 0) {
+    struct stat info;
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || flags == -1 ||
+        ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1 || ::ftruncate(fd, 0) != 0) {
+      ::close(fd);
+      fd = -1;
+      errno = EINVAL;
+    }
+  }
   if (fd < 0) {
     std::perror(tmp.c_str());
     cJSON_free(text);
