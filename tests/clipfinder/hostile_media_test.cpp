@@ -54,7 +54,15 @@ double now() {
 int inChild(const std::function<int()>& body, double seconds = patience()) {
   const pid_t pid = fork();
   if (pid < 0) return -2;
-  if (pid == 0) _exit(body());
+  if (pid == 0) {
+    int code = 98;
+    try {
+      code = body();
+    } catch (...) {
+      code = 99;  // nothing may throw out of the code under test
+    }
+    _exit(code);
+  }
   const double deadline = now() + seconds;
   for (;;) {
     int status = 0;
@@ -251,9 +259,10 @@ TEST(HostileMedia, DescriptorExhaustionAbandonsTheScanAndKeepsTheCatalogue) {
       if (lowest < 0) return 10;
       close(lowest);
       // spare 0: not even the directory opens; 1: the directory and nothing else.
-      const rlim_t limit = static_cast<rlim_t>(lowest + spare);
-      struct rlimit rl = {limit, limit};
-      if (setrlimit(RLIMIT_NOFILE, &rl) != 0) return 11;
+      struct rlimit rl;
+      if (getrlimit(RLIMIT_NOFILE, &rl) != 0) return 11;
+      rl.rlim_cur = static_cast<rlim_t>(lowest + spare);
+      if (setrlimit(RLIMIT_NOFILE, &rl) != 0) return 12;
       if (finder.scanMedia(medium.media.path()) != -1) return 1;
       if (params.busyWrites() != std::vector<uint32_t>{1, 2}) return 2;
       return 0;

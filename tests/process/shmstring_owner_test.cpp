@@ -109,7 +109,15 @@ class OwnerProcess {
 // within the limit (a call that blocks) is killed and -1 comes back, so a
 // hang fails the test instead of hanging the run.
 int inChild(const std::function<int()>& body, double seconds = 10) {
-  const pid_t pid = forkChild([&] { _exit(body()); });
+  const pid_t pid = forkChild([&] {
+    int code = 98;
+    try {
+      code = body();
+    } catch (...) {
+      code = 99;  // nothing may throw out of the code under test
+    }
+    _exit(code);
+  });
   const int status = waitForExit(pid, seconds * (vorta_test::underEmulation() ? 4 : 1));
   if (status == -1) return -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -326,7 +334,9 @@ TEST(ShmStringOwner, DescriptorExhaustionFailsCleanly) {
               const int probe = dup(0);
               if (probe < 0) return 2;
               ::close(probe);
-              struct rlimit limit = {static_cast<rlim_t>(probe), static_cast<rlim_t>(probe)};
+              struct rlimit limit;
+              if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 3;
+              limit.rlim_cur = static_cast<rlim_t>(probe);
               if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 3;
               ShmString second(other.c_str());
               if (second.create(16)) return 4;
