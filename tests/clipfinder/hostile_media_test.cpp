@@ -353,3 +353,21 @@ TEST(HostileMedia, AScanKilledAtRandomMomentsLeavesTheNextScanWorking) {
     EXPECT_EQ(names(finder.findClips(true, false, true)), expected);
   }
 }
+
+// A clip whose name is as long as the file system allows (255 bytes) is
+// taken with its whole name; the record's name field has room for it.
+TEST(HostileMedia, AClipNameOfTheLongestAllowedLengthIsKeptWhole) {
+  TempDir media;
+  const std::string longest = std::string(255 - 4, 'n') + ".mov";
+  place("prores_proxy_25.mov", media.file(longest), 1000);
+  ASSERT_EQ(::access(media.file(longest).c_str(), F_OK), 0);
+  std::string tooLong = media.file(std::string(256 - 4, 'n') + ".mov");
+  EXPECT_EQ(::open(tooLong.c_str(), O_WRONLY | O_CREAT, 0644), -1);  // 256 bytes: the system refuses it
+  EXPECT_EQ(errno, ENAMETOOLONG);
+  UniqueCaches caches;
+  MediaCache cache(caches.config);
+  std::string dir = media.path();
+  ASSERT_EQ(cache.ScanMedia(dir, ENCODE_PRORES_422), 1);
+  EXPECT_EQ(names(cache.GetClips()), (Names{longest}));
+  static_assert(Clip::kNameSize > 255, "a clip name field holds the longest file name");
+}
