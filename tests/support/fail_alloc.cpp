@@ -23,7 +23,7 @@ namespace {
 std::atomic<long> gBudget{-1};
 std::atomic<long> gFailures{0};
 
-bool refuse() {
+[[maybe_unused]] bool refuse() {
   long budget = gBudget.load(std::memory_order_relaxed);
   while (budget > 0) {
     if (gBudget.compare_exchange_weak(budget, budget - 1, std::memory_order_relaxed)) return false;
