@@ -75,6 +75,8 @@ namespace vorta_test {
 
 bool allocationFailureAvailable() { return VORTA_FAIL_ALLOC_AVAILABLE != 0; }
 
+bool builtWithSanitizer() { return VORTA_FAIL_ALLOC_AVAILABLE == 0; }
+
 FailAlloc::FailAlloc(long succeeding) {
   gFailures.store(0, std::memory_order_relaxed);
   gBudget.store(succeeding < 0 ? 0 : succeeding, std::memory_order_relaxed);

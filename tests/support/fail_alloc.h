@@ -8,6 +8,11 @@ namespace vorta_test {
 /// which owns malloc itself.
 bool allocationFailureAvailable();
 
+/// True in a sanitizer build. Such a runtime also needs descriptors of its
+/// own (the undefined-behaviour checker probes memory through a pipe), so a
+/// test that leaves the process no descriptor is not meaningful there.
+bool builtWithSanitizer();
+
 /// While alive, the first `succeeding` heap allocations still succeed and
 /// every later one fails (null with errno ENOMEM; operator new then throws
 /// std::bad_alloc). Frees always work. One at a time per process.
