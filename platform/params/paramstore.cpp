@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 namespace {
 
@@ -195,6 +196,7 @@ bool writeAtomically(const std::string& path, const cJSON* doc) {
 // atomically. A file that is not a parameter file is never overwritten.
 int updateFile(const std::string& path, eParam_t id, cJSON* value) {
   Json owned(value);
+  if (!owned) return 0;  // no memory for the value: the file keeps the old one
   WriteLock lock(path);
   if (!lock.held()) {
     std::perror((path + ".lock").c_str());
@@ -207,6 +209,7 @@ int updateFile(const std::string& path, eParam_t id, cJSON* value) {
     return 0;
   }
   if (state == FileState::Missing) doc.reset(cJSON_CreateObject());
+  if (!doc) return 0;
   const std::string key = keyOf(id);
   cJSON_DeleteItemFromObjectCaseSensitive(doc.get(), key.c_str());
   cJSON_AddItemToObject(doc.get(), key.c_str(), owned.release());
@@ -295,18 +298,37 @@ int MemoryParamStore::getParamString(eParam_t id, std::string& value) {
 
 // ---- FileParamStore --------------------------------------------------------
 
+namespace {
+
+// Runs an operation of the file store; when memory runs out part-way it
+// reports failure instead of throwing (the file is only ever replaced whole,
+// so it keeps its old content).
+template <typename Result, typename Body>
+Result unlessOutOfMemory(Result failure, Body&& body) {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    return failure;
+  }
+}
+
+}  // namespace
+
 FileParamStore::FileParamStore(std::string path) : path_(std::move(path)) {}
 FileParamStore::~FileParamStore() = default;
 
 bool FileParamStore::hasParam(eParam_t id) {
   if (findParam(id) != nullptr) return true;
-  Json doc;
-  return readFile(path_, doc) == FileState::Ok &&
-         cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str());
+  return unlessOutOfMemory(false, [&] {
+    Json doc;
+    return readFile(path_, doc) == FileState::Ok &&
+           cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str()) != nullptr;
+  });
 }
 
 int FileParamStore::setParam(eParam_t id, uint32_t value) {
-  return updateFile(path_, id, cJSON_CreateNumber(static_cast<double>(value)));
+  return unlessOutOfMemory(
+      0, [&] { return updateFile(path_, id, cJSON_CreateNumber(static_cast<double>(value))); });
 }
 
 uint32_t FileParamStore::getParam(eParam_t id) {
@@ -317,46 +339,52 @@ uint32_t FileParamStore::getParam(eParam_t id) {
 
 bool FileParamStore::isTextParam(eParam_t id) {
   if (const ParamInfo* info = findParam(id)) return info->isText;
-  Json doc;
-  if (readFile(path_, doc) != FileState::Ok) return false;
-  return cJSON_IsString(cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str()));
+  return unlessOutOfMemory(false, [&] {
+    Json doc;
+    if (readFile(path_, doc) != FileState::Ok) return false;
+    return static_cast<bool>(cJSON_IsString(cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str())));
+  });
 }
 
 int FileParamStore::getParamValue(eParam_t id, uint32_t& value) {
   const ParamInfo* info = findParam(id);
   if (info != nullptr && info->isText) return 0;
-  Json doc;
-  const FileState state = readFile(path_, doc);
-  if (state == FileState::Bad) return 0;
-  if (state == FileState::Ok) {
-    const cJSON* item = cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str());
-    if (item != nullptr) {
-      if (cJSON_IsString(item)) return 0;
-      if (asValue(item, value)) return 1;
+  return unlessOutOfMemory(0, [&] {
+    Json doc;
+    const FileState state = readFile(path_, doc);
+    if (state == FileState::Bad) return 0;
+    if (state == FileState::Ok) {
+      const cJSON* item = cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str());
+      if (item != nullptr) {
+        if (cJSON_IsString(item)) return 0;
+        if (asValue(item, value)) return 1;
+      }
     }
-  }
-  value = defaultValue(id);
-  return 1;
+    value = defaultValue(id);
+    return 1;
+  });
 }
 
 int FileParamStore::setParamString(eParam_t id, const std::string& text) {
-  return updateFile(path_, id, cJSON_CreateString(text.c_str()));
+  return unlessOutOfMemory(0, [&] { return updateFile(path_, id, cJSON_CreateString(text.c_str())); });
 }
 
 int FileParamStore::getParamString(eParam_t id, std::string& value) {
   const ParamInfo* info = findParam(id);
   if (info != nullptr && !info->isText) return 0;
-  Json doc;
-  const FileState state = readFile(path_, doc);
-  if (state == FileState::Bad) return 0;
-  if (state == FileState::Ok) {
-    const cJSON* item = cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str());
-    if (item != nullptr) {
-      if (!cJSON_IsString(item)) return 0;
-      value = item->valuestring;
-      return 1;
+  return unlessOutOfMemory(0, [&] {
+    Json doc;
+    const FileState state = readFile(path_, doc);
+    if (state == FileState::Bad) return 0;
+    if (state == FileState::Ok) {
+      const cJSON* item = cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str());
+      if (item != nullptr) {
+        if (!cJSON_IsString(item)) return 0;
+        value = item->valuestring;
+        return 1;
+      }
     }
-  }
-  value = defaultText(id);
-  return 1;
+    value = defaultText(id);
+    return 1;
+  });
 }

@@ -3,14 +3,17 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <functional>
+#include <random>
 #include <string>
 
+#include "fail_alloc.h"
 #include "paramstore.h"
 #include "test_support.h"
 
@@ -122,4 +125,92 @@ TEST(FileParamsHostile, ParameterFileAtAndJustPastTheSizeBound) {
   EXPECT_EQ(FileParamStore(path).getParam(eParamTake), 4u);
   writeFile(path, head + std::string(bound + 1 - head.size() - tail.size(), 'x') + tail);
   EXPECT_EQ(FileParamStore(path).getParam(eParamTake), 0u);  // refused as a bad file
+}
+
+// Every allocation of a read and of a write made to fail in turn: nothing
+// throws, a read gives the stored value or nothing, and the file always
+// holds a whole parameter file with the old or the new value.
+TEST(FileParamsHostile, AllocationFailureAtEveryPointNeverThrowsOrTearsTheFile) {
+  if (!vorta_test::allocationFailureAvailable()) GTEST_SKIP() << "a sanitizer owns malloc in this build";
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  writeFile(path, "{\"take\": 3}\n");
+  EXPECT_EQ(inChild([&]() -> int {
+              FileParamStore store(path);
+              for (long budget = 0; budget < 5000; ++budget) {
+                uint32_t value = 0;
+                int stored = -1, read = -1;
+                long refused = 0;
+                {
+                  vorta_test::FailAlloc failing(budget);
+                  read = store.getParamValue(eParamTake, value);
+                  stored = store.setParam(eParamTake, static_cast<uint32_t>(4 + budget % 2));
+                  refused = vorta_test::FailAlloc::failures();
+                }
+                if (read == 1 && value != 3 && value != 4 && value != 5) return 1;
+                const uint32_t now = store.getParam(eParamTake);
+                if (now != 3 && now != 4 && now != 5) return 2;
+                if (stored == 1 && now != static_cast<uint32_t>(4 + budget % 2)) return 3;
+                if (refused == 0) return stored == 1 && read == 1 ? 0 : 4;
+              }
+              return 5;
+            }),
+            0)
+      << "99: an exception escaped";
+}
+
+// With no descriptor left, reads give nothing and writes fail; nothing is
+// written and nothing crashes.
+TEST(FileParamsHostile, NoDescriptorLeftFailsReadsAndWrites) {
+  if (vorta_test::builtWithSanitizer())
+    GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own (it probes memory through a pipe)";
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  writeFile(path, "{\"take\": 3}\n");
+  EXPECT_EQ(inChild([&]() -> int {
+              FileParamStore store(path);
+              const int lowest = dup(0);
+              if (lowest < 0) return 10;
+              close(lowest);
+              struct rlimit limit;
+              if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 11;
+              limit.rlim_cur = static_cast<rlim_t>(lowest);
+              if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 12;
+              uint32_t value = 77;
+              if (store.getParamValue(eParamTake, value) != 0 || value != 77) return 1;
+              if (store.setParam(eParamTake, 9) != 0) return 2;
+              return 0;
+            }),
+            0);
+  EXPECT_EQ(readFile(path), "{\"take\": 3}\n");
+}
+
+// A writer killed at random moments leaves a whole parameter file holding
+// one of the values it wrote.
+TEST(FileParamsHostile, AWriterKilledAtRandomMomentsLeavesAWholeFile) {
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  FileParamStore(path).setParam(eParamTake, 1);
+  std::mt19937 random(777);
+  const int rounds = vorta_test::underEmulation() ? 3 : 10;
+  for (int round = 0; round < rounds; ++round) {
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      FileParamStore store(path);
+      for (uint32_t i = 0;; ++i) store.setParam(eParamTake, 1 + i % 999);
+    }
+    usleep(std::uniform_int_distribution<unsigned>(500, 30000)(random));
+    kill(pid, SIGKILL);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    FileParamStore store(path);
+    uint32_t value = 0;
+    ASSERT_EQ(store.getParamValue(eParamTake, value), 1) << "round " << round << ": " << readFile(path);
+    EXPECT_GE(value, 1u);
+    EXPECT_LE(value, 999u);
+    // The store goes on working.
+    EXPECT_EQ(store.setParam(eParamTake, 5), 1);
+    EXPECT_EQ(store.getParam(eParamTake), 5u);
+  }
 }

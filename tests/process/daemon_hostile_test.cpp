@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 
 #include "child_process.h"
 #include "daemonutils.h"
+#include "fail_alloc.h"
 #include "test_support.h"
 
 namespace {
@@ -71,5 +73,31 @@ TEST(DaemonizerHostile, AStaleLongerPidFileIsCutToTheNewPid) {
   EXPECT_EQ(text.back(), '\n');
   EXPECT_EQ(text.find('\n'), text.size() - 1) << text;
   EXPECT_GT(std::atoi(text.c_str()), 0);
+  unlink(path.c_str());
+}
+
+// With no descriptor left the pid file is skipped; set-up still finishes.
+TEST(DaemonizerHostile, NoDescriptorLeftSkipsThePidFile) {
+  if (!canWritePidFiles()) GTEST_SKIP() << "needs write access to /var/run";
+  if (vorta_test::builtWithSanitizer())
+    GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own (it probes memory through a pipe)";
+  const std::string name = vorta_test::uniqueName("vorta_pidnofd");
+  const std::string path = "/var/run/" + name + ".pid";
+  const pid_t pid = forkChild([&] {
+    program_invocation_short_name = strdup(name.c_str());
+    const int lowest = dup(0);
+    if (lowest < 0) _exit(10);
+    close(lowest);
+    struct rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(11);
+    limit.rlim_cur = static_cast<rlim_t>(lowest);
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(12);
+    Daemonizer::setupSignalHandler(name, nullptr, nullptr, true);
+    _exit(0);
+  });
+  const int status = waitForExit(pid, patience());
+  ASSERT_TRUE(WIFEXITED(status)) << status;
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_FALSE(fileExists(path));
   unlink(path.c_str());
 }
