@@ -2,6 +2,8 @@
 #include "fileutils.h"
 
 #include <cjson/cJSON.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -94,6 +96,30 @@ class MediaBusy {
 struct JsonDeleter {
   void operator()(cJSON* json) const { cJSON_Delete(json); }
 };
+
+// fopen(path, mode) for a mode that reads, except that the open never
+// blocks and only a regular file is accepted (errno EINVAL for others, or
+// EISDIR for a directory); the stream then reads in blocking mode.
+FILE* openRegularForReading(const std::string& path, const char* mode) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return nullptr;
+  struct stat info;
+  int error = 0;
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (::fstat(fd, &info) != 0 || flags == -1)
+    error = errno;
+  else if (!S_ISREG(info.st_mode))
+    error = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+  else if (::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1)
+    error = errno;
+  FILE* file = error == 0 ? ::fdopen(fd, mode) : nullptr;
+  if (file == nullptr) {
+    if (error == 0) error = errno;
+    ::close(fd);
+    errno = error;
+  }
+  return file;
+}
 
 }  // namespace
 
@@ -468,8 +494,10 @@ bool ClipFinder::writePlaylist(std::string& name, std::string& text) {
   const std::string path = dir + "/" + name;
   // The mode is "rw" as the device has always used it: the C library reads
   // only its "r", so the file is opened for reading, a missing file is not
-  // created and the put below leaves an existing file unchanged.
-  FILE* file = std::fopen(path.c_str(), "rw");
+  // created and the put below leaves an existing file unchanged. The open
+  // does not block (a FIFO under the name would wait for a writer), and
+  // anything but a regular file is refused.
+  FILE* file = openRegularForReading(path, "rw");
   if (file == nullptr) {
     std::perror("ClipFinder::writePlaylist - call to zev::utils::file::File::write_file failed");
     return false;

@@ -20,4 +20,7 @@ class CZEVQTFileParams : public CFileParams {
   bool scanFile(const char* path);
 
   bool valid;
+  /// When the scan failed because of the system rather than the file: the
+  /// reader's error (EMFILE, ENFILE, ENOMEM, EIO...); 0 otherwise.
+  int readError;
 };

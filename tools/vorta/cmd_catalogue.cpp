@@ -210,7 +210,7 @@ int runScan(Invocation& in) {
   {
     Progress progress(dir, entries);
     if (in.value("encode-type")) {
-      session.cache().ScanMedia(dir, encodeType);
+      if (session.cache().ScanMedia(dir, encodeType) != 1) throw Failure("the scan of " + dir + " failed");
     } else if (session.finder().scanMedia(dir) != 0) {
       throw Failure("the scan of " + dir + " failed");
     }
