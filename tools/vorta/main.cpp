@@ -9,7 +9,7 @@
 
 namespace {
 
-const char kVersion[] = "0.1.0";
+const char kVersion[] = VORTA_VERSION;
 
 void printMainHelp(std::ostream& out) {
   out << "usage: vorta COMMAND [options] [arguments]\n\n"
