@@ -14,6 +14,7 @@ base=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libpng-dev libavutil-dev
   clang libclang-rt-14-dev clang-format valgrind
+  groff-base man-db dpkg-dev file
 )
 ppc=(
   g++-powerpc-linux-gnu qemu-user-static dpkg-dev

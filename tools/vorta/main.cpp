@@ -2,10 +2,12 @@
 #include <algorithm>
 #include <exception>
 #include <iostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "cli.h"
+#include "docgen.h"
 
 namespace {
 
@@ -45,6 +47,17 @@ int main(int argc, char** argv) {
       return 0;
     }
     printMainHelp(std::cout);
+    return 0;
+  }
+  // Build-time generators of the manual page and the bash completion.
+  if (first == "--man") {
+    std::ostringstream help;
+    printMainHelp(help);
+    vorta::cli::printManPage(std::cout, kVersion, help.str());
+    return 0;
+  }
+  if (first == "--bash-completion") {
+    vorta::cli::printBashCompletion(std::cout);
     return 0;
   }
   if (first == "--version") {
