@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Convenience entry points. Each target installs what is missing first
 # (scripts/install-deps.sh), so they work on a fresh Debian 12 machine.
 #

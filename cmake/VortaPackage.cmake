@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Installation: the library, its headers, a CMake package (find_package(vorta))
 # and a pkg-config file (pkg-config vorta); and the Debian packages made of
 # them (make package): libvorta0 (the runtime libraries), libvorta-dev

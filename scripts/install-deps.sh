@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs the Debian packages vorta needs. Idempotent: packages already
 # present are not touched, and apt is not called at all when nothing is missing.
 #

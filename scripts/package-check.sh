@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs the Debian packages of 'make package' with dpkg -i, checks that
 # they give a working tool, manual page and completion and a library that
 # programs link through find_package and through pkg-config, then removes

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Writes the list of libvorta.so's exported symbols that the test suite
 # checks (tests/symbols/libvorta.PROCESSOR.symbols), after a deliberate
 # change of the library's interface. Run it, look at the diff, commit it.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The manual page and the bash completion the build generates from the tool's
 # command table: the page renders, every command and option is in both, and
 # the completion completes commands, options and their values.

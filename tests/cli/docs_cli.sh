@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # vorta's generated manual page and bash completion, checked against the
 # tool's own help. Usage: docs_cli.sh man|completion DIR VORTA [EMULATOR...]
 # (DIR holds vorta.1 and vorta.bash-completion; the emulator words come first

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A program of another project using the installed library and its parameter service.
 #include <vorta/clip.h>
 #include <vorta/paramstore.h>

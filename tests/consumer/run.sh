@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # Builds and runs a program of another project against an installed libvorta,
 # once through find_package(vorta) and once through pkg-config, each in a
 # clean environment (env -i: no LD_LIBRARY_PATH, no PKG_CONFIG_PATH, no

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # libvorta.so's exported symbols against the committed list of them, so that
 # an accidental export or a lost one fails the suite.
 #

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tool: the manual page and the bash completion, generated from the command table.
 #pragma once
 

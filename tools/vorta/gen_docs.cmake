@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Writes vorta.1 (and vorta.1.gz, compressed as Debian installs manual pages)
 # and vorta.bash-completion into OUT_DIR by running COMMAND (the tool, after
 # the emulator on a cross build) with --man and --bash-completion.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the recorder's console tool. Dispatches to the registered commands.
 #include <algorithm>
 #include <exception>
