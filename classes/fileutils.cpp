@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: ClipFinder (listing, clip names and takes, playlist files), FileUtils, clip record helpers.
 #include "fileutils.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: ClipFinder, the front end through which the recorder's processes see the medium.
 #pragma once
 

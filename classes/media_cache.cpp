@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the shared clip and playlist cache images, their locks, and the playlist file reader.
 #include "media_cache.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the clip catalogue and the playlist cache kept in POSIX shared memory for every process.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: a short text published by one process in POSIX shared memory for any number of readers.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the QuickTime file scanner and CFileParams::create, which picks a scanner by file name.
 #include "zevqtfileparams.h"
 

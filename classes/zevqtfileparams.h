@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the QuickTime file scanner, CZEVQTFileParams, and the factory that picks it.
 #pragma once
 

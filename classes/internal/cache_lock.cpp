@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the lock of one shared cache: named mutex, gate and owner record (see cache_lock.h).
 #include "internal/cache_lock.h"
 

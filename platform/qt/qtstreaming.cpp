@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta platform: the QuickTime movie reader. Every field of the file goes
 // through one bounds-checked big-endian reader; the file is untrusted.
 #include "qtstreaming.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta platform: the QuickTime movie reader (video, audio and timecode track parameters).
 #pragma once
 

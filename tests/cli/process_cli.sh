@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # vorta CLI: shared string and daemon demo, with the long-running commands in
 # the background. Usage: process_cli.sh shm|daemon VORTA [EMULATOR...]
 # (the emulator words come first on the command line that runs vorta).

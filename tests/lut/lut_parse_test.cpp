@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // LUT files read through LUT_Utils::parse: entries stored, counts, and the error texts.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of reading one playlist file: valid files, and every kind of bad file a medium can hold.
 #include <gtest/gtest.h>
 #include <sys/socket.h>

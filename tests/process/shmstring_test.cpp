@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of ShmString: segment layout, bounded text, owner and readers in real processes.
 #include "shmstring.h"
 

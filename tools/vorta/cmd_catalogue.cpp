@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta scan, clips, add, remove: the shared clip catalogue of the medium.
 #include <unistd.h>
 

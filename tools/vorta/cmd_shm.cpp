@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta shm: publish, change and read a text shared between processes.
 #include <signal.h>
 #include <unistd.h>
