@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # vorta scan on a medium holding FIFOs, sockets, directories and links named like clips and
 # playlists: it must finish (under a time limit) with exactly the real clips and playlist.
 find_program(VORTA_BASH bash)

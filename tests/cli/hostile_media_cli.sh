@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # vorta scan of a medium with special files named like clips and playlists:
 # FIFOs (one with a writer that never writes), a bound socket, directories,
 # dangling links, links to a FIFO and to /dev/zero, and a link to a real clip.

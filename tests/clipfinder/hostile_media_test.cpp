@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Hostile media: FIFOs, sockets, directories and links named like clips and playlists, exhausted
 // descriptors and heap, and scans killed part-way; nothing may hang, and a scan that cannot read the
 // whole medium must not publish part of it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The file parameter store against special files: a FIFO, socket or directory as the parameter
 // file, its lock or its temporary file is refused without blocking and never written.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Daemonizer's pid file against special files: a FIFO or directory under the pid file's name is
 // neither blocked on nor written; a stale longer regular file is cut to the new pid.
 #include <errno.h>

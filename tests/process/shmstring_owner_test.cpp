@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of ShmString ownership and hostile cases: a second owner while the first is alive, names
 // left by dead owners, special files in the name's place, exhausted descriptors and heap.
 #include <fcntl.h>

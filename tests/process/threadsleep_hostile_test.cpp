@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ThreadSleep at the ends of its range and in an exhausted process: the largest and smallest
 // intervals, no heap and no descriptor left.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The movie reader against hostile files and an exhausted process: special files named like
 // movies, no descriptor left, allocations failing at every point, the movie-atom cap.
 #include <fcntl.h>

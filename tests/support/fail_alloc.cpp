@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tests: malloc, calloc and realloc that fail on demand, for a test binary that links this.
 #include "fail_alloc.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tests: make the process's heap allocations fail on demand (malloc, calloc and realloc are
 // replaced in a test binary that uses this).
 #pragma once
