@@ -1,7 +1,10 @@
+// SPDX-License-Identifier: MIT
 // vorta: ClipFinder (listing, clip names and takes, playlist files), FileUtils, clip record helpers.
 #include "fileutils.h"
 
 #include <cjson/cJSON.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -94,6 +97,30 @@ class MediaBusy {
 struct JsonDeleter {
   void operator()(cJSON* json) const { cJSON_Delete(json); }
 };
+
+// fopen(path, mode) for a mode that reads, except that the open never
+// blocks and only a regular file is accepted (errno EINVAL for others, or
+// EISDIR for a directory); the stream then reads in blocking mode.
+FILE* openRegularForReading(const std::string& path, const char* mode) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return nullptr;
+  struct stat info;
+  int error = 0;
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (::fstat(fd, &info) != 0 || flags == -1)
+    error = errno;
+  else if (!S_ISREG(info.st_mode))
+    error = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+  else if (::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1)
+    error = errno;
+  FILE* file = error == 0 ? ::fdopen(fd, mode) : nullptr;
+  if (file == nullptr) {
+    if (error == 0) error = errno;
+    ::close(fd);
+    errno = error;
+  }
+  return file;
+}
 
 }  // namespace
 
@@ -328,12 +355,45 @@ int ClipFinder::slaveClipName(std::string& name) {
   return result;
 }
 
+namespace {
+
+// Drops NUL and the other control characters (below 0x20, and 0x7F) from a
+// name taken from a parameter's text: a NUL would end the file name's C
+// string before its take and extension, and a control character has no
+// place in a file name. Says so on standard error when it drops any.
+void dropControlCharacters(std::string& name) {
+  const auto control = [](char c) {
+    const auto u = static_cast<unsigned char>(c);
+    return u < 0x20u || u == 0x7Fu;
+  };
+  const std::string::size_type before = name.size();
+  name.erase(std::remove_if(name.begin(), name.end(), control), name.end());
+  if (name.size() != before)
+    std::fprintf(stderr, "buildClipNameBase(). control characters removed from the clip name\n");
+}
+
+// Whether a clip-name letter (its low byte, as "%c" writes it) can stand in
+// a file name: printable ASCII other than "/".
+bool printableLetter(uint32_t letter) {
+  const unsigned c = letter & 0xFFu;
+  return c >= 0x20u && c < 0x7Fu && c != '/';
+}
+
+}  // namespace
+
 int ClipFinder::buildClipNameBase(std::string& name, bool nextTake) {
-  if (isSlaveUsingMasterClipName()) return slaveClipName(name);
+  if (isSlaveUsingMasterClipName()) {
+    const int result = slaveClipName(name);
+    dropControlCharacters(name);
+    return result;
+  }
 
   if (params->getParam(eParamClipNameSource) - 1u <= 2u) {
     params->getParamString(eParamREDClipName, name);
-    if (name != kInvalidRedName) return 0;
+    if (name != kInvalidRedName) {
+      dropControlCharacters(name);
+      return 0;
+    }
     std::fprintf(stderr, "\nbuildClipNameBase(). clipName == INVALID_RED_DATA_NAME\n");
   }
 
@@ -341,6 +401,7 @@ int ClipFinder::buildClipNameBase(std::string& name, bool nextTake) {
     params->getParamString(eParamCustomClipNameText, name);
     if (params->getParam(eParamCustomTake) == 1)
       name += formatInt("_%d", params->getParam(eParamCustomTakeNumber));
+    dropControlCharacters(name);
     return 0;
   }
 
@@ -354,7 +415,16 @@ int ClipFinder::buildClipNameBase(std::string& name, bool nextTake) {
 
   name = scene != 0 ? "SC" : "Clip";
   if (number != 0) name += formatInt("%d", number);
-  if (letterOn != 0) name += static_cast<char>(letter);
+  // A letter code that is no printable character (0 among them, which
+  // would end the name's C string) is left out, as if the letter were off.
+  if (letterOn != 0) {
+    if (printableLetter(letter))
+      name += static_cast<char>(letter & 0xFFu);
+    else
+      std::fprintf(stderr,
+                   "buildClipNameBase(). clip name letter %u is not a printable character; left out\n",
+                   static_cast<unsigned>(letter));
+  }
   name += "TK";
   name += formatInt("%d", take);
   return 0;
@@ -425,8 +495,10 @@ bool ClipFinder::writePlaylist(std::string& name, std::string& text) {
   const std::string path = dir + "/" + name;
   // The mode is "rw" as the device has always used it: the C library reads
   // only its "r", so the file is opened for reading, a missing file is not
-  // created and the put below leaves an existing file unchanged.
-  FILE* file = std::fopen(path.c_str(), "rw");
+  // created and the put below leaves an existing file unchanged. The open
+  // does not block (a FIFO under the name would wait for a writer), and
+  // anything but a regular file is refused.
+  FILE* file = openRegularForReading(path, "rw");
   if (file == nullptr) {
     std::perror("ClipFinder::writePlaylist - call to zev::utils::file::File::write_file failed");
     return false;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: ClipFinder, the front end through which the recorder's processes see the medium.
 #pragma once
 
@@ -51,6 +52,11 @@ class ClipFinder {
   /// take is possible (the name then has no ".mov").
   int buildClipName(std::string& name, std::list<Clip>* clips);
   /// The name without extension under the schema in force; 0, or -1.
+  /// A built name never holds NUL or another control character: with the
+  /// letter on, a letter code that is not printable ASCII (or is "/"),
+  /// judged by its low byte as "%c" writes it, is left out (SC12TK3 instead
+  /// of SC12?TK3); control characters in the camera, custom or master name
+  /// are removed. Either is said on standard error; the result is unchanged.
   int buildClipNameBase(std::string& name, bool nextTake);
   /// Formats a RED camera's clip name, stores it as the camera clip name and returns it.
   std::string SetREDMetaData(uint8_t camera, uint32_t reel, uint8_t clipLetter, uint32_t clipNumber,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: CRP188, one SMPTE RP188 time code with its text, register words and burn-in.
 #pragma once
 
@@ -183,7 +184,26 @@ class CRP188 {
   std::string GetTimeCodeString(bool withFieldMarker);
 
   // Burn-in.
+  /// Renders the font for frames of this format and size and places the
+  /// eleven cells of time code: centred across, their top row at
+  /// verticalPercent of the height (80 % when 0). Refused (false) are
+  /// formats not listed in VexaFrameBufferFormat, sizes of 0 or less or
+  /// above 8192 on a side, and any size where one of the eleven cells would
+  /// lie outside the frame: a line narrower than eleven cells, or a top row
+  /// (negative, or too low) that leaves less than a glyph's height below it.
+  /// A refusal also drops the previous set-up: BurnTC then returns false and
+  /// draws nothing until a set-up succeeds. A size where the eleven cells
+  /// fit but the field marker's twelfth would not is accepted; see BurnTC.
+  /// When the glyph buffer cannot be allocated the call still returns true
+  /// and builds nothing; BurnTC then draws nothing and returns false.
   bool InitBurnIn(VexaFrameBufferFormat format, SIZE size, int verticalPercent);
+  /// Draws eleven cells (time code, user bits, counter or dashes) into a
+  /// frame of the size set up, pitch bytes per line (at least one line of
+  /// that size). With fieldMarker in a 60/50 format a twelfth cell marks the
+  /// field after the (halved) frame number; where the frame has no room for
+  /// it to the right of the eleven cells the marker is left out and the
+  /// rest is drawn as usual. Nothing is ever drawn outside the frame.
+  /// Returns false, drawing nothing, when burn-in is not set up.
   bool BurnTC(char* frame, int pitch, TimecodeBurnMode mode, int value, bool fieldMarker);
   /// Not supported: always false, draws nothing.
   bool BurnTC(VexaFrameBufferFormat format, SIZE size, unsigned int* frame);
@@ -195,6 +215,8 @@ class CRP188 {
  private:
   void Init();
   void FreeGlyphs();
+  /// Frees the glyphs and forgets the geometry (burnInReady false).
+  void ClearBurnIn();
   void CopyFrom(const CRP188& other);
 
   TimecodeFormat format_;

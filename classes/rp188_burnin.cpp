@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: CRP188 burn-in: the font scaled and converted to a frame-buffer format, drawn into frames.
 #include <climits>
 #include <cstdlib>
@@ -47,6 +48,11 @@ int bytesPerPixel(int32_t format) {
     default:
       return 0;
   }
+}
+
+// Bytes of one line of `width` pixels; V210 truncated toward zero.
+int32_t lineBytesOf(int32_t format, int32_t width) {
+  return format == FBF10BitYCbCr ? width * 16 / 6 : bytesPerPixel(format) * width;
 }
 
 bool supported(int32_t format) { return format == FBF10BitYCbCr || bytesPerPixel(format) != 0; }
@@ -159,9 +165,18 @@ bool CRP188::InitBurnIn(VexaFrameBufferFormat format, SIZE size, int verticalPer
   if (burnInReady_ && glyphs_ != nullptr && fbf == burnFormat_ && size.cy == burnHeight_ &&
       size.cx == burnWidth_)
     return true;
-  if (!supported(fbf)) return false;
+  // From here on the caller wants another set-up: whatever is refused below
+  // must not leave the old one (made for another frame size) in place, or
+  // BurnTC would draw with it into the caller's new frame.
+  if (!supported(fbf)) {
+    ClearBurnIn();
+    return false;
+  }
   // Refuse sizes no frame buffer has, before anything is computed from them.
-  if (size.cx <= 0 || size.cy <= 0 || size.cx > kMaxFrameSide || size.cy > kMaxFrameSide) return false;
+  if (size.cx <= 0 || size.cy <= 0 || size.cx > kMaxFrameSide || size.cy > kMaxFrameSide) {
+    ClearBurnIn();
+    return false;
+  }
   const int32_t width = size.cx;
   const int32_t height = size.cy;
 
@@ -180,20 +195,25 @@ bool CRP188::InitBurnIn(VexaFrameBufferFormat format, SIZE size, int verticalPer
 
   // Where the cells go. With the frame at most 8192 on a side and
   // verticalPercent taken in 64 bits none of this can overflow.
-  const int32_t lineBytes = fbf == FBF10BitYCbCr ? width * 16 / 6 : bytesPerPixel(fbf) * width;
+  const int32_t lineBytes = lineBytesOf(fbf, width);
   int32_t horizontalStart = (lineBytes - kCells * rowBytes) / 2;
   if (fbf == FBF10BitYCbCr && horizontalStart >= 0) horizontalStart &= ~15;
   const int64_t verticalStart64 =
       verticalPercent != 0 ? static_cast<int64_t>(verticalPercent) * height / 100 : int64_t{height} * 8 / 10;
   // The drawing makes no check against the frame, so a geometry that would
-  // put any cell (the field marker's too) outside a frame of this size is
-  // refused here.
-  if (horizontalStart < 0 || horizontalStart + kMaxCells * rowBytes > lineBytes || verticalStart64 < 0 ||
-      verticalStart64 + glyphHeight > height)
+  // put any of the eleven cells outside a frame of this size is refused
+  // here. The field marker's twelfth cell is not needed to accept a size:
+  // BurnTC leaves it out where it would not fit.
+  if (horizontalStart < 0 || horizontalStart + kCells * rowBytes > lineBytes || verticalStart64 < 0 ||
+      verticalStart64 + glyphHeight > height) {
+    ClearBurnIn();
     return false;
+  }
 
+  // The old glyphs and geometry go whatever happens next: they belong to
+  // the previous set-up.
   const bool wasReady = burnInReady_;
-  FreeGlyphs();
+  ClearBurnIn();
   burnInReady_ = wasReady;
   glyphs_ = static_cast<unsigned char*>(
       std::malloc(static_cast<std::size_t>(kFontGlyphs) * static_cast<std::size_t>(glyphSize)));
@@ -244,9 +264,11 @@ bool CRP188::BurnTC(char* frame, int pitch, TimecodeBurnMode mode, int value, bo
   if (!burnInReady_ || glyphs_ == nullptr) return false;
   // A pitch shorter than the frame's lines cannot belong to a frame of the
   // size burn-in was set up for.
-  const int32_t lineBytes =
-      burnFormat_ == FBF10BitYCbCr ? burnWidth_ * 16 / 6 : bytesPerPixel(burnFormat_) * burnWidth_;
+  const int32_t lineBytes = lineBytesOf(burnFormat_, burnWidth_);
   if (frame == nullptr || pitch < lineBytes) return false;
+  // The field marker takes a twelfth cell; where the line has no room for
+  // it (InitBurnIn only made sure of eleven) it is left out.
+  const bool markerFits = burnHorizontalStart_ + kMaxCells * burnRowBytes_ <= lineBytes;
 
   int cells[kMaxCells];
   int* cell = cells;
@@ -275,7 +297,7 @@ bool CRP188::BurnTC(char* frame, int pitch, TimecodeBurnMode mode, int value, bo
       if (i < 2) *cell++ = kGlyphColon;
       if (i == 2) *cell++ = lastSeparator;
     }
-    if (marker >= 0) *cell++ = marker;
+    if (marker >= 0 && markerFits) *cell++ = marker;
   } else if (mode == BurnDashes) {
     // Always colons, drop frame or not.
     for (int i = 0; i < 4; ++i) {
@@ -325,6 +347,17 @@ bool CRP188::BurnTC(char* frame, int pitch, TimecodeBurnMode mode, int value, bo
 }
 
 bool CRP188::BurnTC(VexaFrameBufferFormat, SIZE, unsigned int*) { return false; }
+
+void CRP188::ClearBurnIn() {
+  FreeGlyphs();
+  burnFormat_ = 0;
+  burnHeight_ = 0;
+  burnWidth_ = 0;
+  burnRowBytes_ = 0;
+  burnGlyphHeight_ = 0;
+  burnHorizontalStart_ = 0;
+  burnVerticalStart_ = 0;
+}
 
 bool CRP188::GetBurnInGeometry(BurnInGeometry& geometry) const {
   if (!burnInReady_ || glyphs_ == nullptr) return false;

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs the Debian packages vorta needs. Idempotent: packages already
 # present are not touched, and apt is not called at all when nothing is missing.
 #
@@ -15,6 +16,7 @@ base=(
   libpng-dev libavutil-dev
   python3 python3-jsonschema
   clang libclang-rt-14-dev clang-format valgrind
+  groff-base man-db dpkg-dev file
 )
 ppc=(
   g++-powerpc-linux-gnu qemu-user-static dpkg-dev

@@ -1,5 +1,10 @@
+// SPDX-License-Identifier: MIT
 // vorta: the LUT file parse entry, the UTF-8 check in front of it, and the recognisers' error hooks.
 #include "lut_utils.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
@@ -7,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <sstream>
 #include <type_traits>
 #include <vector>
@@ -82,6 +88,18 @@ class ArenaTokens {
   // touch the tokens after this.
   ~ArenaTokens() {
     if (t_tokenSupply == &supply_) t_tokenSupply = nullptr;
+  }
+  // Maps memory for `count` tokens now, so that a file whose tokens do not
+  // fit fails here (std::bad_alloc) rather than inside the runtime, which
+  // does not survive an allocation that fails. The token stream's table of
+  // them (two pointers a token, doubled as it grows) is tried for too.
+  void reserve(std::size_t count) {
+    if (t_tokenSupply != &supply_ || count == 0) return;
+    const std::size_t bytes = count * sizeof(ANTLR3_COMMON_TOKEN);
+    supply_.arena.deallocate(supply_.arena.allocate(bytes, alignof(ANTLR3_COMMON_TOKEN)), bytes);
+    void* table = std::malloc(2 * count * sizeof(ANTLR3_VECTOR_ELEMENT) + (std::size_t(1) << 20));
+    if (table == nullptr) throw std::bad_alloc();
+    std::free(table);
   }
   ArenaTokens(const ArenaTokens&) = delete;
   ArenaTokens& operator=(const ArenaTokens&) = delete;
@@ -220,21 +238,81 @@ std::string invalidUtf8Message(const std::string& fileName, const uint8_t* data,
   return out.str();
 }
 
-// The whole file, followed by kPadding zero bytes; false when it cannot be read.
-bool readWhole(const std::string& fileName, std::vector<uint8_t>& buffer) {
-  std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(fileName.c_str(), "rb"), &std::fclose);
-  if (!file) return false;
+// Base name of a path, for the messages that name the file.
+std::string baseName(const std::string& path) {
+  const std::size_t slash = path.find_last_of('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// Why readWhole gave no contents.
+enum class ReadResult { Ok, CannotOpen, TooLarge };
+
+// The whole file, followed by kPadding zero bytes. Only a regular file is
+// read: it is opened without blocking, so that a FIFO, socket or device
+// named like a LUT file cannot hang the caller, and refused unless fstat
+// says it is a regular file. A file larger than kMaxLutFileBytes is refused
+// before anything is read; `bytes` then holds its size.
+ReadResult readWhole(const std::string& fileName, std::vector<uint8_t>& buffer, long long& bytes) {
+  const int fd = ::open(fileName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return ReadResult::CannotOpen;
+  struct Closer {
+    int fd;
+    ~Closer() { ::close(fd); }
+  } closer{fd};
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return ReadResult::CannotOpen;
+  bytes = static_cast<long long>(st.st_size);
+  if (st.st_size > static_cast<off_t>(zev::utils::LUT_Utils::kMaxLutFileBytes)) return ReadResult::TooLarge;
+  // A regular file reads the same either way; blocking reads from here on.
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) return ReadResult::CannotOpen;
   buffer.clear();
+  buffer.reserve(static_cast<std::size_t>(st.st_size) + kPadding);
   uint8_t chunk[16384];
   for (;;) {
-    const std::size_t n = std::fread(chunk, 1, sizeof chunk, file.get());
+    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return ReadResult::CannotOpen;
+    if (n == 0) break;
+    // A file that grew after fstat is held to the same bound.
+    if (buffer.size() + static_cast<std::size_t>(n) > zev::utils::LUT_Utils::kMaxLutFileBytes) {
+      bytes = static_cast<long long>(buffer.size()) + n;
+      return ReadResult::TooLarge;
+    }
     buffer.insert(buffer.end(), chunk, chunk + n);
-    if (n < sizeof chunk) break;
   }
-  if (std::ferror(file.get())) return false;
   buffer.insert(buffer.end(), kPadding, 0);
-  return true;
+  return ReadResult::Ok;
 }
+
+// Tokens the lexer will make of the text, counted the way it makes them:
+// one per blank, tab and line-end character, one per run of digits, one per
+// comment; characters that start no token make none.
+std::size_t countTokens(const uint8_t* data, std::size_t size) {
+  std::size_t tokens = 0;
+  std::size_t i = 0;
+  while (i < size) {
+    const uint8_t c = data[i];
+    if (c == '#' || (c == '/' && i + 1 < size && data[i + 1] == '/')) {
+      while (i < size && data[i] != '\n') ++i;
+      ++i;
+      ++tokens;
+    } else if (c >= '0' && c <= '9') {
+      while (i < size && data[i] >= '0' && data[i] <= '9') ++i;
+      ++tokens;
+    } else {
+      if (c == ' ' || c == '\t' || c == '\r' || c == '\n') ++tokens;
+      ++i;
+    }
+  }
+  return tokens;
+}
+
+// Set when a hook or the store action could not get memory; parse() then
+// reports the parse as failed for want of memory.
+bool g_out_of_memory = false;
+// Set once the start rule runs: from then on g_lut_index counts this parse.
+bool g_parse_started = false;
 
 }  // namespace
 
@@ -245,9 +323,16 @@ void lutStoreRecord(ANTLR3_TOKEN_STREAM_struct* tokens, ANTLR3_COMMON_TOKEN_stru
   if (g_lut_index >= g_lut_size) return;  // past the capacity: checked, not stored
   // Reused between records, so that a table costs no allocation per value.
   static std::string red, green, blue;
-  ruleText(tokens, redStart, redStop, red);
-  ruleText(tokens, greenStart, greenStop, green);
-  ruleText(tokens, blueStart, blueStop, blue);
+  // Called from the generated C parser, which no exception may cross.
+  try {
+    ruleText(tokens, redStart, redStop, red);
+    ruleText(tokens, greenStart, greenStop, green);
+    ruleText(tokens, blueStart, blueStop, blue);
+  } catch (const std::bad_alloc&) {
+    g_out_of_memory = true;
+    g_error = 1;
+    return;
+  }
   if (red.empty() || green.empty() || blue.empty()) return;
   g_red_lut[g_lut_index] = lutLow16(std::strtol(red.c_str(), nullptr, 10));
   g_green_lut[g_lut_index] = lutLow16(std::strtol(green.c_str(), nullptr, 10));
@@ -258,6 +343,125 @@ void lutStoreRecord(ANTLR3_TOKEN_STREAM_struct* tokens, ANTLR3_COMMON_TOKEN_stru
 namespace zev {
 namespace utils {
 
+namespace {
+
+// The runtime's objects of one parse, freed in the order the runtime needs
+// (parser, token stream, lexer, input) on every path out, an exception included.
+// The lexer's tokens live in `arena`, which is dropped only after
+// everything that holds them.
+struct RuntimeObjects {
+  pANTLR3_INPUT_STREAM input = nullptr;
+  pLUTLexer lexer = nullptr;
+  std::unique_ptr<ArenaTokens> arena;
+  pANTLR3_COMMON_TOKEN_STREAM tokens = nullptr;
+  pLUTParser parser = nullptr;
+  RuntimeObjects() = default;
+  RuntimeObjects(const RuntimeObjects&) = delete;
+  RuntimeObjects& operator=(const RuntimeObjects&) = delete;
+  ~RuntimeObjects() {
+    if (parser != nullptr) parser->free(parser);
+    if (tokens != nullptr) tokens->free(tokens);
+    if (lexer != nullptr) lexer->free(lexer);
+    arena.reset();
+    if (input != nullptr) input->close(input);
+  }
+};
+
+// A refusal of the whole file before the runtime sees it: reported as a
+// parse error (g_error and the message set), nothing stored.
+bool refuseWhole(const std::string& message, int32_t& count, std::string& errorMessage) {
+  g_lut_index = 0;
+  g_error = 1;
+  g_error_message = message;
+  errorMessage = g_error_message;
+  count = 0;
+  return false;
+}
+
+bool parseChecked(const std::string& fileName, int32_t& count, std::string& errorMessage) {
+  // The runtime reads from a copy of the file held here, so that the bytes
+  // it looks at past the end are ours, and only after the copy has been
+  // checked to be UTF-8: its own decoder takes malformed sequences apart in
+  // ways that can swallow a line end, and with it a whole entry, silently.
+  std::vector<uint8_t> buffer;
+  long long fileBytes = 0;
+  const ReadResult read = readWhole(fileName, buffer, fileBytes);
+  if (read == ReadResult::TooLarge) {
+    std::ostringstream out;
+    out << baseName(fileName) << " : " << fileBytes << " bytes is larger than a LUT file can be (at most "
+        << LUT_Utils::kMaxLutFileBytes << " bytes) - nothing was read\n";
+    return refuseWhole(out.str(), count, errorMessage);
+  }
+  if (read != ReadResult::Ok) {
+    std::fprintf(stderr, "Failed to open file %s\n", fileName.c_str());
+    errorMessage = "Unable to open file";
+    return false;
+  }
+  const std::size_t length = buffer.size() - kPadding;
+  const std::size_t bad = firstInvalidUtf8(buffer.data(), length);
+  if (bad != length)
+    return refuseWhole(invalidUtf8Message(fileName, buffer.data(), bad), count, errorMessage);
+  // The runtime holds every token of the file at once (a few hundred bytes
+  // each); a file of nothing but blanks or line ends would need hundreds of
+  // times its size.
+  const std::size_t tokens = countTokens(buffer.data(), length);
+  if (tokens > LUT_Utils::kMaxLutTokens) {
+    std::ostringstream out;
+    out << baseName(fileName) << " : " << tokens
+        << " blanks, line ends, numbers and comments are more than a LUT file can have (at most "
+        << LUT_Utils::kMaxLutTokens << ") - nothing was read\n";
+    return refuseWhole(out.str(), count, errorMessage);
+  }
+
+  // Text that is all ASCII decodes to the same code points either way; the
+  // runtime's 8-bit reader gives them several times faster than its UTF-8 one.
+  bool ascii = true;
+  for (std::size_t i = 0; i < length && ascii; ++i) ascii = buffer[i] < 0x80u;
+  RuntimeObjects rt;
+  rt.input = antlr3StringStreamNew(buffer.data(), ascii ? ANTLR3_ENC_8BIT : ANTLR3_ENC_UTF8,
+                                   static_cast<ANTLR3_UINT32>(length),
+                                   reinterpret_cast<pANTLR3_UINT8>(const_cast<char*>(fileName.c_str())));
+  if (rt.input == nullptr) {
+    std::fprintf(stderr, "Failed to open file %s\n", fileName.c_str());
+    errorMessage = "Unable to open file";
+    return false;
+  }
+
+  rt.lexer = LUTLexerNew(rt.input);
+  if (rt.lexer == nullptr) {
+    std::fprintf(stderr, "Unable to create the lexer due to malloc() failure1\n");
+    errorMessage = "Internal error - unable to create lexer";
+    return false;
+  }
+
+  rt.arena.reset(new ArenaTokens(rt.lexer->pLexer));
+  rt.arena->reserve(tokens);
+  rt.tokens = antlr3CommonTokenStreamSourceNew(ANTLR3_SIZE_HINT, TOKENSOURCE(rt.lexer));
+  if (rt.tokens == nullptr) {
+    std::fprintf(stderr, "Out of memory trying to allocate token stream\n");
+    errorMessage = "Internal error - out of memory allocating token stream";
+    return false;
+  }
+
+  rt.parser = LUTParserNew(rt.tokens);
+  if (rt.parser == nullptr) {
+    std::fprintf(stderr, "Out of memory trying to allocate parser\n");
+    errorMessage = "Internal error - out of memory allocating parser";
+    return false;
+  }
+
+  g_out_of_memory = false;
+  g_parse_started = true;
+  rt.parser->file(rt.parser);
+  if (g_out_of_memory) throw std::bad_alloc();
+
+  errorMessage = g_error_message;
+  count = g_lut_index;
+  return g_error == 0;
+}
+
+}  // namespace
+
 bool LUT_Utils::parse(const std::string& fileName, int16_t* red, int16_t* green, int16_t* blue, int32_t size,
                       int32_t& count, std::string& errorMessage) {
   g_red_lut = red;
@@ -265,80 +469,26 @@ bool LUT_Utils::parse(const std::string& fileName, int16_t* red, int16_t* green,
   g_blue_lut = blue;
   g_lut_size = size;
   if (red == nullptr || green == nullptr || blue == nullptr || size == 0) return false;
-
-  // The runtime reads from a copy of the file held here, so that the bytes
-  // it looks at past the end are ours, and only after the copy has been
-  // checked to be UTF-8: its own decoder takes malformed sequences apart in
-  // ways that can swallow a line end, and with it a whole entry, silently.
-  std::vector<uint8_t> buffer;
-  if (!readWhole(fileName, buffer) || buffer.size() - kPadding > 0x7FFFFFFFu) {
-    std::fprintf(stderr, "Failed to open file %s\n", fileName.c_str());
-    errorMessage = "Unable to open file";
-    return false;
-  }
-  const std::size_t length = buffer.size() - kPadding;
-  const std::size_t bad = firstInvalidUtf8(buffer.data(), length);
-  if (bad != length) {
-    g_lut_index = 0;
+  g_parse_started = false;
+  try {
+    return parseChecked(fileName, count, errorMessage);
+  } catch (const std::bad_alloc&) {
+    // Memory ran out on the way (the file's copy, a message, an entry's
+    // text): the parse fails, nothing escapes. The texts are short enough
+    // to need no allocation where the strings already have room.
+    std::fprintf(stderr, "Out of memory reading file %s\n", fileName.c_str());
     g_error = 1;
-    g_error_message = invalidUtf8Message(fileName, buffer.data(), bad);
-    errorMessage = g_error_message;
-    count = 0;
+    if (!g_parse_started) g_lut_index = 0;
+    count = g_lut_index;
+    try {
+      g_error_message = "Internal error - out of memory reading file";
+      errorMessage = g_error_message;
+    } catch (const std::bad_alloc&) {
+      g_error_message.clear();
+      errorMessage.clear();
+    }
     return false;
   }
-
-  // Text that is all ASCII decodes to the same code points either way; the
-  // runtime's 8-bit reader gives them several times faster than its UTF-8 one.
-  bool ascii = true;
-  for (std::size_t i = 0; i < length && ascii; ++i) ascii = buffer[i] < 0x80u;
-  pANTLR3_INPUT_STREAM input = antlr3StringStreamNew(
-      buffer.data(), ascii ? ANTLR3_ENC_8BIT : ANTLR3_ENC_UTF8, static_cast<ANTLR3_UINT32>(length),
-      reinterpret_cast<pANTLR3_UINT8>(const_cast<char*>(fileName.c_str())));
-  if (input == nullptr) {
-    std::fprintf(stderr, "Failed to open file %s\n", fileName.c_str());
-    errorMessage = "Unable to open file";
-    return false;
-  }
-
-  pLUTLexer lexer = LUTLexerNew(input);
-  if (lexer == nullptr) {
-    std::fprintf(stderr, "Unable to create the lexer due to malloc() failure1\n");
-    errorMessage = "Internal error - unable to create lexer";
-    input->close(input);
-    return false;
-  }
-
-  // Declared before the streams that hold its tokens: it outlives them on every path.
-  ArenaTokens arenaTokens(lexer->pLexer);
-  pANTLR3_COMMON_TOKEN_STREAM tokens = antlr3CommonTokenStreamSourceNew(ANTLR3_SIZE_HINT, TOKENSOURCE(lexer));
-  if (tokens == nullptr) {
-    std::fprintf(stderr, "Out of memory trying to allocate token stream\n");
-    errorMessage = "Internal error - out of memory allocating token stream";
-    lexer->free(lexer);
-    input->close(input);
-    return false;
-  }
-
-  pLUTParser parser = LUTParserNew(tokens);
-  if (parser == nullptr) {
-    std::fprintf(stderr, "Out of memory trying to allocate parser\n");
-    errorMessage = "Internal error - out of memory allocating parser";
-    tokens->free(tokens);
-    lexer->free(lexer);
-    input->close(input);
-    return false;
-  }
-
-  parser->file(parser);
-
-  errorMessage = g_error_message;
-  count = g_lut_index;
-
-  parser->free(parser);
-  tokens->free(tokens);
-  lexer->free(lexer);
-  input->close(input);
-  return g_error == 0;
 }
 
 void LUT_Utils::reportLexerError(ANTLR3_BASE_RECOGNIZER_struct* recognizer) { reportError(recognizer); }
@@ -346,7 +496,16 @@ void LUT_Utils::reportLexerError(ANTLR3_BASE_RECOGNIZER_struct* recognizer) { re
 void LUT_Utils::reportParserError(ANTLR3_BASE_RECOGNIZER_struct* recognizer) { reportError(recognizer); }
 
 void LUT_Utils::displayLexerRecognitionError(ANTLR3_BASE_RECOGNIZER_struct* recognizer,
-                                             uint8_t** /*tokenNames*/) {
+                                             uint8_t** tokenNames) {
+  // Called from the runtime's C code, which no exception may cross.
+  try {
+    displayLexerError(recognizer, tokenNames);
+  } catch (const std::bad_alloc&) {
+    g_out_of_memory = true;
+  }
+}
+
+void LUT_Utils::displayLexerError(ANTLR3_BASE_RECOGNIZER_struct* recognizer, uint8_t** /*tokenNames*/) {
   pANTLR3_LEXER lexer = static_cast<pANTLR3_LEXER>(recognizer->super);
   pANTLR3_EXCEPTION ex = recognizer->state->exception;
   pANTLR3_INPUT_STREAM input = lexer->input;
@@ -401,6 +560,15 @@ void LUT_Utils::displayLexerRecognitionError(ANTLR3_BASE_RECOGNIZER_struct* reco
 
 void LUT_Utils::displayParserRecognitionError(ANTLR3_BASE_RECOGNIZER_struct* recognizer,
                                               uint8_t** tokenNames) {
+  // Called from the runtime's C code, which no exception may cross.
+  try {
+    displayParserError(recognizer, tokenNames);
+  } catch (const std::bad_alloc&) {
+    g_out_of_memory = true;
+  }
+}
+
+void LUT_Utils::displayParserError(ANTLR3_BASE_RECOGNIZER_struct* recognizer, uint8_t** tokenNames) {
   pANTLR3_EXCEPTION ex = recognizer->state->exception;
   std::ostringstream out;
 

@@ -1,5 +1,8 @@
+// SPDX-License-Identifier: MIT
 // Burn-in geometry: scales, glyph row bytes, start positions, and the sizes and formats refused.
 #include <gtest/gtest.h>
+
+#include <cstdint>
 
 #include "burnin_support.h"
 #include "rp188.h"
@@ -118,18 +121,47 @@ TEST(BurnInGeometry, AbsurdSizesAreRefused) {
 }
 
 // The drawing itself makes no check against the frame, so a geometry that
-// would put a cell (the field marker's twelfth included) outside a frame of
-// the given size is refused.
+// would put one of the eleven cells outside a frame of the given size is
+// refused; one where only the field marker's twelfth would not fit is not.
 TEST(BurnInGeometry, CellsThatWouldLeaveTheFrameAreRefused) {
-  CRP188 tc(0u, TCFormat30fps);
-  EXPECT_FALSE(tc.InitBurnIn(FBF8BitYCbCr, SIZE{1920, 1080}, 91));  // 982 + 108 > 1080
-  EXPECT_FALSE(tc.InitBurnIn(FBF8BitYCbCr, SIZE{1920, 1080}, -1));
-  EXPECT_FALSE(tc.InitBurnIn(FBF8BitYCbCr, SIZE{1920, 1080}, 2000000000));
-  EXPECT_FALSE(tc.InitBurnIn(FBF8BitYCbCr, SIZE{1920, 1080}, INT32_MIN));
-  EXPECT_FALSE(tc.InitBurnIn(FBF8BitYCbCr, SIZE{200, 486}, 0));  // narrower than eleven cells
-  EXPECT_FALSE(tc.InitBurnIn(FBF8BitYCbCr, SIZE{311, 486}, 0));  // eleven fit, the marker would not
-  EXPECT_TRUE(tc.InitBurnIn(FBF8BitYCbCr, SIZE{312, 486}, 0));   // (624 - 528) / 2 + 12 x 48 = 624
-  EXPECT_FALSE(tc.InitBurnIn(FBF8BitYCbCr, SIZE{1920, 30}, 0));  // shorter than a glyph
+  // A fresh object each time: a second call with the same size returns at once.
+  const auto accepts = [](int width, int height, int verticalPercent) {
+    CRP188 tc(0u, TCFormat30fps);
+    return tc.InitBurnIn(FBF8BitYCbCr, SIZE{width, height}, verticalPercent);
+  };
+  EXPECT_FALSE(accepts(1920, 1080, 91));  // 982 + 108 > 1080
+  EXPECT_TRUE(accepts(1920, 1080, 90));   // 972 + 108 = 1080
+  EXPECT_FALSE(accepts(1920, 1080, -1));
+  EXPECT_FALSE(accepts(1920, 1080, 2000000000));
+  EXPECT_FALSE(accepts(1920, 1080, INT32_MIN));
+  EXPECT_FALSE(accepts(200, 486, 0));   // narrower than eleven cells
+  EXPECT_FALSE(accepts(263, 486, 0));   // 526 bytes, eleven cells take 528
+  EXPECT_TRUE(accepts(264, 486, 0));    // eleven fit exactly
+  EXPECT_TRUE(accepts(311, 486, 0));    // eleven fit, the marker would not
+  EXPECT_TRUE(accepts(312, 486, 0));    // (624 - 528) / 2 + 12 x 48 = 624
+  EXPECT_FALSE(accepts(1920, 30, 0));   // shorter than a glyph
+  EXPECT_FALSE(accepts(1920, 175, 0));  // 140 + 36 > 175
+  EXPECT_TRUE(accepts(1920, 176, 0));   // 140 + 36 = 176
+}
+
+// Eleven 8-bit cells of 48 bytes fill a 264-pixel line exactly: accepted,
+// with the first cell at byte 0.
+TEST(BurnInGeometry, EightBitAt264x486FitsElevenCellsExactly) {
+  const BurnInGeometry g = geometryOf({FBF8BitYCbCr, 264, 486, 0, 0, 0, 0, 0});
+  EXPECT_EQ(g.rowBytes, 48);
+  EXPECT_EQ(g.glyphHeight, 36);
+  EXPECT_EQ(g.horizontalStart, 0);  // (528 - 528) / 2
+  EXPECT_EQ(g.verticalStart, 388);  // 486 x 8 / 10
+}
+
+// V210 at 577 x 2160: 1538 line bytes, eleven cells of 128 take 1408 from
+// byte 64 (65 rounded down to 16); the twelfth would end at 1600.
+TEST(BurnInGeometry, V210At577x2160AcceptedWithoutRoomForTheMarker) {
+  const BurnInGeometry g = geometryOf({FBF10BitYCbCr, 577, 2160, 0, 0, 0, 0, 0});
+  EXPECT_EQ(g.rowBytes, 128);
+  EXPECT_EQ(g.glyphHeight, 108);
+  EXPECT_EQ(g.horizontalStart, 64);
+  EXPECT_EQ(g.verticalStart, 1728);
 }
 
 TEST(BurnInGeometry, SecondInitWithTheSameArgumentsReturnsAtOnce) {
@@ -162,16 +194,34 @@ TEST(BurnInGeometry, AnotherFormatRebuilds) {
   EXPECT_EQ(g.verticalStart, 576);
 }
 
-// A refused set-up leaves the previous one in place.
-TEST(BurnInGeometry, RefusedInitKeepsThePreviousSetUp) {
-  CRP188 tc(0u, TCFormat30fps);
-  ASSERT_TRUE(tc.InitBurnIn(FBFARGB, SIZE{1920, 1080}, 0));
-  EXPECT_FALSE(tc.InitBurnIn(FBF10BitRGB, SIZE{1920, 1080}, 99));
-  EXPECT_FALSE(tc.InitBurnIn(static_cast<VexaFrameBufferFormat>(4), SIZE{1920, 1080}, 0));
-  BurnInGeometry g{};
-  ASSERT_TRUE(tc.GetBurnInGeometry(g));
-  EXPECT_EQ(g.format, 2);
-  EXPECT_EQ(g.rowBytes, 288);
+// A refused set-up drops the previous one, whatever was refused: the old
+// geometry belongs to another frame size (or format) than the one the
+// caller now draws into.
+TEST(BurnInGeometry, RefusedInitDropsThePreviousSetUp) {
+  const struct {
+    VexaFrameBufferFormat format;
+    SIZE size;
+    int verticalPercent;
+  } refusals[] = {{FBF10BitRGB, {1920, 1080}, 99},
+                  {static_cast<VexaFrameBufferFormat>(4), {1920, 1080}, 0},
+                  {FBFARGB, {263, 486}, 0},
+                  {FBFARGB, {0, 1080}, 0},
+                  {FBFARGB, {1920, 8193}, 0}};
+  for (const auto& r : refusals) {
+    CRP188 tc(0u, TCFormat30fps);
+    ASSERT_TRUE(tc.InitBurnIn(FBFARGB, SIZE{1920, 1080}, 0));
+    EXPECT_FALSE(tc.InitBurnIn(r.format, r.size, r.verticalPercent)) << r.size.cx << "x" << r.size.cy;
+    BurnInGeometry g{};
+    EXPECT_FALSE(tc.GetBurnInGeometry(g)) << r.size.cx << "x" << r.size.cy;
+    burnin_test::Frame f(FBFARGB, 1920, 1080);
+    EXPECT_FALSE(tc.BurnTC(f.data(), f.pitch, BurnTimecode, 0, false));
+    EXPECT_TRUE(f.bytes == f.original);
+    // The same set-up as before the refusal is built again from scratch.
+    ASSERT_TRUE(tc.InitBurnIn(FBFARGB, SIZE{1920, 1080}, 0));
+    ASSERT_TRUE(tc.GetBurnInGeometry(g));
+    EXPECT_EQ(g.rowBytes, 288);
+    EXPECT_EQ(g.horizontalStart, 2256);
+  }
 }
 
 TEST(BurnInGeometry, CopiesCarryTheirOwnGlyphs) {

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The tool's face, one test per habit: reads without side effects, exit
 # statuses, one JSON vocabulary, scans that say what they did, remove and
 # playlist create, ranges, pictures, help and version.

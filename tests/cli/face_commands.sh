@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Commands that used to surprise: remove says which clip went and --exact
 # refuses ambiguous names; playlist create writes a new one-line playlist
 # at once; ".playlist" is added where a name lacks it; absolute paths inside

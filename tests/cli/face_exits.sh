@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Exit statuses: 0 success, 1 failure (missing medium, no such clip, refused
 # file, output write error), 2 usage. The tool's own messages are one line
 # "vorta CMD: ..." on standard error; LUT parse errors give a FILE:LINE:COLUMN

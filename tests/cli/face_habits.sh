@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Habits: the top help names 'vorta help COMMAND'; -V, --version and version
 # print the version; a typo of a command, an option or an action gets a
 # "did you mean".

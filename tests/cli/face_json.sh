@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # One vocabulary: every command that prints a result has --json, and every
 # --json output matches the command's schema in docs/json/ with lowerCamelCase
 # keys; scan modes, rates and times read the same in tables and in JSON.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Pictures: the LUT plot has labelled axes with the table's bit depth, tick
 # values and a legend, and keeps equal curves visible; burn --field-marker
 # centres its twelve cells and names the marker in its summary.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Values outside the format's or the table's range are usage errors (exit 2);
 # --unchecked passes them to the library to show its own wrapping.
 . "$(dirname "$0")/face/common.sh"

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Commands that only read never create a segment or a mutex: a missing
 # catalogue is one line and exit status 1. The demo keeps to caches and a
 # parameter file of its own.

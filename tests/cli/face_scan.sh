@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Scans say what they did: the files taken and each file left out with its
 # reason, in the table and in JSON; progress on a terminal only; a medium
 # larger than the segment names the command that makes room; an "All Clips"

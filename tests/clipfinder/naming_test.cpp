@@ -1,6 +1,8 @@
+// SPDX-License-Identifier: MIT
 // Tests of clip names and takes: the four schemas, take rules, slave names, rollover names.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <stdexcept>
 
 #include "clipfinder_support.h"
@@ -293,6 +295,78 @@ TEST_F(Naming, RolloverIndexOfANameWithNeitherPlusNorDotThrows) {
   } catch (const std::out_of_range& e) {
     EXPECT_EQ(std::string(e.what()).rfind("basic_string::substr", 0), 0u) << e.what();
   }
+}
+
+// ---- codes that are no characters
+
+// Letter code 0 used to put a NUL into the name ("Clip\0TK1.mov", whose C
+// string is "Clip"). A letter code that is not a printable character is
+// left out, with a line on standard error, in every standard name.
+TEST_F(Naming, LetterCodeZeroIsLeftOut) {
+  params.setParam(eParamClipNameLetterOn, 1);
+  params.setParam(eParamClipNameLetter, 0);
+  params.setParam(eParamTake, 1);
+  testing::internal::CaptureStderr();
+  std::string name;
+  EXPECT_EQ(finder.buildClipName(name, nullptr), 0);
+  EXPECT_EQ(name, "ClipTK1.mov");
+  EXPECT_EQ(name.size(), std::strlen(name.c_str()));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "buildClipNameBase(). clip name letter 0 is not a printable character; left out\n");
+}
+
+TEST_F(Naming, LettersThatAreNoPrintableCharacterAreLeftOut) {
+  params.setParam(eParamClipNameScene, 1);
+  params.setParam(eParamClipNameNumber, 12);
+  params.setParam(eParamClipNameLetterOn, 1);
+  params.setParam(eParamTake, 3);
+  const struct {
+    uint32_t letter;
+    const char* name;
+  } cases[] = {
+      {0, "SC12TK3"},    {1, "SC12TK3"},    {'\n', "SC12TK3"}, {0x1F, "SC12TK3"},  {0x7F, "SC12TK3"},
+      {0x80, "SC12TK3"}, {0xFF, "SC12TK3"}, {'/', "SC12TK3"},  {0x100, "SC12TK3"}, {' ', "SC12 TK3"},
+      {'!', "SC12!TK3"}, {'A', "SC12ATK3"}, {'Z', "SC12ZTK3"}, {'~', "SC12~TK3"},  {0x141, "SC12ATK3"},
+  };
+  for (const auto& c : cases) {
+    params.setParam(eParamClipNameLetter, c.letter);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(base(), c.name) << "letter " << c.letter;
+    testing::internal::GetCapturedStderr();
+  }
+}
+
+// The same for the other schemas: control characters in the custom, camera
+// and master names are removed, so the take and extension always follow.
+TEST_F(Naming, ControlCharactersLeaveEverySchemasName) {
+  params.setParam(eParamTake, 2);
+  testing::internal::CaptureStderr();
+  params.setParam(eParamCustomClipName, 1);
+  params.setParamString(eParamCustomClipNameText, std::string("Inter\0vi\tew\n", 13));
+  params.setParam(eParamCustomTake, 1);
+  params.setParam(eParamCustomTakeNumber, 4);
+  EXPECT_EQ(base(), "Interview_4");
+  std::string name;
+  EXPECT_EQ(finder.buildClipName(name, nullptr), 0);
+  EXPECT_EQ(name, "Interview_4.mov");
+
+  params.setParam(eParamClipNameSource, 1);
+  params.setParamString(eParamREDClipName, std::string("A001\x01_C003\0_0725XY\x7F", 20));
+  EXPECT_EQ(base(), "A001_C003_0725XY");
+  EXPECT_EQ(finder.buildClipName(name, nullptr), 0);
+  EXPECT_EQ(name, "A001_C003_0725XY.mov");
+
+  // A camera letter 0 formats as nothing at all (the text ends there).
+  params.setParamString(eParamREDClipName, finder.SetREDMetaData('A', 1, 0, 3, 725, 'X', 'Y'));
+  EXPECT_EQ(base(), "A001_");
+
+  params.setParam(eParamClipNameSource, 0);
+  params.setParam(eParamCustomClipName, 0);
+  slave(std::string("A0\r01TK3", 8));
+  EXPECT_EQ(base(), "A001TK3");
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("buildClipNameBase(). control characters removed from the clip name\n"),
+            std::string::npos);
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta scan, clips, add, remove: the shared clip catalogue of the medium.
 #include <sys/stat.h>
 #include <unistd.h>
@@ -297,7 +298,7 @@ int runScan(Invocation& in) {
   try {
     Progress progress(dir, names);
     if (in.value("encode-type")) {
-      session.cache().ScanMedia(dir, encodeType);
+      if (session.cache().ScanMedia(dir, encodeType) != 1) throw Failure("the scan of " + dir + " failed");
     } else if (session.finder().scanMedia(dir) != 0) {
       throw Failure("the scan of " + dir + " failed");
     }

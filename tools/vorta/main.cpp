@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the recorder's console tool. Dispatches to the registered commands.
 #include <algorithm>
 #include <cerrno>
@@ -5,14 +6,16 @@
 #include <cstring>
 #include <exception>
 #include <iostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "cli.h"
+#include "docgen.h"
 
 namespace {
 
-const char kVersion[] = "0.1.0";
+const char kVersion[] = VORTA_VERSION;
 
 void printMainHelp(std::ostream& out) {
   out << "usage: vorta COMMAND [options] [arguments]\n\n"
@@ -69,6 +72,17 @@ int dispatch(std::vector<std::string> words) {
       return 0;
     }
     printMainHelp(std::cout);
+    return 0;
+  }
+  // Build-time generators of the manual page and the bash completion.
+  if (first == "--man") {
+    std::ostringstream help;
+    printMainHelp(help);
+    vorta::cli::printManPage(std::cout, kVersion, help.str());
+    return 0;
+  }
+  if (first == "--bash-completion") {
+    vorta::cli::printBashCompletion(std::cout);
     return 0;
   }
   if (first == "--version" || first == "-V" || first == "version") {

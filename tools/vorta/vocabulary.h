@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tool: the one way every command writes scan modes, frame rates and
 // times, in tables and in JSON alike.
 #pragma once

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Shared by the face_*.sh tests: the tool under test, a work directory, a
 # parameter file and caches of their own, removed at the end.
 #   face_X.sh VORTA DATA_DIR SOURCE_DIR [EMULATOR...]

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Reads the 8-bit RGB PNGs vorta writes and answers what the picture tests ask.
 
     png_check.py colours FILE        pixels near the plot's red, green, blue and text colours

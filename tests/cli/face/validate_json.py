@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Checks a vorta --json output (standard input) against its committed schema
 and the tool's key style: every key of the tool's own is lowerCamelCase; the
 clip attribute blocks ("attributes") keep their own keys as data.
