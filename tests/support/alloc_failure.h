@@ -1,0 +1,25 @@
+// vorta tests: make the Nth allocation of the process fail, to see a unit return its failure instead of aborting.
+#pragma once
+
+namespace vorta_test {
+
+/// From now on, the nth call (1 = the next) of malloc, calloc, realloc,
+/// posix_memalign, aligned_alloc or memalign returns null (sets ENOMEM),
+/// and so does every later one when `andAfter` is true. operator new, which
+/// takes its memory from malloc, then throws std::bad_alloc. Only test
+/// binaries linked with this helper are affected.
+void failAllocation(long n, bool andAfter = false);
+/// Allocations succeed again; returns how many failed since failAllocation.
+long stopFailingAllocations();
+
+/// Fails allocations from the nth on for the life of the object.
+class AllocationFailure {
+ public:
+  explicit AllocationFailure(long n, bool andAfter = true) { failAllocation(n, andAfter); }
+  ~AllocationFailure() { stopFailingAllocations(); }
+  AllocationFailure(const AllocationFailure&) = delete;
+  AllocationFailure& operator=(const AllocationFailure&) = delete;
+  long failed() const;
+};
+
+}  // namespace vorta_test
