@@ -2,10 +2,12 @@
 #include "alloc_failure.h"
 
 #include <dlfcn.h>
+#include <link.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 namespace {
@@ -17,7 +19,31 @@ std::atomic<bool> g_andAfter{false};
 std::atomic<bool> g_failing{false};  // past the nth, with andAfter
 std::atomic<long> g_failed{0};
 
-bool shouldFail() {
+// Code ranges (executable segments of one shared object) whose calls are
+// passed on untouched and not counted; see exemptCallersIn.
+struct Range {
+  std::uintptr_t low, high;
+};
+constexpr int kMaxRanges = 8;
+Range g_exempt[kMaxRanges];
+std::atomic<int> g_exemptCount{0};
+std::atomic<long> g_exemptCalls{0};
+
+bool exempt(const void* caller) {
+  const auto at = reinterpret_cast<std::uintptr_t>(caller);
+  const int n = g_exemptCount.load(std::memory_order_acquire);
+  for (int i = 0; i < n; ++i)
+    if (at >= g_exempt[i].low && at < g_exempt[i].high) {
+      ++g_exemptCalls;
+      return true;
+    }
+  return false;
+}
+
+bool shouldFail(const void* caller) {
+  if (g_countdown.load(std::memory_order_relaxed) == 0 && !g_failing.load(std::memory_order_relaxed))
+    return false;
+  if (exempt(caller)) return false;
   if (g_failing.load(std::memory_order_relaxed)) {
     ++g_failed;
     return true;
@@ -91,7 +117,7 @@ extern "C" {
 
 void* malloc(std::size_t n) {
   if (!resolve()) return bootstrapAlloc(n);
-  if (shouldFail()) {
+  if (shouldFail(__builtin_return_address(0))) {
     errno = ENOMEM;
     return nullptr;
   }
@@ -103,7 +129,7 @@ void* calloc(std::size_t count, std::size_t n) {
     void* p = bootstrapAlloc(count * n);  // static memory is zero
     return p;
   }
-  if (shouldFail()) {
+  if (shouldFail(__builtin_return_address(0))) {
     errno = ENOMEM;
     return nullptr;
   }
@@ -113,10 +139,11 @@ void* calloc(std::size_t count, std::size_t n) {
 void* realloc(void* p, std::size_t n) {
   if (!resolve() || inBootstrap(p)) {
     void* q = resolve() ? g_real.malloc(n) : bootstrapAlloc(n);
-    if (q != nullptr && p != nullptr) std::memmove(q, p, n);  // bootstrap blocks are small and never moved twice
+    if (q != nullptr && p != nullptr)
+      std::memmove(q, p, n);  // bootstrap blocks are small and never moved twice
     return q;
   }
-  if (shouldFail()) {
+  if (shouldFail(__builtin_return_address(0))) {
     errno = ENOMEM;
     return nullptr;
   }
@@ -125,13 +152,13 @@ void* realloc(void* p, std::size_t n) {
 
 int posix_memalign(void** out, std::size_t align, std::size_t n) {
   if (!resolve()) return ENOMEM;
-  if (shouldFail()) return ENOMEM;
+  if (shouldFail(__builtin_return_address(0))) return ENOMEM;
   return g_real.posix_memalign(out, align, n);
 }
 
 void* aligned_alloc(std::size_t align, std::size_t n) {
   if (!resolve()) return nullptr;
-  if (shouldFail()) {
+  if (shouldFail(__builtin_return_address(0))) {
     errno = ENOMEM;
     return nullptr;
   }
@@ -140,7 +167,7 @@ void* aligned_alloc(std::size_t align, std::size_t n) {
 
 void* memalign(std::size_t align, std::size_t n) {
   if (!resolve()) return nullptr;
-  if (shouldFail()) {
+  if (shouldFail(__builtin_return_address(0))) {
     errno = ENOMEM;
     return nullptr;
   }
@@ -169,6 +196,46 @@ long stopFailingAllocations() {
   g_failing.store(false);
   return g_failed.load();
 }
+
+namespace {
+
+struct FindObject {
+  std::uintptr_t address;
+  int found;
+};
+
+int collectRanges(struct dl_phdr_info* info, std::size_t, void* data) {
+  auto* find = static_cast<FindObject*>(data);
+  bool contains = false;
+  for (int i = 0; i < info->dlpi_phnum; ++i) {
+    const ElfW(Phdr)& ph = info->dlpi_phdr[i];
+    if (ph.p_type != PT_LOAD) continue;
+    const std::uintptr_t low = info->dlpi_addr + ph.p_vaddr;
+    if (find->address >= low && find->address < low + ph.p_memsz) contains = true;
+  }
+  if (!contains) return 0;
+  for (int i = 0; i < info->dlpi_phnum && find->found < kMaxRanges; ++i) {
+    const ElfW(Phdr)& ph = info->dlpi_phdr[i];
+    if (ph.p_type != PT_LOAD || (ph.p_flags & PF_X) == 0) continue;
+    const std::uintptr_t low = info->dlpi_addr + ph.p_vaddr;
+    g_exempt[find->found++] = Range{low, low + ph.p_memsz};
+  }
+  return 1;
+}
+
+}  // namespace
+
+bool exemptCallersIn(const void* codeAddress) {
+  g_exemptCount.store(0, std::memory_order_release);
+  g_exemptCalls.store(0);
+  if (codeAddress == nullptr) return true;
+  FindObject find{reinterpret_cast<std::uintptr_t>(codeAddress), 0};
+  dl_iterate_phdr(collectRanges, &find);
+  g_exemptCount.store(find.found, std::memory_order_release);
+  return find.found > 0;
+}
+
+long exemptedCalls() { return g_exemptCalls.load(); }
 
 long AllocationFailure::failed() const { return g_failed.load(); }
 

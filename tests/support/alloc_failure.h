@@ -1,4 +1,5 @@
-// vorta tests: make the Nth allocation of the process fail, to see a unit return its failure instead of aborting.
+// vorta tests: make the Nth allocation of the process fail, to see a unit return its failure instead of
+// aborting.
 #pragma once
 
 namespace vorta_test {
@@ -11,6 +12,16 @@ namespace vorta_test {
 void failAllocation(long n, bool andAfter = false);
 /// Allocations succeed again; returns how many failed since failAllocation.
 long stopFailingAllocations();
+
+/// Allocations called directly from the shared object whose code holds
+/// codeAddress (null: none) are never failed nor counted towards the nth:
+/// for a library that does not check its allocations, so that the
+/// failures land only in the code under test. False when no object holds
+/// the address.
+bool exemptCallersIn(const void* codeAddress);
+/// Calls passed on by exemptCallersIn since it was last called, while
+/// failures were armed.
+long exemptedCalls();
 
 /// Fails allocations from the nth on for the life of the object.
 class AllocationFailure {
