@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -352,9 +353,33 @@ bool printableLetter(uint32_t letter) {
   return c >= 0x20u && c < 0x7Fu && c != '/';
 }
 
+// Runs build (a name's construction); when memory runs out on the way
+// (reading a parameter's text, the listing a slave name consults, the
+// name itself) the name is cleared and -1 returned with a line on standard
+// error, so that std::bad_alloc never leaves the naming calls.
+template <typename Build>
+int outOfMemoryGivesMinusOne(const char* who, std::string& name, Build build) {
+  try {
+    return build();
+  } catch (const std::bad_alloc&) {
+    name.clear();
+    std::fprintf(stderr, "%s. out of memory building the clip name\n", who);
+    return -1;
+  }
+}
+
 }  // namespace
 
 int ClipFinder::buildClipNameBase(std::string& name, bool nextTake) {
+  return outOfMemoryGivesMinusOne("buildClipNameBase()", name,
+                                  [&]() { return composeClipNameBase(name, nextTake); });
+}
+
+int ClipFinder::buildClipName(std::string& name, std::list<Clip>* clips) {
+  return outOfMemoryGivesMinusOne("buildClipName()", name, [&]() { return composeClipName(name, clips); });
+}
+
+int ClipFinder::composeClipNameBase(std::string& name, bool nextTake) {
   if (isSlaveUsingMasterClipName()) {
     const int result = slaveClipName(name);
     dropControlCharacters(name);
@@ -403,16 +428,21 @@ int ClipFinder::buildClipNameBase(std::string& name, bool nextTake) {
   return 0;
 }
 
-int ClipFinder::buildClipName(std::string& name, std::list<Clip>* clips) {
+int ClipFinder::composeClipName(std::string& name, std::list<Clip>* clips) {
   const bool overwrite = allowOverwriteOfExistingClips();
   const bool custom = useCustomClipTake(overwrite);
   int result = 0;
   if (!overwrite) {
     const uint32_t current = params->getParam(custom ? eParamCustomTakeNumber : eParamTake);
-    const int last = clips != nullptr ? getLastMatchingTakeInList(*clips, custom, std::string()) : 0;
+    // The schema's name is built here rather than inside the take search,
+    // so that running out of memory while building it fails this call
+    // instead of leaving the search with no name and so no take found.
+    std::string schema;
+    if (clips != nullptr && !clips->empty()) composeClipNameBase(schema, false);
+    const int last = clips != nullptr ? getLastMatchingTakeInList(*clips, custom, schema) : 0;
     if (last == static_cast<int>(current)) result = last == kHighestTake ? -1 : 0;
   }
-  const int base = buildClipNameBase(name, false);
+  const int base = composeClipNameBase(name, false);
   if (base != 0) return base;
   if (result != 0) return result;
   name += ".mov";
