@@ -17,16 +17,19 @@
 #include "rp188.h"
 #include "test_support.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
-#endif
-
 namespace {
 
 using vorta_test::AllocationFailure;
 
+class AllocFailure : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (const char* why = vorta_test::allocationFailureUnavailable()) GTEST_SKIP() << why;
+  }
+};
+
 // The helper itself: the nth allocation fails, the others do not.
-TEST(AllocFailure, NthAllocationFails) {
+TEST_F(AllocFailure, NthAllocationFails) {
   void* a;
   void* b;
   void* c;
@@ -45,7 +48,7 @@ TEST(AllocFailure, NthAllocationFails) {
 
 // Burn-in with no memory for the glyphs: InitBurnIn returns true and builds
 // nothing; BurnTC returns false and leaves the frame alone.
-TEST(AllocFailure, BurnInWithoutMemoryDrawsNothing) {
+TEST_F(AllocFailure, BurnInWithoutMemoryDrawsNothing) {
   CRP188 tc(1, 2, 3, 4, TCFormat30fps);
   std::vector<char> frame(1440 * 486, 0x5A);
   bool init, burnt, geometry;
@@ -66,7 +69,7 @@ TEST(AllocFailure, BurnInWithoutMemoryDrawsNothing) {
 }
 
 // A copy that cannot get memory for its glyphs has no burn-in of its own.
-TEST(AllocFailure, CopyWithoutMemoryHasNoBurnIn) {
+TEST_F(AllocFailure, CopyWithoutMemoryHasNoBurnIn) {
   CRP188 tc(1, 2, 3, 4, TCFormat30fps);
   ASSERT_TRUE(tc.InitBurnIn(FBF8BitYCbCr, SIZE{720, 486}, 0));
   bool copyGeometry;
@@ -82,7 +85,7 @@ TEST(AllocFailure, CopyWithoutMemoryHasNoBurnIn) {
 
 // Time code values and their text need no allocation at all: with every
 // allocation failing they still work.
-TEST(AllocFailure, TimecodeTextNeedsNoAllocation) {
+TEST_F(AllocFailure, TimecodeTextNeedsNoAllocation) {
   char text[32] = {};
   unsigned int frames = 0;
   long failed;
@@ -137,13 +140,13 @@ void lutParseUnderEachFailure(const std::string& text, bool expectedResult, int3
   EXPECT_EQ(r.absorbed + r.failedCleanly, r.runs - 1) << "allocations whose failure went wrong:" << r.what;
 }
 
-TEST(AllocFailure, LutParseWithEachAllocationFailing) {
+TEST_F(AllocFailure, LutParseWithEachAllocationFailing) {
   lutParseUnderEachFailure("0 0 0\n1023 1023 1023\n", true, 2);
 }
 
 // The same with a lexer error and a parser error in the file: the error
 // hooks compose their messages under failing allocations too.
-TEST(AllocFailure, LutParseOfABadFileWithEachAllocationFailing) {
+TEST_F(AllocFailure, LutParseOfABadFileWithEachAllocationFailing) {
   lutParseUnderEachFailure("# two rows\n0 0 0\n1 2 x\n4 5\n6 7 8\n", false, 2);
 }
 

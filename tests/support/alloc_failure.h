@@ -4,6 +4,10 @@
 
 namespace vorta_test {
 
+/// Null where allocations can be made to fail; else why they cannot (a
+/// test skips with it).
+const char* allocationFailureUnavailable();
+
 /// From now on, the nth call (1 = the next) of malloc, calloc, realloc,
 /// posix_memalign, aligned_alloc or memalign returns null (sets ENOMEM),
 /// and so does every later one when `andAfter` is true. operator new, which
