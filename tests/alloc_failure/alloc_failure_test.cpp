@@ -83,6 +83,43 @@ TEST_F(AllocFailure, CopyWithoutMemoryHasNoBurnIn) {
   EXPECT_TRUE(tc.GetBurnInGeometry(g));
 }
 
+// Burn-in set-up, copy and assignment, each allocation failing in turn:
+// each run either has glyphs and draws the time code, or has none, says
+// so (GetBurnInGeometry false) and leaves the frame alone. Never a crash
+// and never a frame touched by a set-up that failed.
+TEST_F(AllocFailure, BurnInSetUpCopyAndAssignmentUnderEachFailure) {
+  const alloc_test::EachAllocation r = alloc_test::failEachAllocationInTurn([](long n, long& failed) {
+    std::vector<char> frame(1440 * 486, 0x5A);
+    CRP188 source(1, 2, 3, 4, TCFormat30fps);
+    if (!source.InitBurnIn(FBF8BitYCbCr, SIZE{720, 486}, 0)) return 20;
+    CRP188 assigned(0, 0, 0, 0, TCFormat30fps);
+    bool init, copyHas, assignedHas, ownHas;
+    BurnInGeometry g{};
+    {
+      AllocationFailure fail(n, false);
+      CRP188 own(5, 6, 7, 8, TCFormat30fps);
+      init = own.InitBurnIn(FBF8BitYCbCr, SIZE{720, 486}, 0);
+      ownHas = own.GetBurnInGeometry(g);
+      if (!ownHas && own.BurnTC(frame.data(), 1440, BurnTimecode, 0, false)) return 21;
+      CRP188 copy(source);
+      copyHas = copy.GetBurnInGeometry(g);
+      if (!copyHas && copy.BurnTC(frame.data(), 1440, BurnTimecode, 0, false)) return 22;
+      assigned = source;
+      assignedHas = assigned.GetBurnInGeometry(g);
+      failed = fail.failed();
+    }
+    if (!init) return 23;  // a set-up that fits is accepted, glyphs or not
+    for (char c : frame)
+      if (c != 0x5A) return 24;
+    if (assignedHas && !assigned.BurnTC(frame.data(), 1440, BurnTimecode, 0, false)) return 25;
+    return ownHas && copyHas && assignedHas ? 0 : 1;
+  });
+  std::printf("[ alloc    ] burn-in: %d allocations failed in turn, %d absorbed, %d left without glyphs\n",
+              r.runs - 1, r.absorbed, r.failedCleanly);
+  EXPECT_GT(r.failedCleanly, 0);
+  EXPECT_EQ(r.absorbed + r.failedCleanly, r.runs - 1) << "allocations whose failure went wrong:" << r.what;
+}
+
 // Time code values and their text need no allocation at all: with every
 // allocation failing they still work.
 TEST_F(AllocFailure, TimecodeTextNeedsNoAllocation) {
