@@ -2,6 +2,8 @@
 #include "fileutils.h"
 
 #include <cjson/cJSON.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -498,10 +500,26 @@ bool ClipFinder::writePlaylist(std::string& name, std::string& text) {
   const std::string path = dir + "/" + name;
   // The mode is "rw" as the device has always used it: the C library reads
   // only its "r", so the file is opened for reading, a missing file is not
-  // created and the put below leaves an existing file unchanged.
-  FILE* file = std::fopen(path.c_str(), "rw");
+  // created and the put below leaves an existing file unchanged. The open
+  // does not block, so that a FIFO or device named like a playlist cannot
+  // hang the caller, and anything but a regular file is refused.
+  static const char kFailed[] =
+      "ClipFinder::writePlaylist - call to zev::utils::file::File::write_file failed";
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) {
+    std::perror(kFailed);
+    return false;
+  }
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    std::fprintf(stderr, "%s: not a regular file\n", kFailed);
+    ::close(fd);
+    return false;
+  }
+  FILE* file = ::fdopen(fd, "r");
   if (file == nullptr) {
-    std::perror("ClipFinder::writePlaylist - call to zev::utils::file::File::write_file failed");
+    std::perror(kFailed);
+    ::close(fd);
     return false;
   }
   std::fputs(text.c_str(), file);

@@ -76,6 +76,11 @@ class ClipFinder {
   int getClipNameWithIncrementedRolloverIndex(std::string& name, std::string& next);
 
   // Playlist files in the media directory.
+  /// Opens the playlist file name in the media directory (without creating
+  /// it, and without changing it); true when it could be opened. A missing
+  /// file, or one that is not a regular file (a FIFO, socket, device or
+  /// directory: the open never blocks), gives false and a line on standard
+  /// error.
   bool writePlaylist(std::string& name, std::string& text);
   bool renamePlaylist(std::string oldName, std::string newName);
   bool deletePlaylist(std::string name);
