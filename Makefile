@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Convenience entry points. Each target installs what is missing first
 # (scripts/install-deps.sh), so they work on a fresh Debian 12 machine.
 #
@@ -6,6 +7,8 @@
 #   make test-asan   the test suite under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make test-ppc    the test suite built for the recorder's 32-bit big-endian
 #                    PowerPC and run under qemu-user
+#   make package     the Debian packages libvorta0, libvorta-dev and vorta, in
+#                    build/package (make package-ppc: the same for PowerPC)
 #   make bench       run the benchmarks
 #   make fuzz        run every fuzz target for FUZZ_SECONDS seconds
 #   make format      apply .clang-format;  make format-check  only check it
@@ -13,7 +16,7 @@
 FUZZ_SECONDS ?= 30
 FORMAT_FILES = $(shell git ls-files -co --exclude-standard '*.cpp' '*.h' 2>/dev/null | grep -v -e '^tests/data/' -e '_generated' )
 
-.PHONY: all deps deps-ppc build test demo bench test-asan test-ppc fuzz format format-check clean
+.PHONY: all deps deps-ppc build test demo bench test-asan test-ppc package package-ppc fuzz format format-check clean
 
 all: build
 
@@ -51,6 +54,19 @@ test-ppc: deps-ppc
 	@cmake --build --preset ppc
 	@ctest --preset ppc
 	@bash scripts/ctest-skips.sh build/ppc
+
+# A build of its own for /usr without run paths, packed by CPack's DEB generator.
+package: deps
+	@cmake --preset package >/dev/null
+	@cmake --build --preset package
+	@cd build/package && rm -f ./*.deb && cpack -G DEB >/dev/null
+	@ls -l build/package/*.deb
+
+package-ppc: deps-ppc
+	@cmake --preset package-ppc >/dev/null
+	@cmake --build --preset package-ppc
+	@cd build/package-ppc && rm -f ./*.deb && cpack -G DEB >/dev/null
+	@ls -l build/package-ppc/*.deb
 
 fuzz: deps
 	@cmake --preset fuzz >/dev/null

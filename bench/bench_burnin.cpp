@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Benchmarks of the time code burn-in, each format and size beside its floor: a plain row-by-row copy of the
 // same glyph bytes into the same frame.
 #include <benchmark/benchmark.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Benchmark of LUT_Utils::parse on a 4,096-line 12-bit table, beside its floor:
 // reading the same file and converting its numbers with strtol.
 #include <benchmark/benchmark.h>

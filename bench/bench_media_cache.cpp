@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Benchmarks of the shared clip and playlist caches, each beside a plain copy of the same bytes.
 #include <benchmark/benchmark.h>
 #include <malloc.h>

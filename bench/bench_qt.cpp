@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Benchmark: scanning 1,000 QuickTime clips with CFileParams::create beside the I/O floor of the same files.
 #define _FILE_OFFSET_BITS 64
 

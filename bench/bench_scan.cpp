@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Benchmark: ScanMedia of a medium of 1,000 clips and 20 playlists beside the I/O floor of the same files.
 #include <benchmark/benchmark.h>
 #include <sys/wait.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Benchmarks: a directory of copies of the fixture clips, and the I/O floor of scanning one.
 #pragma once
 

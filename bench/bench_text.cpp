@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Benchmarks of the display-text conversion and the take parser, each beside its floor.
 #include <benchmark/benchmark.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Benchmarks of CRP188 (frame count to text, text to frame count, stepping,
 // register encode and decode), each beside libavutil's timecode functions as
 // the reference, with the ratio ours / libavutil printed at the end.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Runs every benchmark binary in turn.
 string(REPLACE "," ";" _benches "${BENCHES}")
 foreach(_b IN LISTS _benches)

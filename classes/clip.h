@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the fixed-size clip record shared between the recorder's processes.
 #pragma once
 

@@ -1,8 +1,10 @@
+// SPDX-License-Identifier: MIT
 // vorta: daemon start-up, pid file and signal handling for the recorder's resident processes.
 #include "daemonutils.h"
 
 #include <errno.h>
 #include <execinfo.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -128,9 +130,23 @@ void Daemonizer::setupSignalHandler(std::string daemonName, void (*handleTermOrK
   installHandler(SIGSEGV);
 
   std::snprintf(pidfile, sizeof pidfile, "/var/run/%s.pid", program_invocation_short_name);
-  if (FILE* file = std::fopen(pidfile, "w")) {
-    std::fprintf(file, "%d\n", static_cast<int>(getpid()));
-    std::fclose(file);
+  // Like fopen(pidfile, "w"), except that a FIFO or device put under the
+  // name is neither blocked on nor written: only a regular file is
+  // truncated and gets the pid.
+  const int fd = ::open(pidfile, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0666);
+  if (fd >= 0) {
+    struct stat info;
+    FILE* file = nullptr;
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && flags != -1 &&
+        ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0 && ::ftruncate(fd, 0) == 0)
+      file = ::fdopen(fd, "w");
+    if (file != nullptr) {
+      std::fprintf(file, "%d\n", static_cast<int>(getpid()));
+      std::fclose(file);
+    } else {
+      ::close(fd);
+    }
   }
 
   if (getStatus != nullptr) installHandler(SIGUSR1);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: daemon start-up, pid file and signal handling for the recorder's resident processes.
 #pragma once
 

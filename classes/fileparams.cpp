@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the file-parameter record, the attribute block reader and writer, encode types.
 #include "fileparams.h"
 

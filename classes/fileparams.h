@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the parameter record of one movie file, and encode-type classification.
 #pragma once
 

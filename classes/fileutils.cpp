@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: ClipFinder (listing, clip names and takes, playlist files), FileUtils, clip record helpers.
 #include "fileutils.h"
 
@@ -97,6 +98,30 @@ class MediaBusy {
 struct JsonDeleter {
   void operator()(cJSON* json) const { cJSON_Delete(json); }
 };
+
+// fopen(path, mode) for a mode that reads, except that the open never
+// blocks and only a regular file is accepted (errno EINVAL for others, or
+// EISDIR for a directory); the stream then reads in blocking mode.
+FILE* openRegularForReading(const std::string& path, const char* mode) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return nullptr;
+  struct stat info;
+  int error = 0;
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (::fstat(fd, &info) != 0 || flags == -1)
+    error = errno;
+  else if (!S_ISREG(info.st_mode))
+    error = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+  else if (::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1)
+    error = errno;
+  FILE* file = error == 0 ? ::fdopen(fd, mode) : nullptr;
+  if (file == nullptr) {
+    if (error == 0) error = errno;
+    ::close(fd);
+    errno = error;
+  }
+  return file;
+}
 
 }  // namespace
 
@@ -355,15 +380,27 @@ bool printableLetter(uint32_t letter) {
   return c >= 0x20u && c < 0x7Fu && c != '/';
 }
 
+// Naming calls under way on this thread (a name's construction may build
+// the schema's name again on the way).
+thread_local int t_namingCalls = 0;
+
 // Runs build (a name's construction); when memory runs out on the way
 // (reading a parameter's text, the listing a slave name consults, the
-// name itself) the name is cleared and -1 returned with a line on standard
-// error, so that std::bad_alloc never leaves the naming calls.
+// name itself) the outermost naming call clears the name and returns -1
+// with a line on standard error, so that std::bad_alloc never leaves the
+// naming calls. An inner call hands the failure on: swallowed there, it
+// would leave the take search without the schema's name, finding no take
+// and so giving out the name of a clip already on the medium.
 template <typename Build>
 int outOfMemoryGivesMinusOne(const char* who, std::string& name, Build build) {
+  struct Depth {
+    Depth() { ++t_namingCalls; }
+    ~Depth() { --t_namingCalls; }
+  } depth;
   try {
     return build();
   } catch (const std::bad_alloc&) {
+    if (t_namingCalls > 1) throw;
     name.clear();
     std::fprintf(stderr, "%s. out of memory building the clip name\n", who);
     return -1;
@@ -373,82 +410,72 @@ int outOfMemoryGivesMinusOne(const char* who, std::string& name, Build build) {
 }  // namespace
 
 int ClipFinder::buildClipNameBase(std::string& name, bool nextTake) {
-  return outOfMemoryGivesMinusOne("buildClipNameBase()", name,
-                                  [&]() { return composeClipNameBase(name, nextTake); });
-}
+  return outOfMemoryGivesMinusOne("buildClipNameBase()", name, [&]() -> int {
+    if (isSlaveUsingMasterClipName()) {
+      const int result = slaveClipName(name);
+      dropControlCharacters(name);
+      return result;
+    }
 
-int ClipFinder::buildClipName(std::string& name, std::list<Clip>* clips) {
-  return outOfMemoryGivesMinusOne("buildClipName()", name, [&]() { return composeClipName(name, clips); });
-}
+    if (params->getParam(eParamClipNameSource) - 1u <= 2u) {
+      params->getParamString(eParamREDClipName, name);
+      if (name != kInvalidRedName) {
+        dropControlCharacters(name);
+        return 0;
+      }
+      std::fprintf(stderr, "\nbuildClipNameBase(). clipName == INVALID_RED_DATA_NAME\n");
+    }
 
-int ClipFinder::composeClipNameBase(std::string& name, bool nextTake) {
-  if (isSlaveUsingMasterClipName()) {
-    const int result = slaveClipName(name);
-    dropControlCharacters(name);
-    return result;
-  }
-
-  if (params->getParam(eParamClipNameSource) - 1u <= 2u) {
-    params->getParamString(eParamREDClipName, name);
-    if (name != kInvalidRedName) {
+    if (params->getParam(eParamCustomClipName) == 1) {
+      params->getParamString(eParamCustomClipNameText, name);
+      if (params->getParam(eParamCustomTake) == 1)
+        name += formatInt("_%d", params->getParam(eParamCustomTakeNumber));
       dropControlCharacters(name);
       return 0;
     }
-    std::fprintf(stderr, "\nbuildClipNameBase(). clipName == INVALID_RED_DATA_NAME\n");
-  }
 
-  if (params->getParam(eParamCustomClipName) == 1) {
-    params->getParamString(eParamCustomClipNameText, name);
-    if (params->getParam(eParamCustomTake) == 1)
-      name += formatInt("_%d", params->getParam(eParamCustomTakeNumber));
-    dropControlCharacters(name);
+    uint32_t scene = 0, number = 0, letterOn = 0, letter = 0, take = 0;
+    params->getParamValue(eParamClipNameScene, scene);
+    params->getParamValue(eParamClipNameNumber, number);
+    params->getParamValue(eParamClipNameLetterOn, letterOn);
+    params->getParamValue(eParamClipNameLetter, letter);
+    params->getParamValue(eParamTake, take);
+    if (nextTake) ++take;
+
+    name = scene != 0 ? "SC" : "Clip";
+    if (number != 0) name += formatInt("%d", number);
+    // A letter code that is no printable character (0 among them, which
+    // would end the name's C string) is left out, as if the letter were off.
+    if (letterOn != 0) {
+      if (printableLetter(letter))
+        name += static_cast<char>(letter & 0xFFu);
+      else
+        std::fprintf(stderr,
+                     "buildClipNameBase(). clip name letter %u is not a printable character; left out\n",
+                     static_cast<unsigned>(letter));
+    }
+    name += "TK";
+    name += formatInt("%d", take);
     return 0;
-  }
-
-  uint32_t scene = 0, number = 0, letterOn = 0, letter = 0, take = 0;
-  params->getParamValue(eParamClipNameScene, scene);
-  params->getParamValue(eParamClipNameNumber, number);
-  params->getParamValue(eParamClipNameLetterOn, letterOn);
-  params->getParamValue(eParamClipNameLetter, letter);
-  params->getParamValue(eParamTake, take);
-  if (nextTake) ++take;
-
-  name = scene != 0 ? "SC" : "Clip";
-  if (number != 0) name += formatInt("%d", number);
-  // A letter code that is no printable character (0 among them, which
-  // would end the name's C string) is left out, as if the letter were off.
-  if (letterOn != 0) {
-    if (printableLetter(letter))
-      name += static_cast<char>(letter & 0xFFu);
-    else
-      std::fprintf(stderr,
-                   "buildClipNameBase(). clip name letter %u is not a printable character; left out\n",
-                   static_cast<unsigned>(letter));
-  }
-  name += "TK";
-  name += formatInt("%d", take);
-  return 0;
+  });
 }
 
-int ClipFinder::composeClipName(std::string& name, std::list<Clip>* clips) {
-  const bool overwrite = allowOverwriteOfExistingClips();
-  const bool custom = useCustomClipTake(overwrite);
-  int result = 0;
-  if (!overwrite) {
-    const uint32_t current = params->getParam(custom ? eParamCustomTakeNumber : eParamTake);
-    // The schema's name is built here rather than inside the take search,
-    // so that running out of memory while building it fails this call
-    // instead of leaving the search with no name and so no take found.
-    std::string schema;
-    if (clips != nullptr && !clips->empty()) composeClipNameBase(schema, false);
-    const int last = clips != nullptr ? getLastMatchingTakeInList(*clips, custom, schema) : 0;
-    if (last == static_cast<int>(current)) result = last == kHighestTake ? -1 : 0;
-  }
-  const int base = composeClipNameBase(name, false);
-  if (base != 0) return base;
-  if (result != 0) return result;
-  name += ".mov";
-  return 0;
+int ClipFinder::buildClipName(std::string& name, std::list<Clip>* clips) {
+  return outOfMemoryGivesMinusOne("buildClipName()", name, [&]() -> int {
+    const bool overwrite = allowOverwriteOfExistingClips();
+    const bool custom = useCustomClipTake(overwrite);
+    int result = 0;
+    if (!overwrite) {
+      const uint32_t current = params->getParam(custom ? eParamCustomTakeNumber : eParamTake);
+      const int last = clips != nullptr ? getLastMatchingTakeInList(*clips, custom, std::string()) : 0;
+      if (last == static_cast<int>(current)) result = last == kHighestTake ? -1 : 0;
+    }
+    const int base = buildClipNameBase(name, false);
+    if (base != 0) return base;
+    if (result != 0) return result;
+    name += ".mov";
+    return 0;
+  });
 }
 
 std::string ClipFinder::SetREDMetaData(uint8_t camera, uint32_t reel, uint8_t clipLetter, uint32_t clipNumber,
@@ -501,25 +528,11 @@ bool ClipFinder::writePlaylist(std::string& name, std::string& text) {
   // The mode is "rw" as the device has always used it: the C library reads
   // only its "r", so the file is opened for reading, a missing file is not
   // created and the put below leaves an existing file unchanged. The open
-  // does not block, so that a FIFO or device named like a playlist cannot
-  // hang the caller, and anything but a regular file is refused.
-  static const char kFailed[] =
-      "ClipFinder::writePlaylist - call to zev::utils::file::File::write_file failed";
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  if (fd < 0) {
-    std::perror(kFailed);
-    return false;
-  }
-  struct stat st {};
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    std::fprintf(stderr, "%s: not a regular file\n", kFailed);
-    ::close(fd);
-    return false;
-  }
-  FILE* file = ::fdopen(fd, "r");
+  // does not block (a FIFO under the name would wait for a writer), and
+  // anything but a regular file is refused.
+  FILE* file = openRegularForReading(path, "rw");
   if (file == nullptr) {
-    std::perror(kFailed);
-    ::close(fd);
+    std::perror("ClipFinder::writePlaylist - call to zev::utils::file::File::write_file failed");
     return false;
   }
   std::fputs(text.c_str(), file);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: ClipFinder, the front end through which the recorder's processes see the medium.
 #pragma once
 
@@ -90,9 +91,6 @@ class ClipFinder {
 
  private:
   int slaveClipName(std::string& name);
-  // The two naming calls without their guard against running out of memory.
-  int composeClipNameBase(std::string& name, bool nextTake);
-  int composeClipName(std::string& name, std::list<Clip>* clips);
 
   ParamStore* params;
   zev::media::MediaCache mediaCache;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the media attribute keys and the attribute block carried in every clip record.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the shared clip and playlist cache images, their locks, and the playlist file reader.
 #include "media_cache.h"
 
@@ -22,6 +23,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -31,6 +33,7 @@
 #include "internal/work_arena.h"
 #include "media_attributes.h"
 #include "productid.h"
+#include "zevqtfileparams.h"
 
 namespace bip = boost::interprocess;
 
@@ -495,20 +498,39 @@ std::string MediaCache::PlaylistKey(const std::string& path) {
 }
 
 int MediaCache::GrokPlaylist(PlaylistCacheEntry& entry, std::string path) {
+  // On a 0 result errno tells a failure of the process (EMFILE, ENFILE,
+  // ENOMEM), which makes a scan give up, from a file that is not a playlist
+  // (errno 0, or the error of its stat, open or read).
   struct stat64 info;
   if (::stat64(path.c_str(), &info) != 0) {
+    const int error = errno;
     std::perror(path.c_str());
+    errno = error;
+    return 0;
+  }
+  // FIFOs, sockets, devices and directories are not playlists.
+  if (!S_ISREG(info.st_mode)) {
+    errno = 0;
     return 0;
   }
 
-  // O_NONBLOCK keeps a FIFO named like a playlist from blocking the caller;
-  // it changes nothing for a regular file.
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  // O_NONBLOCK keeps a FIFO put in the file's place since the stat from
+  // blocking the open; anything but a regular file is refused on the open
+  // descriptor, and a regular one is then read in blocking mode.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) return 0;
   struct stat64 opened;
   if (::fstat64(fd, &opened) != 0) {
+    const int error = errno;
     ::close(fd);
     std::fputs("::read_file - fstat failed\n", stderr);
+    errno = error;
+    return 0;
+  }
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (!S_ISREG(opened.st_mode) || flags == -1 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1) {
+    ::close(fd);
+    errno = 0;
     return 0;
   }
   const std::uint64_t fileSize = opened.st_size > 0 ? static_cast<std::uint64_t>(opened.st_size) : 0;
@@ -517,13 +539,16 @@ int MediaCache::GrokPlaylist(PlaylistCacheEntry& entry, std::string path) {
   if (buffer == nullptr) {
     ::close(fd);
     std::fputs("::read_file - malloc failed\n", stderr);
+    errno = ENOMEM;
     return 0;
   }
   std::memset(buffer, 0, wanted + 1);
   if (!readFully(fd, buffer, wanted)) {
+    const int error = errno;
     ::close(fd);
     std::free(buffer);
     std::fputs("::read_file - read failed to read enough data\n", stderr);
+    errno = error;
     return 0;
   }
   ::close(fd);
@@ -535,12 +560,15 @@ int MediaCache::GrokPlaylist(PlaylistCacheEntry& entry, std::string path) {
   const char* newline = static_cast<const char*>(std::memchr(buffer, '\n', textLength));
   const std::size_t lineLength = std::min<std::size_t>(
       newline != nullptr ? static_cast<std::size_t>(newline - buffer) : textLength, kFirstLineLimit);
-  const std::string firstLine(buffer, lineLength);
-
   Playlist playlist;
   bool valid = false;
-  {
+  try {
+    const std::string firstLine(buffer, lineLength);
+    errno = 0;
     JsonTree tree(cJSON_Parse(firstLine.c_str()));
+    // The parser gives null for a bad text and when it ran out of memory;
+    // only malloc's errno tells the two apart.
+    if (tree.json == nullptr && errno == ENOMEM) throw std::bad_alloc();
     if (tree.json != nullptr) {
       const cJSON* name = cJSON_GetObjectItem(tree.json, "name");
       const cJSON* cliplist = cJSON_GetObjectItem(tree.json, "cliplist");
@@ -560,6 +588,10 @@ int MediaCache::GrokPlaylist(PlaylistCacheEntry& entry, std::string path) {
         }
       }
     }
+  } catch (const std::bad_alloc&) {
+    std::free(buffer);
+    errno = ENOMEM;
+    return 0;
   }
 
   if (valid) {
@@ -568,6 +600,7 @@ int MediaCache::GrokPlaylist(PlaylistCacheEntry& entry, std::string path) {
     entry.modTime = static_cast<int32_t>(info.st_mtime);
   }
   std::free(buffer);
+  errno = 0;
   return valid ? 1 : 0;
 }
 
@@ -685,9 +718,29 @@ void MediaCache::addAllClipsPlaylistToPlaylistCache(std::map<std::string, Playli
 // ---------------------------------------------------------------------------
 // Media scan and clip intake
 
+namespace {
+
+// Failures of the process rather than of a file: a scan that meets one stops
+// instead of publishing a catalogue that silently lacks the files it could
+// not read.
+bool outOfResources(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
+
+int abandonScan(const std::string& directory, int error) {
+  std::fprintf(stderr, "ScanMedia: %s: %s; scan abandoned, caches left as they were\n", directory.c_str(),
+               std::strerror(error));
+  return 0;
+}
+
+}  // namespace
+
 int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType) {
   DIR* dir = ::opendir(directory.c_str());
-  if (dir == nullptr) return 1;  // a missing medium is not an error; caches untouched
+  if (dir == nullptr) {
+    // A missing medium is not an error; a process out of descriptors or
+    // memory is. The caches are untouched either way.
+    if (outOfResources(errno)) return abandonScan(directory, errno);
+    return 1;
+  }
   std::unique_ptr<DIR, int (*)(DIR*)> closer(dir, ::closedir);
 
   // A full medium's records come to several megabytes, held for the scan
@@ -698,44 +751,65 @@ int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType
   detail::WorkArena playlistArena(detail::WorkArena::kBlock, false);  // a few entries, usually
   std::vector<Clip*> clips;  // in the order found, which is also their order in the arena
   std::map<std::string, const PlaylistCacheEntry*> playlists;
-  while (struct dirent64* entry = ::readdir64(dir)) {
-    if (entry->d_name[0] == '.') continue;
-    const std::string path = directory + "/" + entry->d_name;
-    // Substring tests on the whole path, not extension tests: a directory
-    // called media.mov makes every entry in it a clip candidate.
-    if (path.find(".mov") != std::string::npos || path.find(".MOV") != std::string::npos) {
-      Clip* clip = new (arena.allocate(sizeof(Clip), alignof(Clip))) Clip();
-      if (GrokClip(*clip, path, false)) {
-        clip->playable = IsPlayable(*clip, currentEncodeType);
-        clips.push_back(clip);
-      } else {
-        arena.deallocate(clip, sizeof(Clip));
+  // Files that are not clips or playlists (FIFOs, sockets, devices,
+  // directories, dangling links) are skipped by GrokClip and GrokPlaylist
+  // without blocking on them; a failure of the process itself (no
+  // descriptor or memory left, an unreadable directory) abandons the scan
+  // before anything is written.
+  try {
+    for (;;) {
+      errno = 0;
+      struct dirent64* entry = ::readdir64(dir);
+      if (entry == nullptr) {
+        if (errno != 0) return abandonScan(directory, errno);
+        break;
       }
-    } else if (path.find(".playlist") != std::string::npos) {
-      PlaylistCacheEntry* found =
-          new (playlistArena.allocate(sizeof(PlaylistCacheEntry), alignof(PlaylistCacheEntry)))
-              PlaylistCacheEntry();
-      if (GrokPlaylist(*found, path)) {
-        // Keyed by the file's text: two files with the same text leave one.
-        playlists[std::string(found->text, strnlen(found->text, sizeof(found->text)))] = found;
-      } else {
-        playlistArena.deallocate(found, sizeof(PlaylistCacheEntry));
+      if (entry->d_name[0] == '.') continue;
+      const std::string path = directory + "/" + entry->d_name;
+      // Substring tests on the whole path, not extension tests: a directory
+      // called media.mov makes every entry in it a clip candidate.
+      if (path.find(".mov") != std::string::npos || path.find(".MOV") != std::string::npos) {
+        Clip* clip = new (arena.allocate(sizeof(Clip), alignof(Clip))) Clip();
+        errno = 0;
+        if (GrokClip(*clip, path, false)) {
+          clip->playable = IsPlayable(*clip, currentEncodeType);
+          clips.push_back(clip);
+        } else {
+          const int error = errno;
+          arena.deallocate(clip, sizeof(Clip));
+          if (outOfResources(error)) return abandonScan(path, error);
+        }
+      } else if (path.find(".playlist") != std::string::npos) {
+        PlaylistCacheEntry* found =
+            new (playlistArena.allocate(sizeof(PlaylistCacheEntry), alignof(PlaylistCacheEntry)))
+                PlaylistCacheEntry();
+        errno = 0;
+        if (GrokPlaylist(*found, path)) {
+          // Keyed by the file's text: two files with the same text leave one.
+          playlists[std::string(found->text, strnlen(found->text, sizeof(found->text)))] = found;
+        } else {
+          const int error = errno;
+          playlistArena.deallocate(found, sizeof(PlaylistCacheEntry));
+          if (outOfResources(error)) return abandonScan(path, error);
+        }
       }
     }
-  }
-  closer.reset();
+    closer.reset();
 
-  // Oldest first; equal times keep the order found.
-  std::vector<std::size_t> sorted(clips.size());
-  for (std::size_t i = 0; i < sorted.size(); ++i) sorted[i] = i;
-  std::stable_sort(sorted.begin(), sorted.end(), [&clips](std::size_t a, std::size_t b) {
-    return Clip::compare_clips_by_time(*clips[a], *clips[b]);
-  });
-  // Put the records in catalogue order where they lie, so that the image is
-  // written front to back and the arena's blocks go back to the kernel
-  // behind the copy: the scan never holds the records and the whole image
-  // at once.
-  placeInOrder(clips, sorted);
+    // Oldest first; equal times keep the order found.
+    std::vector<std::size_t> sorted(clips.size());
+    for (std::size_t i = 0; i < sorted.size(); ++i) sorted[i] = i;
+    std::stable_sort(sorted.begin(), sorted.end(), [&clips](std::size_t a, std::size_t b) {
+      return Clip::compare_clips_by_time(*clips[a], *clips[b]);
+    });
+    // Put the records in catalogue order where they lie, so that the image is
+    // written front to back and the arena's blocks go back to the kernel
+    // behind the copy: the scan never holds the records and the whole image
+    // at once.
+    placeInOrder(clips, sorted);
+  } catch (const std::bad_alloc&) {
+    return abandonScan(directory, ENOMEM);
+  }
 
   writeClipImage(
       clipSegment_, *clipGuard_, clips.size(),
@@ -769,14 +843,29 @@ bool MediaCache::GrokClip(Clip& clip, std::string path, bool nameOnly) {
   clip.name[baseLength] = '\0';
   if (nameOnly) return true;
 
+  // stat follows a symbolic link: a link to a movie is a clip under the
+  // link's name, a dangling link fails here and is skipped.
   struct stat64 info;
   if (::stat64(path.c_str(), &info) != 0) {
+    const int error = errno;
     std::perror(path.c_str());
+    errno = error;
     return false;
   }
+  // FIFOs, sockets, devices and directories are not clips; they are not
+  // opened at all (the reader would refuse them without blocking anyway).
+  if (!S_ISREG(info.st_mode)) {
+    errno = 0;
+    return false;
+  }
+  errno = 0;
   std::unique_ptr<CFileParams> params(CFileParams::create(path.c_str()));
-  if (!params) return false;
-  if (!params->FileIsValid() || params->videoLength == 0) return false;
+  if (!params) return false;  // errno is ENOMEM when memory ran out
+  if (!params->FileIsValid() || params->videoLength == 0) {
+    const auto* scanner = dynamic_cast<const CZEVQTFileParams*>(params.get());
+    errno = scanner != nullptr ? scanner->readError : 0;
+    return false;
+  }
 
   clip.modTime = static_cast<int32_t>(info.st_mtime);
   // Bounded copy of at most 4 characters: a code with a zero byte stops there.

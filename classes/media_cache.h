@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the clip catalogue and the playlist cache kept in POSIX shared memory for every process.
 #pragma once
 
@@ -191,13 +192,21 @@ class MediaCache {
   /// whose path contains ".mov" or ".MOV" that the scanner accepts becomes a
   /// clip (sorted by modification time, playable by IsPlayable), every valid
   /// ".playlist" file a cached playlist. Hidden entries are skipped and
-  /// subdirectories are not entered. A directory that cannot be opened
-  /// leaves both caches untouched. Always returns 1.
+  /// subdirectories are not entered. Only regular files are read (a
+  /// symbolic link to one counts, under the link's name); FIFOs, sockets,
+  /// devices, directories and dangling links are skipped without blocking.
+  /// A directory that cannot be opened leaves both caches untouched and
+  /// returns 1. When the process runs out of descriptors or memory (EMFILE,
+  /// ENFILE, ENOMEM), or reading the directory fails, the scan is abandoned
+  /// with a message, both caches are left as they were and 0 is returned:
+  /// a catalogue that silently lacks files is never published.
   int ScanMedia(std::string& directory, unsigned int currentEncodeType);
   /// Fills a fresh clip from the file: its base name always; unless
   /// nameOnly, also the modification time and the scanner's parameters.
-  /// False when the file cannot be stat'ed (perror of the path) or the
-  /// scanner refuses it or finds no video.
+  /// False when the file cannot be stat'ed (perror of the path), is not a
+  /// regular file, or the scanner refuses it or finds no video. After a
+  /// false result errno is 0 when the file is simply not a clip, and the
+  /// system's error when the process failed (EMFILE, ENOMEM...).
   bool GrokClip(Clip& clip, std::string path, bool nameOnly);
   /// Adds the file's clip to the catalogue, replacing every clip of the same
   /// name. index is set to the clip's position at the end of the list
@@ -220,7 +229,9 @@ class MediaCache {
   /// Reads and checks one playlist file. 1 when its first line is a JSON
   /// object with "name" and a "cliplist" of strings; the entry then holds
   /// the path, the text and the modification time. 0 otherwise, with the
-  /// entry untouched.
+  /// entry untouched: also for anything but a regular file, which is never
+  /// blocked on. After 0, errno is EMFILE, ENFILE or ENOMEM when the
+  /// process rather than the file failed.
   int GrokPlaylist(PlaylistCacheEntry& entry, std::string path);
   /// Adds (or replaces) the playlist file in the cache. 1 when added, 0 when
   /// the file is not a valid playlist (the cache is then untouched).

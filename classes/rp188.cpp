@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: CRP188 time code values: formats, frame arithmetic, RP188 register words and text.
 #include "rp188.h"
 

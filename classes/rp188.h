@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: CRP188, one SMPTE RP188 time code with its text, register words and burn-in.
 #pragma once
 

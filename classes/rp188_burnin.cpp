@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: CRP188 burn-in: the font scaled and converted to a frame-buffer format, drawn into frames.
 #include <climits>
 #include <cstdlib>

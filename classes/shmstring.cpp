@@ -1,9 +1,11 @@
+// SPDX-License-Identifier: MIT
 // vorta: a short text published by one process in POSIX shared memory for any number of readers.
 #include "shmstring.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -42,25 +44,135 @@ bool ShmString::hasUsableName() const {
   return name_[0] != '\0' && std::memchr(name_, '\0', sizeof name_) != nullptr;
 }
 
+namespace {
+
+// Opens the shared-memory object without ever blocking (a FIFO or device put
+// in the shared-memory directory under the name would otherwise block the
+// open) and refuses anything that is not a plain memory object.
+int openSegmentFile(const char* name, int flags) {
+  const mode_t previousMask = umask(0);
+  const int fd = shm_open(name, flags | O_NONBLOCK | O_NOCTTY, 0666);
+  umask(previousMask);
+  if (fd == -1) return -1;
+  struct stat status;
+  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    ::close(fd);
+    errno = EINVAL;
+    return -1;
+  }
+  const int fileFlags = fcntl(fd, F_GETFL);
+  if (fileFlags != -1) fcntl(fd, F_SETFL, fileFlags & ~O_NONBLOCK);
+  return fd;
+}
+
+// The owner's mark: a write lock on byte 0 of the segment's file, taken
+// without waiting. It is an open-file-description lock, so it belongs to the
+// owner's descriptor and not to its process: a second object in the same
+// process cannot take it either, closing some other descriptor of the same
+// file does not drop it, and it goes away when the owner's descriptor is
+// closed, also by the kernel when the owner dies. A child forked from the
+// owner shares the descriptor, and so the lock, until it closes it (the
+// descriptor is close-on-exec). Kernels without such locks (before Linux
+// 3.15) get flock, which has the same semantics for this purpose.
+struct flock ownerByte(short type) {
+  struct flock range;
+  std::memset(&range, 0, sizeof range);
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  range.l_start = 0;
+  range.l_len = 1;
+  return range;
+}
+
+bool takeOwnerLock(int fd) {
+  struct flock range = ownerByte(F_WRLCK);
+  if (fcntl(fd, F_OFD_SETLK, &range) == 0) return true;
+  if (errno != EINVAL) return false;
+  return flock(fd, LOCK_EX | LOCK_NB) == 0;
+}
+
+bool ownerLockHeld(int fd) {
+  struct flock range = ownerByte(F_WRLCK);
+  if (fcntl(fd, F_OFD_GETLK, &range) == 0) return range.l_type != F_UNLCK;
+  if (errno != EINVAL) return false;
+  if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
+    flock(fd, LOCK_UN);
+    return false;
+  }
+  return errno == EWOULDBLOCK;
+}
+
+bool sameFile(int a, int b) {
+  struct stat first, second;
+  return fstat(a, &first) == 0 && fstat(b, &second) == 0 && first.st_dev == second.st_dev &&
+         first.st_ino == second.st_ino;
+}
+
+}  // namespace
+
+bool ShmString::hasLiveOwner(const char* shmName) {
+  if (shmName == nullptr || shmName[0] == '\0' || strnlen(shmName, 256) == 256) return false;
+  const int fd = openSegmentFile(shmName, O_RDONLY);
+  if (fd == -1) return false;
+  const bool held = ownerLockHeld(fd);
+  ::close(fd);
+  return held;
+}
+
+// Becomes the owner of a fresh, never-mapped segment of the given size, or
+// fails when a live owner holds the name. A segment left by an owner that
+// has gone keeps its size: readers may still map it, and shrinking it under
+// them would kill them with SIGBUS on their next access. Its name is taken
+// away from it instead (the readers keep their mapping, find its owner dead
+// and re-attach by name) and a new segment is made.
+bool ShmString::createSegment(std::size_t size) {
+  for (int attempt = 0; attempt < 8; ++attempt) {
+    fd_ = openSegmentFile(name_, O_RDWR | O_CREAT);
+    if (fd_ == -1) return false;
+    // Fails while a live owner holds the name, or when the lock cannot be had.
+    if (!takeOwnerLock(fd_)) {
+      close();
+      return false;
+    }
+    struct stat status;
+    if (fstat(fd_, &status) != 0) {
+      close();
+      return false;
+    }
+    // Every owner locks before it sizes: a segment of size 0 under our lock
+    // has never been sized, so nobody maps it.
+    if (status.st_size == 0) {
+      if (ftruncate(fd_, static_cast<off_t>(size)) != 0) {
+        close();
+        return false;
+      }
+      return true;
+    }
+    // A gone owner's segment. While we hold its lock no other creator can
+    // unlink it, so the name still names it if it did a moment ago.
+    const int current = shm_open(name_, O_RDONLY | O_NONBLOCK | O_NOCTTY, 0);
+    if (current != -1) {
+      if (sameFile(fd_, current)) shm_unlink(name_);
+      ::close(current);
+    }
+    close();
+  }
+  return false;
+}
+
 bool ShmString::attach(bool create, int capacity) {
   if (isAttached()) return true;
   close();
   if (!hasUsableName()) return false;
   if (create && (capacity <= 0 || capacity > kMaxCapacity)) return false;
 
-  const mode_t previousMask = umask(0);
-  fd_ = shm_open(name_, create ? O_RDWR | O_CREAT : O_RDWR, 0666);
-  umask(previousMask);
-  if (fd_ == -1) return false;
-
   std::size_t size;
   if (create) {
     size = static_cast<std::size_t>(capacity) + kOverhead;
-    if (ftruncate(fd_, static_cast<off_t>(size)) != 0) {
-      close();
-      return false;
-    }
+    if (!createSegment(size)) return false;
   } else {
+    fd_ = openSegmentFile(name_, O_RDWR);
+    if (fd_ == -1) return false;
     // The header is only read from a segment long enough to hold it, and the
     // capacity it holds must describe the segment's real size: a segment
     // still being created, or one that is not a shared string, is refused
@@ -88,6 +200,8 @@ bool ShmString::attach(bool create, int capacity) {
 
   void* mapping = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
   if (mapping == MAP_FAILED) {
+    // A segment this object created and cannot use is removed again.
+    owner_ = create;
     close();
     return false;
   }
@@ -147,9 +261,10 @@ bool ShmString::set(const char* value) {
 }
 
 int ShmString::get(char* dest, int size) {
-  if (dest == nullptr || size <= 0) return -1;
+  if (size < 0 || (dest == nullptr && size > 0)) return -1;
   if (!attach(false, 0)) {
-    dest[0] = '\0';
+    // With size 0 the caller has given no byte to write the empty text into.
+    if (size > 0) dest[0] = '\0';
     return -1;
   }
   const std::size_t n = std::min(static_cast<std::size_t>(size), usableCapacity());
@@ -177,12 +292,14 @@ void ShmString::close() {
     segment_ = nullptr;
     mappedSize_ = 0;
   }
-  if (fd_ != -1) {
-    ::close(fd_);
-    fd_ = -1;
-  }
+  // The name goes before the descriptor, which holds the owner's lock: a
+  // creator that finds the lock free never finds this owner's name.
   if (owner_) {
     shm_unlink(name_);
     owner_ = false;
+  }
+  if (fd_ != -1) {
+    ::close(fd_);
+    fd_ = -1;
   }
 }

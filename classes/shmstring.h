@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: a short text published by one process in POSIX shared memory for any number of readers.
 #pragma once
 
@@ -42,15 +43,25 @@ class ShmString {
   ShmString(const ShmString&) = delete;
   ShmString& operator=(const ShmString&) = delete;
 
-  /// Creates (or takes over) the segment as its owner: attach(true, capacity).
+  /// Creates the segment as its owner: attach(true, capacity). Refused
+  /// (false) while another owner of the name is alive, in this process or
+  /// another; the name of an owner that has gone (closed or died) is taken
+  /// over with a new segment, so a segment that readers may still map is
+  /// never resized. The owner holds an open-file-description write lock on
+  /// byte 0 of the segment's file for as long as it is attached; a child
+  /// forked from the owner shares that lock until it closes the descriptor.
   bool create(int capacity);
   /// Opens, and with create sizes and initialises, the segment and maps it.
-  /// True at once when already attached. create needs 1 <= capacity <=
+  /// True at once when already attached. A name that is not a shared-memory
+  /// object (a FIFO or device put in its place) is refused without blocking. create needs 1 <= capacity <=
   /// kMaxCapacity; a reader refuses a segment whose stored capacity does not
   /// match its real size. Every failure closes the object and returns false.
   bool attach(bool create, int capacity);
   /// Mapped, the stored owner pid is non-zero and that process exists.
   bool isOwnerAlive() const;
+  /// Whether an owner holds the name now (its lock is held), without
+  /// attaching or touching the segment; what makes create refuse.
+  static bool hasLiveOwner(const char* shmName);
   /// Mapped, and this object is the owner or the owner is alive.
   bool isAttached() const;
   /// The segment's capacity field; 0 when not mapped.
@@ -61,8 +72,10 @@ class ShmString {
   /// Copies the text into dest (attaching first when needed), at most
   /// min(size, capacity) bytes with dest[that - 1] forced to NUL. Returns the
   /// text length when the text ended within those bytes, else their number,
-  /// which is one more than the length left in dest. -1 when attaching fails
-  /// (dest[0] is then NUL) and when dest is null or size <= 0 (dest untouched).
+  /// which is one more than the length left in dest. Size 0 reads nothing
+  /// and returns 0 (dest may then be null). -1 when attaching fails (dest[0]
+  /// is then NUL, unless size is 0) and when size < 0 or dest is null with a
+  /// positive size (dest untouched).
   int get(char* dest, int size);
   /// Clears the owner pid in the segment (any process does, readers too),
   /// unmaps, closes the descriptor and, in the owner, unlinks the name.
@@ -70,6 +83,7 @@ class ShmString {
 
  private:
   bool hasUsableName() const;
+  bool createSegment(std::size_t size);
   char* text() const;
   // Text bytes that may be touched: the capacity field, bounded by what this
   // object has mapped in case the segment was re-created since.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: UTF-8 copies into fixed-size buffers and the code page 437 mapping.
 #include "textconv.h"
 

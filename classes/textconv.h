@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: copying UTF-8 into fixed-size buffers, and UTF-8 to IBM code page 437.
 #pragma once
 

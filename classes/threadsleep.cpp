@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: a thread sleep that waits on a private condition variable until an absolute deadline.
 #include "threadsleep.h"
 

@@ -1,8 +1,11 @@
+// SPDX-License-Identifier: MIT
 // vorta: the QuickTime file scanner and CFileParams::create, which picks a scanner by file name.
 #include "zevqtfileparams.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "qtstreaming.h"
 #include "rp188.h"
@@ -70,12 +73,16 @@ CFileParams* CFileParams::create(const char* path) {
   if (path == nullptr) return nullptr;
   // A substring test, not an extension test, and only these two spellings:
   // the names the recorder itself writes.
-  if (std::strstr(path, ".mov") != nullptr || std::strstr(path, ".MOV") != nullptr)
+  if (std::strstr(path, ".mov") == nullptr && std::strstr(path, ".MOV") == nullptr) return nullptr;
+  try {
     return new CZEVQTFileParams(path);
-  return nullptr;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;  // the caller tells this from a refused name by errno
+    return nullptr;
+  }
 }
 
-CZEVQTFileParams::CZEVQTFileParams(const char* path) : CFileParams(path), valid(false) {
+CZEVQTFileParams::CZEVQTFileParams(const char* path) : CFileParams(path), valid(false), readError(0) {
   valid = scanFile(path);
 }
 
@@ -87,7 +94,10 @@ bool CZEVQTFileParams::scanFile(const char* path) {
   CQTStreaming reader;
   CQTVideoConfiguration video;
   CQTAudioConfiguration audio;
-  if (!reader.OpenForReading(std::string(path ? path : ""))) return false;
+  if (!reader.OpenForReading(std::string(path ? path : ""))) {
+    readError = reader.OpenError();
+    return false;
+  }
   reader.GetConfiguration(video);
   reader.GetConfiguration(audio);
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the QuickTime file scanner, CZEVQTFileParams, and the factory that picks it.
 #pragma once
 
@@ -20,4 +21,7 @@ class CZEVQTFileParams : public CFileParams {
   bool scanFile(const char* path);
 
   bool valid;
+  /// When the scan failed because of the system rather than the file: the
+  /// reader's error (EMFILE, ENFILE, ENOMEM, EIO...); 0 otherwise.
+  int readError;
 };

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Checks that the ANTLR 3 C runtime's headers suit the target's pointer size.
 # The runtime keeps pointers in its marker and key types, sized by
 # ANTLR3_USE_64BIT in antlr3config.h; a header configured for another

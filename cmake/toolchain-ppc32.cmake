@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Cross build for the recorder's processor: 32-bit big-endian PowerPC
 # (Debian's powerpc-linux-gnu toolchain), run under qemu-user.
 #

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzz target: LUT_Utils::parse over arbitrary file contents (written to a temporary file).
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzz target: the QuickTime scanner (and its movie reader) on arbitrary bytes written to a .mov file.
 #include <unistd.h>
 

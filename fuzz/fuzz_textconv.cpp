@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzz target: the UTF-8 copies and the attribute block reader on arbitrary bytes.
 #include <cstddef>
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzz target: CRP188 time code text, register words and components from arbitrary bytes.
 #include <cstddef>
 #include <cstdint>

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Lists the tests that the last ctest run in a build directory skipped, each
 # with the reason it printed (GTEST_SKIP() << "reason").
 #

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # The main job, shown with the vorta tool: a medium is scanned into the
 # shared catalogue, then listed the way the recorder's processes list it.
 # The sample medium is built from the committed test clips; the parameters

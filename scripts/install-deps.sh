@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs the Debian packages vorta needs. Idempotent: packages already
 # present are not touched, and apt is not called at all when nothing is missing.
 #
@@ -14,6 +15,7 @@ base=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libpng-dev libavutil-dev
   clang libclang-rt-14-dev clang-format valgrind
+  groff-base man-db dpkg-dev file
 )
 ppc=(
   g++-powerpc-linux-gnu qemu-user-static dpkg-dev

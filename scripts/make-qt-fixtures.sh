@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Regenerates the QuickTime test clips under tests/data/qt/ with Debian's
 # ffmpeg, the malformed variants made from them, and ffprobe.tsv: what
 # ffprobe reports for every well-formed clip. The clips are committed, so

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds the target's own copies of vorta's dependencies for the recorder's
 # processor (32-bit big-endian PowerPC) into a staging prefix, from Debian
 # source packages: cJSON, the ANTLR 3 C runtime (libantlr3c) and GoogleTest.

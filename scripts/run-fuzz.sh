@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Runs every fuzz target in a build directory for a bounded time each.
 #   scripts/run-fuzz.sh BUILD_DIR SECONDS
 # Seeds come from fuzz/corpus/<target>/ when present; new inputs go to a

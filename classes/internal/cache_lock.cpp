@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the lock of one shared cache: named mutex, gate and owner record (see cache_lock.h).
 #include "internal/cache_lock.h"
 
@@ -385,20 +386,26 @@ CacheLock::Verdict CacheLock::judge(const LockOwnerRecord& seen, pid_t* who) con
 bool CacheLock::waitForSemaphore(const LockOwnerRecord& seen) {
   const struct timespec since = monotonicNow();
   int lines = 0;
+  // A takeover keeps the semaphore at 0 and passes it on. It is decided on what was seen before
+  // a last try of the semaphore: a holder that has ended, or that no longer maps it, can no longer
+  // release it, so a semaphore still taken after that is the dead holder's for good.
+  auto takeOver = [this](pid_t who) {
+    if (::sem_trywait(semaphore_) == 0) {
+      becomeHolder(false, 0);
+      return false;
+    }
+    becomeHolder(true, who);
+    return true;
+  };
   for (;;) {
     pid_t who = 0;
     const Verdict verdict = judge(seen, &who);
-    if (verdict == Verdict::TakeOver) {
-      becomeHolder(true, who);
-      return true;
-    }
+    if (verdict == Verdict::TakeOver) return takeOver(who);
     Mappers mappers = Mappers::None;
     if (verdict == Verdict::Doubtful) {
       mappers = foreignMappers(mutexName_);
-      if (mappers == Mappers::None || (mappers == Mappers::Unknown && secondsSince(since) >= kDoubtSeconds)) {
-        becomeHolder(true, who);
-        return true;
-      }
+      if (mappers == Mappers::None || (mappers == Mappers::Unknown && secondsSince(since) >= kDoubtSeconds))
+        return takeOver(who);
     }
     const double waited = secondsSince(since);
     if (waited >= kWaitLineSeconds * (lines + 1)) {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the lock of one shared cache: its named mutex, a gate that serialises the library's
 // processes, and an owner record that tells a dead holder from a live one.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: memory for one large piece of work, mapped in block-aligned chunks and given back whole.
 #include "internal/work_arena.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: memory for one large piece of work (a media scan), taken from the kernel in big chunks
 // and given back whole when the work ends.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // LUT.g: colour look-up table files, one "red green blue" entry per line.
 //
 // A line holds three decimal integers separated by blanks, or nothing but

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: the LUT file parse entry, the UTF-8 check in front of it, and the recognisers' error hooks.
 #include "lut_utils.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta: reading colour look-up table (LUT) files into three 16-bit tables, with the parser's error reports.
 #pragma once
 

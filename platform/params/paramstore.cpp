@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta platform: the recorder's parameter service interface and two implementations.
 #include "paramstore.h"
 
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 namespace {
 
@@ -70,8 +72,22 @@ enum class FileState { Missing, Ok, Bad };
 // Reads and parses the file. Missing: no file. Bad: unreadable, too large,
 // or not a JSON object.
 FileState readFile(const std::string& path, Json& doc) {
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (f == nullptr) return errno == ENOENT ? FileState::Missing : FileState::Bad;
+  // The open never blocks (a FIFO under the name would wait for a writer)
+  // and anything but a regular file is Bad; the file is then read blocking.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return errno == ENOENT ? FileState::Missing : FileState::Bad;
+  struct stat info;
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || flags == -1 ||
+      ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1) {
+    ::close(fd);
+    return FileState::Bad;
+  }
+  FILE* f = ::fdopen(fd, "rb");
+  if (f == nullptr) {
+    ::close(fd);
+    return FileState::Bad;
+  }
   std::string text;
   char chunk[4096];
   std::size_t n;
@@ -99,8 +115,16 @@ bool asValue(const cJSON* item, uint32_t& value) {
 class WriteLock {
  public:
   explicit WriteLock(const std::string& path) {
-    fd_ = ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    fd_ = ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0644);
     if (fd_ < 0) return;
+    // Only a regular file is locked: a FIFO or device under the name is refused.
+    struct stat info;
+    if (::fstat(fd_, &info) != 0 || !S_ISREG(info.st_mode)) {
+      ::close(fd_);
+      fd_ = -1;
+      errno = EINVAL;
+      return;
+    }
     struct flock lock;
     std::memset(&lock, 0, sizeof lock);
     lock.l_type = F_WRLCK;
@@ -126,7 +150,20 @@ bool writeAtomically(const std::string& path, const cJSON* doc) {
   char* text = cJSON_Print(doc);
   if (text == nullptr) return false;
   const std::string tmp = path + ".tmp." + std::to_string(getpid());
-  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  // A FIFO or device left under the temporary name is neither blocked on
+  // nor written: the open does not block, and only a regular file is
+  // truncated and written.
+  int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0644);
+  if (fd >= 0) {
+    struct stat info;
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || flags == -1 ||
+        ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1 || ::ftruncate(fd, 0) != 0) {
+      ::close(fd);
+      fd = -1;
+      errno = EINVAL;
+    }
+  }
   if (fd < 0) {
     std::perror(tmp.c_str());
     cJSON_free(text);
@@ -160,6 +197,7 @@ bool writeAtomically(const std::string& path, const cJSON* doc) {
 // atomically. A file that is not a parameter file is never overwritten.
 int updateFile(const std::string& path, eParam_t id, cJSON* value) {
   Json owned(value);
+  if (!owned) return 0;  // no memory for the value: the file keeps the old one
   WriteLock lock(path);
   if (!lock.held()) {
     std::perror((path + ".lock").c_str());
@@ -172,6 +210,7 @@ int updateFile(const std::string& path, eParam_t id, cJSON* value) {
     return 0;
   }
   if (state == FileState::Missing) doc.reset(cJSON_CreateObject());
+  if (!doc) return 0;
   const std::string key = keyOf(id);
   cJSON_DeleteItemFromObjectCaseSensitive(doc.get(), key.c_str());
   cJSON_AddItemToObject(doc.get(), key.c_str(), owned.release());
@@ -260,18 +299,37 @@ int MemoryParamStore::getParamString(eParam_t id, std::string& value) {
 
 // ---- FileParamStore --------------------------------------------------------
 
+namespace {
+
+// Runs an operation of the file store; when memory runs out part-way it
+// reports failure instead of throwing (the file is only ever replaced whole,
+// so it keeps its old content).
+template <typename Result, typename Body>
+Result unlessOutOfMemory(Result failure, Body&& body) {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    return failure;
+  }
+}
+
+}  // namespace
+
 FileParamStore::FileParamStore(std::string path) : path_(std::move(path)) {}
 FileParamStore::~FileParamStore() = default;
 
 bool FileParamStore::hasParam(eParam_t id) {
   if (findParam(id) != nullptr) return true;
-  Json doc;
-  return readFile(path_, doc) == FileState::Ok &&
-         cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str());
+  return unlessOutOfMemory(false, [&] {
+    Json doc;
+    return readFile(path_, doc) == FileState::Ok &&
+           cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str()) != nullptr;
+  });
 }
 
 int FileParamStore::setParam(eParam_t id, uint32_t value) {
-  return updateFile(path_, id, cJSON_CreateNumber(static_cast<double>(value)));
+  return unlessOutOfMemory(
+      0, [&] { return updateFile(path_, id, cJSON_CreateNumber(static_cast<double>(value))); });
 }
 
 uint32_t FileParamStore::getParam(eParam_t id) {
@@ -282,46 +340,52 @@ uint32_t FileParamStore::getParam(eParam_t id) {
 
 bool FileParamStore::isTextParam(eParam_t id) {
   if (const ParamInfo* info = findParam(id)) return info->isText;
-  Json doc;
-  if (readFile(path_, doc) != FileState::Ok) return false;
-  return cJSON_IsString(cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str()));
+  return unlessOutOfMemory(false, [&] {
+    Json doc;
+    if (readFile(path_, doc) != FileState::Ok) return false;
+    return static_cast<bool>(cJSON_IsString(cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str())));
+  });
 }
 
 int FileParamStore::getParamValue(eParam_t id, uint32_t& value) {
   const ParamInfo* info = findParam(id);
   if (info != nullptr && info->isText) return 0;
-  Json doc;
-  const FileState state = readFile(path_, doc);
-  if (state == FileState::Bad) return 0;
-  if (state == FileState::Ok) {
-    const cJSON* item = cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str());
-    if (item != nullptr) {
-      if (cJSON_IsString(item)) return 0;
-      if (asValue(item, value)) return 1;
+  return unlessOutOfMemory(0, [&] {
+    Json doc;
+    const FileState state = readFile(path_, doc);
+    if (state == FileState::Bad) return 0;
+    if (state == FileState::Ok) {
+      const cJSON* item = cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str());
+      if (item != nullptr) {
+        if (cJSON_IsString(item)) return 0;
+        if (asValue(item, value)) return 1;
+      }
     }
-  }
-  value = defaultValue(id);
-  return 1;
+    value = defaultValue(id);
+    return 1;
+  });
 }
 
 int FileParamStore::setParamString(eParam_t id, const std::string& text) {
-  return updateFile(path_, id, cJSON_CreateString(text.c_str()));
+  return unlessOutOfMemory(0, [&] { return updateFile(path_, id, cJSON_CreateString(text.c_str())); });
 }
 
 int FileParamStore::getParamString(eParam_t id, std::string& value) {
   const ParamInfo* info = findParam(id);
   if (info != nullptr && !info->isText) return 0;
-  Json doc;
-  const FileState state = readFile(path_, doc);
-  if (state == FileState::Bad) return 0;
-  if (state == FileState::Ok) {
-    const cJSON* item = cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str());
-    if (item != nullptr) {
-      if (!cJSON_IsString(item)) return 0;
-      value = item->valuestring;
-      return 1;
+  return unlessOutOfMemory(0, [&] {
+    Json doc;
+    const FileState state = readFile(path_, doc);
+    if (state == FileState::Bad) return 0;
+    if (state == FileState::Ok) {
+      const cJSON* item = cJSON_GetObjectItemCaseSensitive(doc.get(), keyOf(id).c_str());
+      if (item != nullptr) {
+        if (!cJSON_IsString(item)) return 0;
+        value = item->valuestring;
+        return 1;
+      }
     }
-  }
-  value = defaultText(id);
-  return 1;
+    value = defaultText(id);
+    return 1;
+  });
 }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta platform: the recorder's parameter service interface and two implementations.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta platform: what this recorder model can play (the product capability check).
 #include "productid.h"
 

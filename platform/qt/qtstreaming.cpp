@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta platform: the QuickTime movie reader. Every field of the file goes
 // through one bounds-checked big-endian reader; the file is untrusted.
 #include "qtstreaming.h"
@@ -290,8 +291,13 @@ class File {
  public:
   static constexpr std::size_t kHeaderWindow = 512;
 
+  /// Opens without blocking: a FIFO, socket or device named like a movie
+  /// must not hold the caller up (opening a FIFO for reading waits for a
+  /// writer, a terminal could become the controlling one). usable() then
+  /// refuses anything but a regular file.
   File(const std::string& path, uint64_t& counter) : counter_(counter) {
-    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    fd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd_ < 0) error_ = errno;
   }
   ~File() {
     if (fd_ >= 0) ::close(fd_);
@@ -299,13 +305,26 @@ class File {
   File(const File&) = delete;
   File& operator=(const File&) = delete;
 
-  /// True for an open regular file (a pipe or device could block a read).
+  /// True for an open regular file, which is then read in blocking mode.
   bool usable(uint64_t& size) {
+    if (fd_ < 0) return false;
     struct stat st;
-    if (fd_ < 0 || ::fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0) return false;
+    if (::fstat(fd_, &st) != 0) {
+      error_ = errno;
+      return false;
+    }
+    if (!S_ISREG(st.st_mode) || st.st_size < 0) return false;
+    const int flags = ::fcntl(fd_, F_GETFL);
+    if (flags == -1 || ::fcntl(fd_, F_SETFL, flags & ~O_NONBLOCK) == -1) {
+      error_ = errno;
+      return false;
+    }
     size = static_cast<uint64_t>(st.st_size);
     return true;
   }
+
+  /// The system error that stopped the open or a read; 0 when none did.
+  int error() const { return error_; }
 
   /// Reads exactly length bytes at offset; false on error or end of file
   /// (a file that shrank while being read).
@@ -350,6 +369,7 @@ class File {
       if (offset > static_cast<uint64_t>(INT64_MAX)) return false;
       const ssize_t got = ::pread(fd_, buffer, length, static_cast<off_t>(offset));
       if (got < 0 && errno == EINTR) continue;
+      if (got < 0) error_ = errno;
       if (got <= 0) return false;
       counter_ += static_cast<uint64_t>(got);
       buffer += got;
@@ -360,6 +380,7 @@ class File {
   }
 
   int fd_;
+  int error_ = 0;
   uint64_t& counter_;
   unsigned char window_[kHeaderWindow];
   uint64_t windowStart_ = 0;
@@ -404,7 +425,7 @@ CQTVideoConfiguration::CQTVideoConfiguration()
 
 CQTAudioConfiguration::CQTAudioConfiguration() : audioChannelsPerTrack(0) {}
 
-CQTStreaming::CQTStreaming() : audioTrackCount(0), bytesRead_(0) { Reset(); }
+CQTStreaming::CQTStreaming() : audioTrackCount(0), bytesRead_(0), openError_(0) { Reset(); }
 
 CQTStreaming::~CQTStreaming() = default;
 
@@ -419,18 +440,26 @@ void CQTStreaming::Reset() {
 
 bool CQTStreaming::OpenForReading(const std::string& path) {
   Reset();
+  openError_ = 0;
   File file(path, bytesRead_);
   uint64_t fileSize = 0, moovOffset = 0, moovSize = 0;
-  if (!file.usable(fileSize) || !locateMovie(file, fileSize, moovOffset, moovSize)) return false;
+  if (!file.usable(fileSize) || !locateMovie(file, fileSize, moovOffset, moovSize)) {
+    openError_ = file.error();
+    return false;
+  }
   if (moovSize > kMaxMovieAtomSize) return false;
 
   std::vector<unsigned char> movie;
   try {
     movie.resize(static_cast<std::size_t>(moovSize));
   } catch (const std::bad_alloc&) {
+    openError_ = ENOMEM;
     return false;
   }
-  if (!file.readAt(moovOffset, movie.data(), movie.size())) return false;
+  if (!file.readAt(moovOffset, movie.data(), movie.size())) {
+    openError_ = file.error();
+    return false;
+  }
   const BigEndianView moov(movie.data(), movie.size());
 
   // One pass over the tracks: the first video track, every sound track,

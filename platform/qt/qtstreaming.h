@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta platform: the QuickTime movie reader (video, audio and timecode track parameters).
 #pragma once
 
@@ -49,8 +50,17 @@ class CQTStreaming {
   CQTStreaming& operator=(const CQTStreaming&) = delete;
 
   /// Reads the movie at path. False when the file cannot be read, is not a
-  /// movie, or has no usable video track; the queries then report nothing.
+  /// regular file (a FIFO, socket, device or directory is refused without
+  /// blocking on it), is not a movie, or has no usable video track; the
+  /// queries then report nothing.
   bool OpenForReading(const std::string& path);
+
+  /// Why the last OpenForReading failed, when the system was the cause: the
+  /// errno of the open, fstat or read that failed (EMFILE when no
+  /// descriptor was left, for example), or ENOMEM when memory for the movie
+  /// atom ran out. 0 after a success and when the file itself was refused
+  /// (not a regular file, not a movie).
+  int OpenError() const { return openError_; }
 
   /// Fills a CQTVideoConfiguration or a CQTAudioConfiguration from the open
   /// movie. False (and the record untouched) when nothing is open or the
@@ -76,4 +86,5 @@ class CQTStreaming {
   bool hasTimecode_;
   uint32_t startFrame_;
   uint64_t bytesRead_;
+  int openError_;
 };

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tests: a unit run once with each of its allocations failing in turn, each run in a child process.
 #pragma once
 

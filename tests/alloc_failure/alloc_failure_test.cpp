@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Allocation failure: each unit, with the Nth allocation made to fail, returns its failure and does not
 // abort.
 #include <dlfcn.h>

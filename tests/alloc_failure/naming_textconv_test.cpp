@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Allocation failure in clip naming and in the code page 437 copies: the name is built or -1 comes back; the
 // copies need no memory.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Burn-in without memory for the glyphs: InitBurnIn still succeeds, BurnTC draws nothing.
 #include <gtest/gtest.h>
 #include <sys/resource.h>

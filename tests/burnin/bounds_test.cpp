@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Burn-in never draws outside the frame: the sizes at the edge of acceptance, and a sweep of formats and
 // sizes.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Burn-in tests: frames filled with a pattern, and a reader that decodes the drawn glyph cells.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Burn-in bytes: V210 packing, glyph copies, byte order spelled out, frames left alone, the font itself.
 #include <gtest/gtest.h>
 

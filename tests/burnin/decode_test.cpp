@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Burn-in drawing: every cell of every mode read back from the frame and compared with the font.
 #include <gtest/gtest.h>
 

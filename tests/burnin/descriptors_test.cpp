@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Burn-in with no descriptor to spare: it opens nothing, so set-up and burns work as ever.
 #include <gtest/gtest.h>
 #include <sys/resource.h>

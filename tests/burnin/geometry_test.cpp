@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Burn-in geometry: scales, glyph row bytes, start positions, and the sizes and formats refused.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Opening a cache whose mutexes exist never asks the C library to create a semaphore.
 //
 // This test binary puts its own sem_open in front of the C library's, counts

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The tool's own conventions: help, version, unknown commands.
 vorta_cli_test(help RC 0 ARGS --help STDOUT "usage: vorta COMMAND.*commands:.*  cp437 .*  take ")
 vorta_cli_test(help_word RC 0 ARGS help take STDOUT "^usage: vorta take \\[options\\] NAME\\.\\.\\.")

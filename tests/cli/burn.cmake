@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # vorta burn: test frames with a burnt-in time code, written as PNGs.
 get_property(_has_burn GLOBAL PROPERTY VORTA_CLI_HAS_BURN)
 if(NOT _has_burn)

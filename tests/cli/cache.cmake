@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The cache and playlists commands. Names are unique per build tree, so that
 # parallel runs never share a segment.
 string(MD5 _cache_tree "${CMAKE_BINARY_DIR}")

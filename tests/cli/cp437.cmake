@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 vorta_cli_test(cp437_hex RC 0 ARGS cp437 "é─π€"
   STDOUT "input  10 bytes UTF-8: C3 A9 E2 94 80 CF 80 E2 82 AC\ncp437  6 bytes: 82 C4 E3 E2 82 AC\n")
 vorta_cli_test(cp437_size RC 0 ARGS cp437 --size 3 "aé€"

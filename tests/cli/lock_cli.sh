@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # vorta CLI: a lock held by 'vorta cache hold', shown by 'vorta cache info',
 # left behind by a SIGKILL and taken over by 'vorta cache repair'; the modes
 # of the mutexes under umask 022. Usage: lock_cli.sh VORTA [EMULATOR...]

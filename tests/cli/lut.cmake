@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 set(_lut ${VORTA_TEST_DATA_DIR}/lut)
 vorta_cli_test(lut_ok RC 0 ARGS lut ${_lut}/two_lines.lut STDOUT "^entries: 2\nok\n$")
 vorta_cli_test(lut_dump RC 0 ARGS lut --dump ${_lut}/two_lines.lut

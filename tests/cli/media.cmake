@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The media commands: argument errors here, the whole session in media_cli.sh.
 vorta_cli_test(scan_help RC 0 ARGS scan --help STDOUT "^usage: vorta scan \\[options\\] DIR\n")
 vorta_cli_test(scan_no_dir RC 2 ARGS scan STDERR "^vorta scan: missing argument\nusage: vorta scan")

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # The operator's session on a real medium: param, scan, clips, playlists,
 # next-name, add, remove, after-delete, playlist. Uses caches and a parameter
 # file of its own, removed at the end.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 set(_params ${CMAKE_CURRENT_BINARY_DIR}/param_cases.json)
 file(REMOVE ${_params})
 vorta_cli_test(param_default RC 0 ARGS param --params ${CMAKE_CURRENT_BINARY_DIR}/never_written.json get take STDOUT "^1\n$")

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # vorta probe on the committed QuickTime clips.
 set(_qt ${VORTA_TEST_DATA_DIR}/qt)
 vorta_cli_test(probe_interlaced RC 0 ARGS probe ${_qt}/hd1080_tff_2997.mov

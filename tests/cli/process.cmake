@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # vorta shm and vorta daemon-demo.
 vorta_cli_test(shm_help RC 0 ARGS shm --help STDOUT "^usage: vorta shm \\[options\\] create NAME CAPACITY")
 vorta_cli_test(shm_get_missing RC 2 ARGS shm get /vorta-cli-never-created

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # vorta CLI: shared string and daemon demo, with the long-running commands in
 # the background. Usage: process_cli.sh shm|daemon VORTA [EMULATOR...]
 # (the emulator words come first on the command line that runs vorta).
@@ -47,6 +48,13 @@ if [ "$mode" == shm ]; then
   grep -q '^holding '"$name"': capacity 8 bytes, owner pid [0-9]*$' "$work/create.out" || fail "owner line"
   grep -q '^text: "hello"$' "$work/create.out" || fail "owner text line"
   expect "get" "$("${vorta[@]}" shm get "$name")" "hello"
+  # A second owner is refused while the first runs, and the text stays.
+  timeout 60 "${vorta[@]}" shm create "$name" 4 --text other >"$work/second.out" 2>"$work/second.err"
+  expect "second create exit status" "$?" 1
+  expect "second create message" "$(cat "$work/second.err")" \
+    "vorta shm: $name is owned by a running process; not taken over"
+  expect "second create output" "$(cat "$work/second.out")" ""
+  expect "get after the refused create" "$("${vorta[@]}" shm get "$name")" "hello"
   expect "set" "$("${vorta[@]}" shm set "$name" abcdefghij)" \
     "stored 7 of 10 characters in $name (capacity 8): cut to capacity - 1"
   expect "get after set" "$("${vorta[@]}" shm get "$name")" "abcdefg"
@@ -61,6 +69,20 @@ if [ "$mode" == shm ]; then
   "${vorta[@]}" shm get "$name" >"$work/gone.out" 2>"$work/gone.err"
   expect "get after the owner stopped" "$?" 2
   grep -q "^vorta shm: no shared string $name" "$work/gone.err" || fail "message after the owner stopped"
+  # A killed owner leaves its name behind; a new owner takes it over.
+  "${vorta[@]}" shm create "$name" 8 --text first >"$work/killed.out" 2>&1 &
+  background=$!
+  wait_for grep -q '^waiting for SIGINT' "$work/killed.out" || fail "owner to kill did not start"
+  kill -KILL "$background"
+  wait "$background"
+  "${vorta[@]}" shm create "$name" 16 --text second >"$work/after.out" 2>"$work/after.err" &
+  background=$!
+  wait_for grep -q '^waiting for SIGINT' "$work/after.out" || fail "create after a killed owner"
+  expect "get from the new owner" "$("${vorta[@]}" shm get "$name")" "second"
+  kill -TERM "$background"
+  wait "$background"
+  expect "new owner exit status" "$?" 0
+  background=""
   exit 0
 fi
 

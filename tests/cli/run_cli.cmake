@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Runs the vorta tool once and checks its exit status and output.
 # -DVORTA=path -DEMULATOR=a|b -DARGS=w1|w2 -DRC=n -DSTDOUT=regex -DSTDERR=regex
 string(REPLACE "|" ";" _args "${ARGS}")

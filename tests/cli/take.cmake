@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 vorta_cli_test(take_table RC 0 ARGS take A001_003.mov SHOT_TK12.mov Clip.mov
   STDOUT "^NAME +TAKE\nA001_003.mov +3\nSHOT_TK12.mov +12\nClip.mov +-1  no take marker \\(TK or _\\)\n$")
 vorta_cli_test(take_json RC 0 ARGS take --json A001_C003.mov

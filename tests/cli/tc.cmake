@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # vorta tc: time codes by hand. The drop-frame separator is matched as
 # "[^:]" because a semicolon cannot pass through these argument lists.
 vorta_cli_test(tc_add_drop_frame RC 0 ARGS tc 01:00:00:00 --format 30df --add 1800

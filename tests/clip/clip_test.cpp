@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the clip record: layout, the fresh state, take numbers, orderings, the playable filter.
 #include <gtest/gtest.h>
 

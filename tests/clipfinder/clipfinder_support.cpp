@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of ClipFinder: caches with unique names, removed at the end.
 #include "clipfinder_support.h"
 

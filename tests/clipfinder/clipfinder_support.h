@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of ClipFinder: a parameter store that records writes, and caches with unique names.
 #pragma once
 

@@ -1,1 +1,2 @@
+# SPDX-License-Identifier: MIT
 set(VORTA_FAMILY_LIBS vorta_params)

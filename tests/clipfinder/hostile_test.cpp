@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Hostile surroundings for ClipFinder's names and playlist files: special files named like playlists, no
 // descriptor to spare.
 #include <fcntl.h>
@@ -16,6 +17,7 @@
 #include <thread>
 
 #include "clipfinder_support.h"
+#include "fail_alloc.h"
 
 namespace {
 
@@ -84,15 +86,18 @@ class ClipFinderHostile : public ::testing::Test {
   zev::media::MediaCache cache;
 };
 
-const char kNotRegular[] =
-    "ClipFinder::writePlaylist - call to zev::utils::file::File::write_file failed: not a regular file\n";
+// What a refused special file says: the reason as errno gives it.
+std::string refused(const char* reason) {
+  return std::string("ClipFinder::writePlaylist - call to zev::utils::file::File::write_file failed: ") +
+         reason + "\n";
+}
 
 // A FIFO with no writer named like a playlist: the open used to wait for a
 // writer for ever. It is refused at once.
 TEST_F(ClipFinderHostile, WriteToAFifoIsRefusedWithoutBlocking) {
   const std::string path = zev + "/pipe.playlist";
   ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
-  const int status = writeInChild("pipe.playlist", kNotRegular);
+  const int status = writeInChild("pipe.playlist", refused("Invalid argument"));
   EXPECT_EQ(status, 0) << (status == -1 ? "writePlaylist blocked on the FIFO" : "wrong result");
 }
 
@@ -115,9 +120,9 @@ TEST_F(ClipFinderHostile, WriteToASocketIsRefused) {
 
 TEST_F(ClipFinderHostile, WriteToADirectoryOrADeviceIsRefused) {
   ASSERT_EQ(::mkdir((zev + "/dir.playlist").c_str(), 0755), 0);
-  EXPECT_EQ(writeInChild("dir.playlist", kNotRegular), 0);
+  EXPECT_EQ(writeInChild("dir.playlist", refused("Is a directory")), 0);
   ASSERT_EQ(::symlink("/dev/null", (zev + "/null.playlist").c_str()), 0);
-  EXPECT_EQ(writeInChild("null.playlist", kNotRegular), 0);
+  EXPECT_EQ(writeInChild("null.playlist", refused("Invalid argument")), 0);
 }
 
 TEST_F(ClipFinderHostile, WriteThroughLinks) {
@@ -137,6 +142,8 @@ TEST_F(ClipFinderHostile, WriteThroughLinks) {
 // With no descriptor to spare, the write reports the system's reason and
 // returns false; the busy parameter still goes back to 2.
 TEST_F(ClipFinderHostile, WriteWithNoDescriptorToSpareFails) {
+  if (vorta_test::builtWithSanitizer())
+    GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own (it probes memory through a pipe)";
   vorta_test::writeFile(zev + "/full.playlist", "BEFORE");
   const int status = inChildWithin(20, [&] {
     if (!useUpDescriptors()) return 3;
@@ -153,6 +160,8 @@ TEST_F(ClipFinderHostile, WriteWithNoDescriptorToSpareFails) {
 // shared clip cache among them, gives the same name with no descriptor to
 // spare.
 TEST_F(ClipFinderHostile, NamesAreBuiltWithNoDescriptorToSpare) {
+  if (vorta_test::builtWithSanitizer())
+    GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own (it probes memory through a pipe)";
   params.setParam(eParamClipNameScene, 1);
   params.setParam(eParamClipNameNumber, 12);
   params.setParam(eParamClipNameLetterOn, 1);

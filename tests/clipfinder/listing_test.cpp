@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of ClipFinder's listing: cache order, reversal, the current playlist, unplayable clips, the shell.
 #include <gtest/gtest.h>
 

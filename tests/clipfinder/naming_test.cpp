@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of clip names and takes: the four schemas, take rules, slave names, rollover names.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the playlist file operations and of the clip chosen after a delete.
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the media attribute block: the reader, the writer rule, the record's constructor.
 #include <gtest/gtest.h>
 

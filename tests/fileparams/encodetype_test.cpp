@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the encode-type families.
 #include <gtest/gtest.h>
 

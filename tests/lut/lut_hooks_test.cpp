@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The LUT recognisers' error hooks, driven with exceptions made by hand for
 // the cases this grammar never produces (with the runtime in use here a
 // failed match is reported as a plain recognition error, so "mismatched

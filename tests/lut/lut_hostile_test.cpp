@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // LUT files a reviewer would try: too large, too many tokens, special files, a capped address space.
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tests: caches under unique names removed afterwards, raw segment access, clip and byte helpers.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the shared clip image: its bytes, flushing, reading, sizing and the cache object's life.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of how a cache lock tells a dead holder from a live one, with real processes: holders
 // outside the library, recorded holders whose pid was reused, holders that ended half-way, fork
 // children, descriptor exhaustion and the permissions of the lock objects.

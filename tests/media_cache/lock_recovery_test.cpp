@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the cache locks with real processes: a holder killed while holding, a slow holder, signals while
 // waiting.
 #include <gtest/gtest.h>

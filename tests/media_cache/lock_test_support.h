@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tests: child processes, pipes and a watchdog for the lock tests; the raw semaphore and
 // owner record of a cache lock.
 #pragma once

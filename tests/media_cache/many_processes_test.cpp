@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of both caches used by many processes at once: every read sees one whole image.
 #include <gtest/gtest.h>
 #include <signal.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the shared playlist image, adding and removing playlists, and the "All Clips" playlist.
 #include <gtest/gtest.h>
 

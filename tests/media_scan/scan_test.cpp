@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the media scan and clip intake on real clip files.
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the arena that holds a scan's records.
 #include <gtest/gtest.h>
 

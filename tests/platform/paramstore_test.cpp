@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the parameter service: the identifier table, the in-memory store and the file store.
 #include <gtest/gtest.h>
 #include <sys/wait.h>

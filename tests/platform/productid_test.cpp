@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the product capability check.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the clip record's bytes: fields land in native byte order at fixed offsets.
 #include <gtest/gtest.h>
 

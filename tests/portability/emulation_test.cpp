@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the emulation check that lets a test skip what user-mode emulation cannot do.
 #include <gtest/gtest.h>
 #include <sys/wait.h>

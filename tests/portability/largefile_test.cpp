@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of file sizes beyond 2 GiB, which a 32-bit off_t cannot hold.
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the records shared between processes and machines: identical layouts on every build.
 #include <gtest/gtest.h>
 

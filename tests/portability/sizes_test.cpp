@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the type sizes and limits the device has and the code relies on.
 #include <gtest/gtest.h>
 #include <sys/types.h>

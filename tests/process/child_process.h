@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tests: running test code in forked child processes and talking to them over pipes.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of Daemonizer: pid file, termination, status and crash signals, detaching; in real child processes.
 #include "daemonutils.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of ThreadSleep: timed sleeps and adding intervals to absolute times.
 #include "threadsleep.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tests: builds small QuickTime movie files byte by byte, for cases no encoder writes.
 #pragma once
 

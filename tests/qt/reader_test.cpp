@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the QuickTime movie reader: real encoder clips against ffprobe's table,
 // built movies for the cases no encoder writes, and malformed files.
 #define _FILE_OFFSET_BITS 64

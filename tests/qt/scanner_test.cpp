@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the QuickTime file scanner CZEVQTFileParams and the factory CFileParams::create.
 #define _FILE_OFFSET_BITS 64
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tests: make the Nth allocation of the process fail, to see a unit return its failure instead of
 // aborting.
 #pragma once
@@ -8,11 +9,12 @@ namespace vorta_test {
 /// test skips with it).
 const char* allocationFailureUnavailable();
 
-/// From now on, the nth call (1 = the next) of malloc, calloc, realloc,
-/// posix_memalign, aligned_alloc or memalign returns null (sets ENOMEM),
-/// and so does every later one when `andAfter` is true. operator new, which
-/// takes its memory from malloc, then throws std::bad_alloc. Only test
-/// binaries linked with this helper are affected.
+/// From now on, the nth call (1 = the next) of malloc, calloc or realloc
+/// returns null (sets ENOMEM), and so does every later one when `andAfter`
+/// is true. operator new, which takes its memory from malloc, then throws
+/// std::bad_alloc. The replacements are those of fail_alloc.h (FailAlloc is
+/// the same failure counted differently: use one at a time); only test
+/// binaries that use either are affected.
 void failAllocation(long n, bool andAfter = false);
 /// Allocations succeed again; returns how many failed since failAllocation.
 long stopFailingAllocations();

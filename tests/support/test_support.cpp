@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tests: temporary directories, unique names and small file helpers.
 #include "test_support.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Hostile input for the UTF-8 copies and the code page 437 mapping: malformed UTF-8 of every kind, empty and
 // very long text, every size at and past a bound.
 #include <gtest/gtest.h>

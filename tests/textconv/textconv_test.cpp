@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the UTF-8 copies and the code page 437 mapping.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the frame arithmetic: frame counts to components and back, drop
 // frame, wrapping at a day, and the exhaustive round trips of every format.
 #include <gtest/gtest.h>

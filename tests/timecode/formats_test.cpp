@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the time code formats: per-format constants and the frames in a day.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of construction, copying and the one-sided equality of CRP188.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the RP188 register words: encoding by the setters, decoding,
 // the flag setters and the user-bit readers.
 #include <gtest/gtest.h>

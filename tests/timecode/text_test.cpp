@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the time code text: parsing, the canonical form, user bits and
 // the glyph string for burn-in.
 #include <gtest/gtest.h>

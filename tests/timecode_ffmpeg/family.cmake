@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Differential tests against FFmpeg's libavutil timecode functions: a
 # test-only host dependency, so the family is left out of cross builds and
 # when libavutil's development files are missing.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Differential tests of CRP188 against FFmpeg's libavutil: for every frame
 // count of a day in each format, the same text and the same time code bits.
 #include <gtest/gtest.h>

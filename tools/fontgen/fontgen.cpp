@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // fontgen: renders the burn-in font (CharMap) from a TrueType face with FreeType
 // and writes it as a C++ source, classes/rp188_font_generated.cpp.
 //

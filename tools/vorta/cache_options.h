@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tool: the options that name the shared caches, common to the cache and playlists commands.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tool: command registry, argument parsing and output helpers.
 #include "cli.h"
 

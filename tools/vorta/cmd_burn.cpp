@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta burn: burns a time code into a test frame of a frame-buffer format and writes it as a PNG.
 
 #include <algorithm>

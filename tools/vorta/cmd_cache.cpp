@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta cache: create, inspect, flush and remove the shared clip and playlist caches.
 #include <signal.h>
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta scan, clips, add, remove: the shared clip catalogue of the medium.
 #include <unistd.h>
 
@@ -210,7 +211,7 @@ int runScan(Invocation& in) {
   {
     Progress progress(dir, entries);
     if (in.value("encode-type")) {
-      session.cache().ScanMedia(dir, encodeType);
+      if (session.cache().ScanMedia(dir, encodeType) != 1) throw Failure("the scan of " + dir + " failed");
     } else if (session.finder().scanMedia(dir) != 0) {
       throw Failure("the scan of " + dir + " failed");
     }

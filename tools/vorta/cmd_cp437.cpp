@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta cp437: shows how a text is sent to the recorder's code page 437 display.
 #include <cstring>
 #include <iostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta daemon-demo: a daemon with its pid file that stops cleanly on SIGTERM.
 #include <errno.h>
 #include <signal.h>

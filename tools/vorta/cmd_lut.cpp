@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta lut: reads a colour look-up table file, shows its entries and draws its curves as a PNG.
 
 #include <algorithm>

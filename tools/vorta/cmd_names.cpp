@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta next-name, after-delete: the next recording's clip name, and the clip made current after deletes.
 #include <iostream>
 #include <set>

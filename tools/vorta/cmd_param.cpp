@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta param: read and change the recorder's parameters kept in the parameter file.
 #include <cstdio>
 #include <iostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta playlist: write, rename and delete playlist files in the media directory.
 #include <fstream>
 #include <iostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta playlists: list the cached playlists with "All Clips", add playlist files, remove them.
 #include <cjson/cJSON.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta probe: what the clip scanner reads from movie files, or why it refuses them.
 #include <sys/stat.h>
 

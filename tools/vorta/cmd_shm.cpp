@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta shm: publish, change and read a text shared between processes.
 #include <signal.h>
 #include <unistd.h>
@@ -27,7 +28,14 @@ int create(Invocation& in, const std::string& name, const std::string& capacityT
   sigprocmask(SIG_BLOCK, &stop, nullptr);
 
   ShmString shm(name.c_str());
-  if (!shm.create(capacity)) throw Failure("cannot create the shared string " + name);
+  if (!shm.create(capacity)) {
+    // Another process owns the name and still runs: its text is left alone.
+    if (ShmString::hasLiveOwner(name.c_str())) {
+      std::cerr << "vorta shm: " << name << " is owned by a running process; not taken over\n";
+      return 1;
+    }
+    throw Failure("cannot create the shared string " + name);
+  }
   const std::string text = in.value("text").value_or("");
   shm.set(text.c_str());
   std::vector<char> held(static_cast<std::size_t>(capacity));
@@ -110,7 +118,8 @@ const Command kShm{
     "create NAME CAPACITY | set NAME TEXT | get NAME",
     "A shared string lives in POSIX shared memory under NAME (e.g. /status).\n"
     "'create' makes it as its owner, with room for CAPACITY - 1 characters, and\n"
-    "holds it until SIGINT or SIGTERM, then removes the name. 'set' and 'get'\n"
+    "holds it until SIGINT or SIGTERM, then removes the name; it refuses (exit\n"
+    "status 1) a name whose owner still runs. 'set' and 'get'\n"
     "attach as readers from other processes; a longer text is cut. 'get --size N'\n"
     "reads into N bytes: the result (--json) is the text's length, or N when the\n"
     "text was cut, one more than what is shown. Any process that detaches clears\n"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta take: the take number that clip names carry.
 #include <iostream>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tc: time code arithmetic, text and RP188 register words by hand.
 #include <cctype>
 #include <cstdio>

@@ -1,15 +1,18 @@
+// SPDX-License-Identifier: MIT
 // vorta: the recorder's console tool. Dispatches to the registered commands.
 #include <algorithm>
 #include <exception>
 #include <iostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "cli.h"
+#include "docgen.h"
 
 namespace {
 
-const char kVersion[] = "0.1.0";
+const char kVersion[] = VORTA_VERSION;
 
 void printMainHelp(std::ostream& out) {
   out << "usage: vorta COMMAND [options] [arguments]\n\n"
@@ -45,6 +48,17 @@ int main(int argc, char** argv) {
       return 0;
     }
     printMainHelp(std::cout);
+    return 0;
+  }
+  // Build-time generators of the manual page and the bash completion.
+  if (first == "--man") {
+    std::ostringstream help;
+    printMainHelp(help);
+    vorta::cli::printManPage(std::cout, kVersion, help.str());
+    return 0;
+  }
+  if (first == "--bash-completion") {
+    vorta::cli::printBashCompletion(std::cout);
     return 0;
   }
   if (first == "--version") {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tool: what the media commands share: the parameter file, the caches and a ClipFinder over them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vorta tool: writing 8-bit RGB pictures as PNG files (libpng).
 #include "png_output.h"
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # A session of separate vorta runs on one shared cache: what one run writes,
 # the next one sees. The segments are removed at the end, also on failure.
 # -DVORTA=path -DEMULATOR=a|b -DPREFIX=name -DWORK_DIR=dir

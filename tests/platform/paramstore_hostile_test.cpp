@@ -1,0 +1,217 @@
+// SPDX-License-Identifier: MIT
+// The file parameter store against special files: a FIFO, socket or directory as the parameter
+// file, its lock or its temporary file is refused without blocking and never written.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <functional>
+#include <random>
+#include <string>
+
+#include "fail_alloc.h"
+#include "paramstore.h"
+#include "test_support.h"
+
+namespace {
+
+using vorta_test::readFile;
+using vorta_test::TempDir;
+using vorta_test::writeFile;
+
+double now() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+// The exit code of body run in a child; -1 when it blocked past the limit.
+int inChild(const std::function<int()>& body) {
+  const double seconds = vorta_test::underEmulation() ? 120.0 : 30.0;
+  const pid_t pid = fork();
+  if (pid < 0) return -2;
+  if (pid == 0) {
+    int code = 98;
+    try {
+      code = body();
+    } catch (...) {
+      code = 99;
+    }
+    _exit(code);
+  }
+  const double deadline = now() + seconds;
+  for (;;) {
+    int status = 0;
+    const pid_t done = waitpid(pid, &status, WNOHANG);
+    if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (done < 0) return -2;
+    if (now() > deadline) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+      return -1;
+    }
+    usleep(2000);
+  }
+}
+
+}  // namespace
+
+// A FIFO or directory as the parameter file: it reads as a bad file (no
+// value), writes fail, nothing blocks and the FIFO stays a FIFO.
+TEST(FileParamsHostile, AFifoOrDirectoryAsTheParameterFileIsRefusedWithoutBlocking) {
+  TempDir dir;
+  ASSERT_EQ(mkfifo(dir.file("fifo.json").c_str(), 0644), 0);
+  ASSERT_EQ(mkdir(dir.file("dir.json").c_str(), 0755), 0);
+  for (const char* name : {"fifo.json", "dir.json"}) {
+    const std::string path = dir.file(name);
+    EXPECT_EQ(inChild([&] {
+                FileParamStore store(path);
+                if (store.getParam(eParamTake) != 0u) return 1;  // what an unreadable file gives
+                uint32_t value = 77;
+                if (store.getParamValue(eParamEncodeType, value) != 0 || value != 77) return 2;
+                if (store.setParam(eParamTake, 5) != 0) return 3;
+                return 0;
+              }),
+              0)
+        << name << " (-1: blocked)";
+    struct stat info;
+    ASSERT_EQ(lstat(path.c_str(), &info), 0);
+    EXPECT_FALSE(S_ISREG(info.st_mode)) << name;
+  }
+}
+
+// A FIFO in place of the lock file, or of the temporary file a write goes
+// through, makes the write fail without blocking; the parameter file is
+// left as it was.
+TEST(FileParamsHostile, AFifoAsTheLockOrTemporaryFileFailsTheWriteWithoutBlocking) {
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  writeFile(path, "{\"take\": 3}\n");
+  ASSERT_EQ(mkfifo((path + ".lock").c_str(), 0644), 0);
+  EXPECT_EQ(inChild([&] {
+              FileParamStore store(path);
+              if (store.setParam(eParamTake, 9) != 0) return 1;
+              return store.getParam(eParamTake) == 3u ? 0 : 2;
+            }),
+            0)
+      << "-1: blocked on the lock";
+  ASSERT_EQ(unlink((path + ".lock").c_str()), 0);
+
+  EXPECT_EQ(inChild([&] {
+              // The temporary name carries the writer's pid: put a FIFO there first.
+              if (mkfifo((path + ".tmp." + std::to_string(getpid())).c_str(), 0644) != 0) return 10;
+              FileParamStore store(path);
+              if (store.setParam(eParamTake, 9) != 0) return 1;
+              return store.getParam(eParamTake) == 3u ? 0 : 2;
+            }),
+            0)
+      << "-1: blocked on the temporary file";
+  EXPECT_EQ(readFile(path), "{\"take\": 3}\n");
+}
+
+// The size bound of a parameter file: at 1 MiB it is read, one byte more
+// and it is refused.
+TEST(FileParamsHostile, ParameterFileAtAndJustPastTheSizeBound) {
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  const std::string head = "{\"take\": 4, \"pad\": \"";
+  const std::string tail = "\"}";
+  const std::size_t bound = 1 << 20;
+  writeFile(path, head + std::string(bound - head.size() - tail.size(), 'x') + tail);
+  EXPECT_EQ(FileParamStore(path).getParam(eParamTake), 4u);
+  writeFile(path, head + std::string(bound + 1 - head.size() - tail.size(), 'x') + tail);
+  EXPECT_EQ(FileParamStore(path).getParam(eParamTake), 0u);  // refused as a bad file
+}
+
+// Every allocation of a read and of a write made to fail in turn: nothing
+// throws, a read gives the stored value or nothing, and the file always
+// holds a whole parameter file with the old or the new value.
+TEST(FileParamsHostile, AllocationFailureAtEveryPointNeverThrowsOrTearsTheFile) {
+  if (!vorta_test::allocationFailureAvailable()) GTEST_SKIP() << "a sanitizer owns malloc in this build";
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  writeFile(path, "{\"take\": 3}\n");
+  EXPECT_EQ(inChild([&]() -> int {
+              FileParamStore store(path);
+              for (long budget = 0; budget < 5000; ++budget) {
+                uint32_t value = 0;
+                int stored = -1, read = -1;
+                long refused = 0;
+                {
+                  vorta_test::FailAlloc failing(budget);
+                  read = store.getParamValue(eParamTake, value);
+                  stored = store.setParam(eParamTake, static_cast<uint32_t>(4 + budget % 2));
+                  refused = vorta_test::FailAlloc::failures();
+                }
+                if (read == 1 && value != 3 && value != 4 && value != 5) return 1;
+                const uint32_t now = store.getParam(eParamTake);
+                if (now != 3 && now != 4 && now != 5) return 2;
+                if (stored == 1 && now != static_cast<uint32_t>(4 + budget % 2)) return 3;
+                if (refused == 0) return stored == 1 && read == 1 ? 0 : 4;
+              }
+              return 5;
+            }),
+            0)
+      << "99: an exception escaped";
+}
+
+// With no descriptor left, reads give nothing and writes fail; nothing is
+// written and nothing crashes.
+TEST(FileParamsHostile, NoDescriptorLeftFailsReadsAndWrites) {
+  if (vorta_test::builtWithSanitizer())
+    GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own (it probes memory through a pipe)";
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  writeFile(path, "{\"take\": 3}\n");
+  EXPECT_EQ(inChild([&]() -> int {
+              FileParamStore store(path);
+              const int lowest = dup(0);
+              if (lowest < 0) return 10;
+              close(lowest);
+              struct rlimit limit;
+              if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 11;
+              limit.rlim_cur = static_cast<rlim_t>(lowest);
+              if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 12;
+              uint32_t value = 77;
+              if (store.getParamValue(eParamTake, value) != 0 || value != 77) return 1;
+              if (store.setParam(eParamTake, 9) != 0) return 2;
+              return 0;
+            }),
+            0);
+  EXPECT_EQ(readFile(path), "{\"take\": 3}\n");
+}
+
+// A writer killed at random moments leaves a whole parameter file holding
+// one of the values it wrote.
+TEST(FileParamsHostile, AWriterKilledAtRandomMomentsLeavesAWholeFile) {
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  FileParamStore(path).setParam(eParamTake, 1);
+  std::mt19937 random(777);
+  const int rounds = vorta_test::underEmulation() ? 3 : 10;
+  for (int round = 0; round < rounds; ++round) {
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      FileParamStore store(path);
+      for (uint32_t i = 0;; ++i) store.setParam(eParamTake, 1 + i % 999);
+    }
+    usleep(std::uniform_int_distribution<unsigned>(500, 30000)(random));
+    kill(pid, SIGKILL);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    FileParamStore store(path);
+    uint32_t value = 0;
+    ASSERT_EQ(store.getParamValue(eParamTake, value), 1) << "round " << round << ": " << readFile(path);
+    EXPECT_GE(value, 1u);
+    EXPECT_LE(value, 999u);
+    // The store goes on working.
+    EXPECT_EQ(store.setParam(eParamTake, 5), 1);
+    EXPECT_EQ(store.getParam(eParamTake), 5u);
+  }
+}

@@ -1,0 +1,380 @@
+// SPDX-License-Identifier: MIT
+// Tests of ShmString ownership and hostile cases: a second owner while the first is alive, names
+// left by dead owners, special files in the name's place, exhausted descriptors and heap.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "child_process.h"
+#include "fail_alloc.h"
+#include "shmstring.h"
+#include "test_support.h"
+
+namespace {
+
+using namespace process_test;
+using vorta_test::uniqueName;
+
+class OwnedName {
+ public:
+  OwnedName() : name_("/" + uniqueName("vorta_shmowner")) {}
+  ~OwnedName() { shm_unlink(name_.c_str()); }
+  const char* c_str() const { return name_.c_str(); }
+  // Size of the object under the name now; -1 when there is none.
+  long long size() const {
+    const int fd = shm_open(name_.c_str(), O_RDONLY | O_NONBLOCK, 0);
+    if (fd == -1) return -1;
+    struct stat status;
+    const long long result = fstat(fd, &status) == 0 ? static_cast<long long>(status.st_size) : -1;
+    ::close(fd);
+    return result;
+  }
+
+ private:
+  std::string name_;
+};
+
+// An owner in a child process that answers commands over pipes: "get"
+// answers with get()'s result and text, "set TEXT" stores, "close" closes.
+// It stays until its command pipe closes.
+class OwnerProcess {
+ public:
+  OwnerProcess(const char* name, int capacity, const char* text) {
+    pid_ = forkChild([&] {
+      toTest_.closeRead();
+      toOwner_.closeWrite();
+      ShmString shm(name);
+      if (!shm.create(capacity) || !shm.set(text)) {
+        writeAll(toTest_.write, "failed\n");
+        _exit(1);
+      }
+      writeAll(toTest_.write, "ready\n");
+      for (;;) {
+        const std::string command = readLine(toOwner_.read, 3600);
+        if (command == "get") {
+          char buffer[256];
+          const int n = shm.get(buffer, sizeof buffer);
+          writeAll(toTest_.write, std::to_string(n) + " " + buffer + "\n");
+        } else if (command.rfind("set ", 0) == 0) {
+          writeAll(toTest_.write, shm.set(command.c_str() + 4) ? "set\n" : "not set\n");
+        } else if (command == "close") {
+          shm.close();
+          writeAll(toTest_.write, "closed\n");
+        } else {
+          break;
+        }
+      }
+    });
+    toTest_.closeWrite();
+    toOwner_.closeRead();
+    ready_ = readLine(toTest_.read, patience()) == "ready";
+  }
+  ~OwnerProcess() { stop(); }
+
+  bool ready() const { return ready_; }
+  pid_t pid() const { return pid_; }
+  std::string ask(const std::string& command) {
+    writeAll(toOwner_.write, command + "\n");
+    return readLine(toTest_.read, patience());
+  }
+  // Ends the owner normally (its destructor closes); the exit status.
+  int stop() {
+    if (pid_ <= 0) return -1;
+    toOwner_.closeWrite();
+    const int status = waitForExit(pid_, patience());
+    pid_ = -1;
+    return status;
+  }
+  void kill9() {
+    kill(pid_, SIGKILL);
+    waitForExit(pid_, patience());
+    pid_ = -1;
+  }
+
+ private:
+  Pipe toTest_, toOwner_;
+  pid_t pid_ = -1;
+  bool ready_ = false;
+};
+
+// Runs body in a child and gives its exit status; a child that does not end
+// within the limit (a call that blocks) is killed and -1 comes back, so a
+// hang fails the test instead of hanging the run.
+int inChild(const std::function<int()>& body, double seconds = 10) {
+  const pid_t pid = forkChild([&] {
+    int code = 98;
+    try {
+      code = body();
+    } catch (...) {
+      code = 99;  // nothing may throw out of the code under test
+    }
+    _exit(code);
+  });
+  const int status = waitForExit(pid, seconds * (vorta_test::underEmulation() ? 4 : 1));
+  if (status == -1) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// The shared-memory directory of the C library, where a hostile process can
+// put a FIFO under a segment's name.
+const char* kShmDir = "/dev/shm";
+
+}  // namespace
+
+// A second create on a live owner's name is refused; the owner's segment
+// keeps its size and the owner's reads and writes go on working.
+TEST(ShmStringOwner, CreateOverALiveOwnerInAnotherProcessIsRefused) {
+  OwnedName name;
+  OwnerProcess first(name.c_str(), 64, "first text");
+  ASSERT_TRUE(first.ready());
+  const long long size = name.size();
+  EXPECT_EQ(size, 64 + static_cast<long long>(ShmString::kOverhead));
+  EXPECT_TRUE(ShmString::hasLiveOwner(name.c_str()));
+
+  ShmString second(name.c_str());
+  EXPECT_FALSE(second.create(8));
+  EXPECT_FALSE(second.create(64));
+  EXPECT_FALSE(second.create(1000));
+  EXPECT_EQ(second.capacity(), 0);
+  EXPECT_EQ(name.size(), size);
+  // Used to die here with SIGBUS: the segment had been shrunk under it.
+  EXPECT_EQ(first.ask("get"), "10 first text");
+  EXPECT_EQ(first.ask("set still mine"), "set");
+  EXPECT_EQ(first.ask("get"), "10 still mine");
+
+  // A reader still reads the owner's text.
+  ShmString reader(name.c_str());
+  char text[64];
+  EXPECT_EQ(reader.get(text, sizeof text), 10);
+  EXPECT_STREQ(text, "still mine");
+  reader.close();  // clears the pid (deliberately), but the owner's lock stays
+  EXPECT_TRUE(ShmString::hasLiveOwner(name.c_str()));
+  EXPECT_FALSE(second.create(8));
+  EXPECT_EQ(first.ask("get"), "10 still mine");
+
+  // Once the first has ended, the name can be created again.
+  const int status = first.stop();
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_FALSE(ShmString::hasLiveOwner(name.c_str()));
+  ASSERT_TRUE(second.create(8));
+  EXPECT_TRUE(second.set("second"));
+  EXPECT_EQ(second.get(text, sizeof text), 6);
+  EXPECT_STREQ(text, "second");
+}
+
+// Two objects in one process: the second is refused as well (the lock
+// belongs to the first object's descriptor, not to the process).
+TEST(ShmStringOwner, SecondOwnerInTheSameProcessIsRefused) {
+  OwnedName name;
+  ShmString first(name.c_str());
+  ASSERT_TRUE(first.create(16));
+  ASSERT_TRUE(first.set("mine"));
+  {
+    ShmString second(name.c_str());
+    EXPECT_FALSE(second.create(4));
+  }  // its destructor must not remove the first's name
+  char text[16];
+  EXPECT_EQ(first.get(text, sizeof text), 4);
+  EXPECT_EQ(name.size(), 16 + static_cast<long long>(ShmString::kOverhead));
+  first.close();
+  EXPECT_EQ(name.size(), -1);
+  ShmString third(name.c_str());
+  EXPECT_TRUE(third.create(4));
+}
+
+// An owner killed while a reader maps its segment: a new owner with a
+// smaller capacity makes a new segment; the old one keeps its size, so the
+// reader's mapping stays valid, and the reader moves to the new owner.
+TEST(ShmStringOwner, DeadOwnersNameIsReusedWithoutShrinkingWhatReadersMap) {
+  OwnedName name;
+  OwnerProcess first(name.c_str(), 4096, "big");
+  ASSERT_TRUE(first.ready());
+  ShmString reader(name.c_str());
+  ASSERT_TRUE(reader.attach(false, 0));
+  EXPECT_EQ(reader.capacity(), 4096);
+  first.kill9();
+  EXPECT_FALSE(ShmString::hasLiveOwner(name.c_str()));
+
+  ShmString successor(name.c_str());
+  ASSERT_TRUE(successor.create(8));
+  EXPECT_EQ(name.size(), 8 + static_cast<long long>(ShmString::kOverhead));
+  ASSERT_TRUE(successor.set("new"));
+  char text[16];
+  EXPECT_EQ(reader.get(text, sizeof text), 3);
+  EXPECT_STREQ(text, "new");
+  EXPECT_EQ(reader.capacity(), 8);
+}
+
+// The owner killed at a random moment while it keeps rewriting its text:
+// the name is taken over afterwards and reads work.
+TEST(ShmStringOwner, OwnerKilledAtRandomMomentsLeavesANameThatCanBeTakenOver) {
+  std::mt19937 random(12345);
+  const int rounds = vorta_test::underEmulation() ? 3 : 10;
+  for (int round = 0; round < rounds; ++round) {
+    OwnedName name;
+    Pipe ready;
+    const pid_t owner = forkChild([&] {
+      ready.closeRead();
+      ShmString shm(name.c_str());
+      if (!shm.create(128)) _exit(1);
+      writeAll(ready.write, "ready\n");
+      for (unsigned i = 0;; ++i) shm.set(std::string(i % 100, static_cast<char>('a' + i % 26)).c_str());
+    });
+    ready.closeWrite();
+    ASSERT_EQ(readLine(ready.read, patience()), "ready");
+    usleep(std::uniform_int_distribution<unsigned>(0, 20000)(random));
+    kill(owner, SIGKILL);
+    waitForExit(owner, patience());
+
+    ShmString successor(name.c_str());
+    ASSERT_TRUE(successor.create(32)) << round;
+    ASSERT_TRUE(successor.set("after"));
+    ShmString reader(name.c_str());
+    char text[32];
+    EXPECT_EQ(reader.get(text, sizeof text), 5);
+    EXPECT_STREQ(text, "after");
+  }
+}
+
+// get with size 0 reads nothing and returns min(0, capacity) = 0.
+TEST(ShmStringOwner, GetWithSizeZeroReturnsZeroAndTouchesNothing) {
+  OwnedName name;
+  ShmString owner(name.c_str());
+  ASSERT_TRUE(owner.create(8));
+  ASSERT_TRUE(owner.set("abc"));
+  char dest[4] = {'q', 'q', 'q', 0};
+  EXPECT_EQ(owner.get(dest, 0), 0);
+  EXPECT_STREQ(dest, "qqq");
+  EXPECT_EQ(owner.get(nullptr, 0), 0);
+  // Size 1 and the capacity bounds.
+  EXPECT_EQ(owner.get(dest, 1), 1);
+  EXPECT_STREQ(dest, "");
+  char wide[16];
+  EXPECT_EQ(owner.get(wide, 8), 3);
+  EXPECT_EQ(owner.get(wide, 9), 3);
+  // Not attachable: -1, and with size 0 nothing is written either.
+  ShmString none(("/" + uniqueName("vorta_shmnone")).c_str());
+  dest[0] = 'q';
+  EXPECT_EQ(none.get(dest, 0), -1);
+  EXPECT_EQ(dest[0], 'q');
+  EXPECT_EQ(none.get(dest, 1), -1);
+  EXPECT_EQ(dest[0], '\0');
+}
+
+// Capacity bounds: the largest capacity is accepted, one more is refused.
+TEST(ShmStringOwner, CapacityAtAndPastTheLargest) {
+  OwnedName name;
+  ShmString owner(name.c_str());
+  EXPECT_FALSE(owner.create(ShmString::kMaxCapacity + 1));
+  ASSERT_TRUE(owner.create(ShmString::kMaxCapacity));
+  EXPECT_EQ(owner.capacity(), ShmString::kMaxCapacity);
+  const std::string longText(ShmString::kMaxCapacity + 10, 'x');
+  ASSERT_TRUE(owner.set(longText.c_str()));
+  ShmString reader(name.c_str());
+  std::string into(ShmString::kMaxCapacity, '\0');
+  EXPECT_EQ(reader.get(&into[0], ShmString::kMaxCapacity), ShmString::kMaxCapacity - 1);
+  EXPECT_EQ(std::strlen(into.c_str()), static_cast<std::size_t>(ShmString::kMaxCapacity - 1));
+}
+
+// A FIFO, a directory or a symbolic link put in a segment's place is
+// refused at once: nothing blocks on it.
+TEST(ShmStringOwner, SpecialFilesUnderTheNameAreRefusedWithoutBlocking) {
+  struct stat dir;
+  if (stat(kShmDir, &dir) != 0 || !S_ISDIR(dir.st_mode) || access(kShmDir, W_OK) != 0) {
+    GTEST_SKIP() << "no writable " << kShmDir << " to put special files in";
+  }
+  const std::string base = uniqueName("vorta_shmspecial");
+  const std::string path = std::string(kShmDir) + "/" + base;
+  const std::string name = "/" + base;
+  for (const char* kind : {"fifo", "directory", "dangling link"}) {
+    int made = -1;
+    if (std::strcmp(kind, "fifo") == 0) made = mkfifo(path.c_str(), 0666);
+    if (std::strcmp(kind, "directory") == 0) made = mkdir(path.c_str(), 0777);
+    if (std::strcmp(kind, "dangling link") == 0) made = symlink("/nonexistent/vorta", path.c_str());
+    ASSERT_EQ(made, 0) << kind;
+    EXPECT_EQ(inChild([&] {
+                ShmString shm(name.c_str());
+                char text[8] = "x";
+                if (shm.attach(false, 0)) return 1;
+                if (shm.get(text, sizeof text) != -1 || text[0] != '\0') return 2;
+                if (shm.set("text")) return 3;
+                if (shm.create(8)) return 4;
+                if (ShmString::hasLiveOwner(name.c_str())) return 5;
+                return 0;
+              }),
+              0)
+        << kind;
+    struct stat after;
+    EXPECT_EQ(lstat(path.c_str(), &after), 0) << kind << " must be left where it is";
+    if (std::strcmp(kind, "directory") == 0)
+      rmdir(path.c_str());
+    else
+      unlink(path.c_str());
+  }
+}
+
+// With no descriptor left, create and attach fail cleanly; the owner
+// already attached keeps working.
+TEST(ShmStringOwner, DescriptorExhaustionFailsCleanly) {
+  if (vorta_test::builtWithSanitizer())
+    GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own (it probes memory through a pipe)";
+  OwnedName name;
+  OwnedName other;
+  EXPECT_EQ(inChild([&] {
+              ShmString owner(name.c_str());
+              if (!owner.create(16) || !owner.set("held")) return 1;
+              // Use up every descriptor below a limit just above what is open.
+              const int probe = dup(0);
+              if (probe < 0) return 2;
+              ::close(probe);
+              struct rlimit limit;
+              if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 3;
+              limit.rlim_cur = static_cast<rlim_t>(probe);
+              if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 3;
+              ShmString second(other.c_str());
+              if (second.create(16)) return 4;
+              ShmString reader(name.c_str());
+              char text[16];
+              if (reader.get(text, sizeof text) != -1) return 5;
+              if (owner.get(text, sizeof text) != 4 || std::strcmp(text, "held") != 0) return 6;
+              if (!owner.set("still")) return 7;
+              return 0;
+            }),
+            0);
+  EXPECT_EQ(other.size(), -1);
+}
+
+// ShmString takes nothing from the heap: with every allocation failing it
+// creates, writes, reads and closes as usual.
+TEST(ShmStringOwner, WorksWithEveryAllocationFailing) {
+  if (!vorta_test::allocationFailureAvailable()) GTEST_SKIP() << "a sanitizer owns malloc in this build";
+  OwnedName name;
+  bool created = false, stored = false;
+  int got = 0;
+  long refused = 0;
+  char text[16] = {};
+  {
+    vorta_test::FailAlloc failing;
+    ShmString owner(name.c_str());
+    created = owner.create(16);
+    stored = owner.set("no heap");
+    ShmString reader(name.c_str());
+    got = reader.get(text, sizeof text);
+    refused = vorta_test::FailAlloc::failures();
+  }
+  EXPECT_TRUE(created);
+  EXPECT_TRUE(stored);
+  EXPECT_EQ(got, 7);
+  EXPECT_STREQ(text, "no heap");
+  EXPECT_EQ(refused, 0);
+}
