@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -379,71 +380,102 @@ bool printableLetter(uint32_t letter) {
   return c >= 0x20u && c < 0x7Fu && c != '/';
 }
 
+// Naming calls under way on this thread (a name's construction may build
+// the schema's name again on the way).
+thread_local int t_namingCalls = 0;
+
+// Runs build (a name's construction); when memory runs out on the way
+// (reading a parameter's text, the listing a slave name consults, the
+// name itself) the outermost naming call clears the name and returns -1
+// with a line on standard error, so that std::bad_alloc never leaves the
+// naming calls. An inner call hands the failure on: swallowed there, it
+// would leave the take search without the schema's name, finding no take
+// and so giving out the name of a clip already on the medium.
+template <typename Build>
+int outOfMemoryGivesMinusOne(const char* who, std::string& name, Build build) {
+  struct Depth {
+    Depth() { ++t_namingCalls; }
+    ~Depth() { --t_namingCalls; }
+  } depth;
+  try {
+    return build();
+  } catch (const std::bad_alloc&) {
+    if (t_namingCalls > 1) throw;
+    name.clear();
+    std::fprintf(stderr, "%s. out of memory building the clip name\n", who);
+    return -1;
+  }
+}
+
 }  // namespace
 
 int ClipFinder::buildClipNameBase(std::string& name, bool nextTake) {
-  if (isSlaveUsingMasterClipName()) {
-    const int result = slaveClipName(name);
-    dropControlCharacters(name);
-    return result;
-  }
+  return outOfMemoryGivesMinusOne("buildClipNameBase()", name, [&]() -> int {
+    if (isSlaveUsingMasterClipName()) {
+      const int result = slaveClipName(name);
+      dropControlCharacters(name);
+      return result;
+    }
 
-  if (params->getParam(eParamClipNameSource) - 1u <= 2u) {
-    params->getParamString(eParamREDClipName, name);
-    if (name != kInvalidRedName) {
+    if (params->getParam(eParamClipNameSource) - 1u <= 2u) {
+      params->getParamString(eParamREDClipName, name);
+      if (name != kInvalidRedName) {
+        dropControlCharacters(name);
+        return 0;
+      }
+      std::fprintf(stderr, "\nbuildClipNameBase(). clipName == INVALID_RED_DATA_NAME\n");
+    }
+
+    if (params->getParam(eParamCustomClipName) == 1) {
+      params->getParamString(eParamCustomClipNameText, name);
+      if (params->getParam(eParamCustomTake) == 1)
+        name += formatInt("_%d", params->getParam(eParamCustomTakeNumber));
       dropControlCharacters(name);
       return 0;
     }
-    std::fprintf(stderr, "\nbuildClipNameBase(). clipName == INVALID_RED_DATA_NAME\n");
-  }
 
-  if (params->getParam(eParamCustomClipName) == 1) {
-    params->getParamString(eParamCustomClipNameText, name);
-    if (params->getParam(eParamCustomTake) == 1)
-      name += formatInt("_%d", params->getParam(eParamCustomTakeNumber));
-    dropControlCharacters(name);
+    uint32_t scene = 0, number = 0, letterOn = 0, letter = 0, take = 0;
+    params->getParamValue(eParamClipNameScene, scene);
+    params->getParamValue(eParamClipNameNumber, number);
+    params->getParamValue(eParamClipNameLetterOn, letterOn);
+    params->getParamValue(eParamClipNameLetter, letter);
+    params->getParamValue(eParamTake, take);
+    if (nextTake) ++take;
+
+    name = scene != 0 ? "SC" : "Clip";
+    if (number != 0) name += formatInt("%d", number);
+    // A letter code that is no printable character (0 among them, which
+    // would end the name's C string) is left out, as if the letter were off.
+    if (letterOn != 0) {
+      if (printableLetter(letter))
+        name += static_cast<char>(letter & 0xFFu);
+      else
+        std::fprintf(stderr,
+                     "buildClipNameBase(). clip name letter %u is not a printable character; left out\n",
+                     static_cast<unsigned>(letter));
+    }
+    name += "TK";
+    name += formatInt("%d", take);
     return 0;
-  }
-
-  uint32_t scene = 0, number = 0, letterOn = 0, letter = 0, take = 0;
-  params->getParamValue(eParamClipNameScene, scene);
-  params->getParamValue(eParamClipNameNumber, number);
-  params->getParamValue(eParamClipNameLetterOn, letterOn);
-  params->getParamValue(eParamClipNameLetter, letter);
-  params->getParamValue(eParamTake, take);
-  if (nextTake) ++take;
-
-  name = scene != 0 ? "SC" : "Clip";
-  if (number != 0) name += formatInt("%d", number);
-  // A letter code that is no printable character (0 among them, which
-  // would end the name's C string) is left out, as if the letter were off.
-  if (letterOn != 0) {
-    if (printableLetter(letter))
-      name += static_cast<char>(letter & 0xFFu);
-    else
-      std::fprintf(stderr,
-                   "buildClipNameBase(). clip name letter %u is not a printable character; left out\n",
-                   static_cast<unsigned>(letter));
-  }
-  name += "TK";
-  name += formatInt("%d", take);
-  return 0;
+  });
 }
 
 int ClipFinder::buildClipName(std::string& name, std::list<Clip>* clips) {
-  const bool overwrite = allowOverwriteOfExistingClips();
-  const bool custom = useCustomClipTake(overwrite);
-  int result = 0;
-  if (!overwrite) {
-    const uint32_t current = params->getParam(custom ? eParamCustomTakeNumber : eParamTake);
-    const int last = clips != nullptr ? getLastMatchingTakeInList(*clips, custom, std::string()) : 0;
-    if (last == static_cast<int>(current)) result = last == kHighestTake ? -1 : 0;
-  }
-  const int base = buildClipNameBase(name, false);
-  if (base != 0) return base;
-  if (result != 0) return result;
-  name += ".mov";
-  return 0;
+  return outOfMemoryGivesMinusOne("buildClipName()", name, [&]() -> int {
+    const bool overwrite = allowOverwriteOfExistingClips();
+    const bool custom = useCustomClipTake(overwrite);
+    int result = 0;
+    if (!overwrite) {
+      const uint32_t current = params->getParam(custom ? eParamCustomTakeNumber : eParamTake);
+      const int last = clips != nullptr ? getLastMatchingTakeInList(*clips, custom, std::string()) : 0;
+      if (last == static_cast<int>(current)) result = last == kHighestTake ? -1 : 0;
+    }
+    const int base = buildClipNameBase(name, false);
+    if (base != 0) return base;
+    if (result != 0) return result;
+    name += ".mov";
+    return 0;
+  });
 }
 
 std::string ClipFinder::SetREDMetaData(uint8_t camera, uint32_t reel, uint8_t clipLetter, uint32_t clipNumber,

@@ -49,9 +49,13 @@ class ClipFinder {
 
   // Clip names and takes.
   /// The name of the next recording, with ".mov"; 0, or -1 when no further
-  /// take is possible (the name then has no ".mov").
+  /// take is possible (the name then has no ".mov"). When memory runs out
+  /// on the way (reading a parameter's text, for example) the name is left
+  /// empty and -1 returned, with a line on standard error; no std::bad_alloc
+  /// leaves this call or buildClipNameBase.
   int buildClipName(std::string& name, std::list<Clip>* clips);
-  /// The name without extension under the schema in force; 0, or -1.
+  /// The name without extension under the schema in force; 0, or -1 (also
+  /// when memory runs out, as above).
   /// A built name never holds NUL or another control character: with the
   /// letter on, a letter code that is not printable ASCII (or is "/"),
   /// judged by its low byte as "%c" writes it, is left out (SC12TK3 instead
@@ -73,6 +77,11 @@ class ClipFinder {
   int getClipNameWithIncrementedRolloverIndex(std::string& name, std::string& next);
 
   // Playlist files in the media directory.
+  /// Opens the playlist file name in the media directory (without creating
+  /// it, and without changing it); true when it could be opened. A missing
+  /// file, or one that is not a regular file (a FIFO, socket, device or
+  /// directory: the open never blocks), gives false and a line on standard
+  /// error.
   bool writePlaylist(std::string& name, std::string& text);
   bool renamePlaylist(std::string oldName, std::string newName);
   bool deletePlaylist(std::string name);

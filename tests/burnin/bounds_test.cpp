@@ -220,17 +220,16 @@ TEST(BurnInBounds, V210MarkerOnlyWhereItFits) {
 // smallest int to the largest. Every set-up is accepted exactly when the
 // rules place all eleven cells inside the frame, with the geometry they
 // give; every accepted one is burnt in every mode into a frame of exactly
-// its size, once with guard bytes around it and once with guard columns
-// after every line, and no guard byte may change. Under AddressSanitizer a
+// its size with guard bytes around it, and with the marker once more into
+// one with guard columns after every line; no guard byte may change. Under AddressSanitizer a
 // stray write outside the exact frame is caught as well.
 TEST(BurnInBounds, SweepOfFormatsSizesAndPercentsNeverWritesOutsideTheFrame) {
   const VexaFrameBufferFormat formats[] = {FBF10BitYCbCr, FBF8BitYCbCr, FBFARGB, FBFRGBA, FBF10BitRGB};
-  std::vector<int> widths = {1,    24,   263,  264,  265,  266,  287,  288,  311,  312,  313, 527, 528,
-                             529,  575,  576,  577,  617,  618,  623,  624,  720,  863,  864, 865, 1000,
-                             1280, 1440, 1441, 1920, 2048, 3840, 4096, 8191, 8192, 8193, 0,   -1};
-  std::vector<int> heights = {1,   35,  36,  37,  45,  46,  175, 176, 177,  350,  351,  360,  361,
-                              486, 576, 650, 651, 720, 899, 900, 901, 1080, 2160, 4320, 8193, 0};
-  std::vector<int> percents = {INT_MIN, -1, 0, 1, 50, 79, 80, 83, 89, 90, 91, 92, 94, 95, 99, 100, INT_MAX};
+  std::vector<int> widths = {1,   263, 264, 265, 287, 288, 311, 312,  527,  528,  529,  575,  576,  577,  617,
+                             618, 623, 624, 720, 863, 864, 865, 1280, 1440, 1441, 1920, 3840, 8192, 8193, 0};
+  std::vector<int> heights = {1,   35,  36,  45,  46,  175,  176,  350,  351,  486, 650,
+                              651, 720, 899, 900, 901, 1080, 2160, 4320, 8193, 0};
+  std::vector<int> percents = {INT_MIN, -1, 0, 1, 50, 89, 90, 91, 99, 100, INT_MAX};
   if (vorta_test::underEmulation()) {
     // Under an emulator each burn is some twenty times slower; every edge
     // is still crossed in at least one format, but not every pair of them.
@@ -281,9 +280,12 @@ TEST(BurnInBounds, SweepOfFormatsSizesAndPercentsNeverWritesOutsideTheFrame) {
           }
           for (const Burn& b : kBurns) {
             ASSERT_TRUE(tc.BurnTC(exact->data(), exact->pitch(), b.mode, b.value, b.marker)) << what;
-            ASSERT_TRUE(tc.BurnTC(columns->data(), columns->pitch(), b.mode, b.value, b.marker)) << what;
-            burns += 2;
+            ++burns;
           }
+          // Every mode spans the same cells; the widest (with the marker)
+          // is enough to look for bytes past the end of a line.
+          ASSERT_TRUE(tc.BurnTC(columns->data(), columns->pitch(), BurnTimecode, 0, true)) << what;
+          ++burns;
           ASSERT_EQ(exact->damage(), "") << what;
           ASSERT_EQ(columns->damage(), "") << what;
         }

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -235,6 +236,68 @@ TEST(LutHostile, LinkToARegularFileIsRead) {
   const Outcome r = parse(dir.file("link.lut"));
   EXPECT_TRUE(r.ok);
   EXPECT_EQ(r.count, 1);
+}
+
+// ---- descriptors
+
+// The number of descriptors the process has open.
+int openDescriptors() {
+  int n = 0;
+  for (int fd = 0; fd < 4096; ++fd)
+    if (::fcntl(fd, F_GETFD) != -1) ++n;
+  return n;
+}
+
+// With no descriptor to spare the file cannot be opened: false with the
+// open message, nothing stored. One descriptor free is all a parse needs.
+TEST(LutHostile, NoDescriptorToSpareReturnsFalseAndOneIsEnough) {
+  vorta_test::TempDir dir;
+  const std::string path = dir.file("two.lut");
+  vorta_test::writeFile(path, "1 2 3\n4 5 6\n");
+  const int status = inChildWithin(20, [&] {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 2;
+    limit.rlim_cur = 64;
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 2;
+    // Takes every descriptor left; gives the last one taken.
+    const auto takeAll = [] {
+      int last = -1;
+      for (int fd; (fd = ::dup(2)) >= 0;) last = fd;
+      return errno == EMFILE ? last : -1;
+    };
+    testing::internal::CaptureStderr();  // before: capturing needs descriptors of its own
+    int last = takeAll();
+    if (last < 0) return 2;
+    const Outcome none = parse(path);
+    ::close(last);  // reading the capture back opens its file again
+    const std::string err = testing::internal::GetCapturedStderr();
+    if (none.ok || none.message != "Unable to open file" || none.count != -7) return 3;
+    if (err != "Failed to open file " + path + "\n") return 4;
+    last = takeAll();
+    if (last < 0) return 2;
+    ::close(last);
+    const Outcome one = parse(path);
+    return one.ok && one.count == 2 ? 0 : 5;
+  });
+  EXPECT_EQ(status, 0);
+}
+
+// No parse leaves a descriptor open, whichever way it ends: a table, a
+// syntax error, a file too large, not UTF-8, a FIFO, a missing file.
+TEST(LutHostile, NoParseLeavesADescriptorOpen) {
+  vorta_test::TempDir dir;
+  vorta_test::writeFile(dir.file("good.lut"), "1 2 3\n");
+  vorta_test::writeFile(dir.file("bad.lut"), "1 2 x\n");
+  vorta_test::writeFile(dir.file("latin1.lut"), "# caf\xE9\n1 2 3\n");
+  sparseFile(dir.file("big.lut"), static_cast<long long>(LUT_Utils::kMaxLutFileBytes) + 1);
+  ASSERT_EQ(mkfifo(dir.file("pipe.lut").c_str(), 0644), 0);
+  const int before = openDescriptors();
+  for (const char* name : {"good.lut", "bad.lut", "latin1.lut", "big.lut", "pipe.lut", "missing.lut"}) {
+    testing::internal::CaptureStderr();
+    parse(dir.file(name));
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(openDescriptors(), before) << name;
+  }
 }
 
 // ---- address space
