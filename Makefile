@@ -6,6 +6,8 @@
 #   make test-asan   the test suite under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make test-ppc    the test suite built for the recorder's 32-bit big-endian
 #                    PowerPC and run under qemu-user
+#   make test-ppc-system  the process, cache, lock, daemon, sleep and burn-in
+#                    tests on a PowerPC Linux kernel under qemu-system-ppc
 #   make bench       run the benchmarks
 #   make fuzz        run every fuzz target for FUZZ_SECONDS seconds
 #   make format      apply .clang-format;  make format-check  only check it
@@ -13,7 +15,7 @@
 FUZZ_SECONDS ?= 30
 FORMAT_FILES = $(shell git ls-files -co --exclude-standard '*.cpp' '*.h' 2>/dev/null | grep -v -e '^tests/data/' -e '_generated' )
 
-.PHONY: all deps deps-ppc build test demo bench test-asan test-ppc fuzz format format-check clean
+.PHONY: all deps deps-ppc build test demo bench test-asan test-ppc test-ppc-system fuzz format format-check clean
 
 all: build
 
@@ -51,6 +53,13 @@ test-ppc: deps-ppc
 	@cmake --build --preset ppc
 	@ctest --preset ppc
 	@bash scripts/ctest-skips.sh build/ppc
+
+# The kernel is built once per machine and cached outside the build tree
+# (see scripts/ppc-system.sh); PPC_SYSTEM_FLAGS passes options to the script,
+# e.g. PPC_SYSTEM_FLAGS="--only test_process --filter 'Daemonizer.*'".
+test-ppc-system: deps-ppc
+	@bash scripts/install-deps.sh ppc-system
+	@bash scripts/ppc-system.sh $(PPC_SYSTEM_FLAGS)
 
 fuzz: deps
 	@cmake --preset fuzz >/dev/null
