@@ -45,7 +45,8 @@ static void say(const char* format, ...) {
 
 static void mountOrSay(const char* source, const char* target, const char* type, const char* data) {
   mkdir(target, 0755);
-  if (mount(source, target, type, MS_NOSUID, data) != 0) say("init: cannot mount %s on %s: %s\n", type, target, strerror(errno));
+  if (mount(source, target, type, MS_NOSUID, data) != 0)
+    say("init: cannot mount %s on %s: %s\n", type, target, strerror(errno));
 }
 
 static double now(void) {
@@ -199,21 +200,24 @@ static struct Counts runBinary(const char* path, double limit) {
     counts.failed += 1;
   } else if (!counts.sawSummary || !WIFEXITED(status) || (WEXITSTATUS(status) != 0 && counts.failed == 0)) {
     if (WIFSIGNALED(status))
-      say("init: %s ended by signal %d without its summary: counted as one failed test\n", path, WTERMSIG(status));
+      say("init: %s ended by signal %d without its summary: counted as one failed test\n", path,
+          WTERMSIG(status));
     else
       say("init: %s ended with status %d (summary %s): counted as one failed test\n", path,
           WIFEXITED(status) ? WEXITSTATUS(status) : -1, counts.sawSummary ? "seen" : "missing");
     counts.failed += 1;
   }
-  say("init: %s: %d passed, %d failed, %d skipped in %.1f s\n", path, counts.passed, counts.failed, counts.skipped,
-      seconds);
+  say("init: %s: %d passed, %d failed, %d skipped in %.1f s\n", path, counts.passed, counts.failed,
+      counts.skipped, seconds);
   return counts;
 }
 
 int main(void) {
   setUp();
   struct utsname u;
-  if (uname(&u) == 0) say("init: %s %s %s, %ld processors online\n", u.sysname, u.release, u.machine, sysconf(_SC_NPROCESSORS_ONLN));
+  if (uname(&u) == 0)
+    say("init: %s %s %s, %ld processors online\n", u.sysname, u.release, u.machine,
+        sysconf(_SC_NPROCESSORS_ONLN));
 
   const char* limitText = getenv("VORTA_TEST_TIMEOUT");
   const double limit = limitText != NULL ? strtod(limitText, NULL) : 1800.0;
