@@ -89,6 +89,8 @@ build_kernel() {
       die "apt-get source $kernel_package failed: apt needs deb-src entries for Debian 12's main archive (scripts/ppc-deps.sh adds them)"
   fi
   local started=$SECONDS
+  # What an interrupted or failed build (of any configuration) left behind.
+  rm -rf "$cache"/build-*/
   say "building the kernel $kernel_upstream for ppce500/e500mc in $work (log: $log)"
   rm -rf "$work"
   mkdir -p "$work"
