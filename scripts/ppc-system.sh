@@ -127,9 +127,11 @@ build_kernel() {
   cp "$kb/.config" "$kdir/config"
   cp "$kb/vmlinux" "$kdir/vmlinux.part"
   mv "$kdir/vmlinux.part" "$vmlinux"
-  echo $((SECONDS - started)) >"$kdir/build-seconds"
+  local took=$((SECONDS - started))
+  echo "$took" >"$kdir/build-seconds"
+  say "kernel built in $took s (unpacking the source included): $vmlinux"
+  say "removing the kernel's build tree $work"
   rm -rf "$work"
-  say "kernel built in $((SECONDS - started)) s: $vmlinux"
 }
 
 if [ -f "$vmlinux" ]; then
