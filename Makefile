@@ -6,8 +6,8 @@
 #   make test-asan   the test suite under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make test-ppc    the test suite built for the recorder's 32-bit big-endian
 #                    PowerPC and run under qemu-user
-#   make test-ppc-system  the process, cache, lock, daemon, sleep and burn-in
-#                    tests on a PowerPC Linux kernel under qemu-system-ppc
+#   make test-ppc-system  the process, cache, lock, daemon, sleep, burn-in and
+#                    other unit tests on a PowerPC kernel under qemu-system-ppc
 #   make bench       run the benchmarks
 #   make fuzz        run every fuzz target for FUZZ_SECONDS seconds
 #   make format      apply .clang-format;  make format-check  only check it
