@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs the process, shared-memory, cache, lock, daemon, sleep and burn-in test
-# binaries, cross-built for the recorder's 32-bit big-endian PowerPC, on a
+# binaries, and the other unit-test binaries that need no shell, cross-built
+# for the recorder's 32-bit big-endian PowerPC, on a
 # PowerPC Linux kernel under full-system emulation (qemu-system-ppc, machine
 # ppce500 with an e500mc core). Unlike qemu-user, the guest's futexes,
 # signals, shared memory, record locks, memory advice and /proc are a real
@@ -37,7 +38,10 @@ kernel_upstream=${kernel_upstream%-*}
 defconfig=corenet32_smp_defconfig
 fragment=$root/scripts/ppc-system/kernel.config
 
-binaries=(test_process test_media_cache test_cache_open test_burnin test_media_scan test_portability)
+# The kernel-sensitive binaries first; then the rest, which cost little. Not
+# test_clipfinder: its shell-command tests need a shell, which the guest has not.
+binaries=(test_process test_media_cache test_cache_open test_burnin test_media_scan test_portability
+  test_clip test_fileparams test_lut test_platform test_qt test_textconv test_timecode)
 filter=
 timeout=2400
 run=1
