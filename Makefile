@@ -7,6 +7,8 @@
 #   make test-asan   the test suite under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make test-ppc    the test suite built for the recorder's 32-bit big-endian
 #                    PowerPC and run under qemu-user
+#   make test-ppc-system  the process, cache, lock, daemon, sleep, burn-in and
+#                    other unit tests on a PowerPC kernel under qemu-system-ppc
 #   make package     the Debian packages libvorta0, libvorta-dev and vorta, in
 #                    build/package (make package-ppc: the same for PowerPC)
 #   make bench       run the benchmarks
@@ -16,7 +18,7 @@
 FUZZ_SECONDS ?= 30
 FORMAT_FILES = $(shell git ls-files -co --exclude-standard '*.cpp' '*.h' 2>/dev/null | grep -v -e '^tests/data/' -e '_generated' )
 
-.PHONY: all deps deps-ppc build test demo bench test-asan test-ppc package package-ppc fuzz format format-check clean
+.PHONY: all deps deps-ppc build test demo bench test-asan test-ppc test-ppc-system package package-ppc fuzz format format-check clean
 
 all: build
 
@@ -54,6 +56,13 @@ test-ppc: deps-ppc
 	@cmake --build --preset ppc
 	@ctest --preset ppc
 	@bash scripts/ctest-skips.sh build/ppc
+
+# The kernel is built once per machine and cached outside the build tree
+# (see scripts/ppc-system.sh); PPC_SYSTEM_FLAGS passes options to the script,
+# e.g. PPC_SYSTEM_FLAGS="--only test_process --filter 'Daemonizer.*'".
+test-ppc-system: deps-ppc
+	@bash scripts/install-deps.sh ppc-system
+	@bash scripts/ppc-system.sh $(PPC_SYSTEM_FLAGS)
 
 # A build of its own for /usr without run paths, packed by CPack's DEB generator.
 package: deps

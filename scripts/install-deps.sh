@@ -5,6 +5,8 @@
 #
 #   scripts/install-deps.sh            build, test and benchmark dependencies
 #   scripts/install-deps.sh ppc        plus the PowerPC cross toolchain and qemu
+#   scripts/install-deps.sh ppc-system plus what building a PowerPC kernel and
+#                                      booting it under qemu-system-ppc needs
 #   scripts/install-deps.sh fixtures   plus ffmpeg, for regenerating test clips
 #   scripts/install-deps.sh all        everything
 set -euo pipefail
@@ -22,6 +24,11 @@ ppc=(
   g++-powerpc-linux-gnu qemu-user-static dpkg-dev
   autoconf automake libtool
 )
+# The kernel's own build (bison, flex, bc, libelf, libssl), the initramfs
+# (cpio) and the full-system emulator.
+ppc_system=(
+  qemu-system-ppc bc bison flex libssl-dev libelf-dev cpio xz-utils
+)
 fixtures=(ffmpeg python3 libfreetype-dev fonts-dejavu-core)
 
 want=("${base[@]}")
@@ -29,9 +36,10 @@ for group in "$@"; do
   case "$group" in
     base) ;;
     ppc) want+=("${ppc[@]}") ;;
+    ppc-system) want+=("${ppc[@]}" "${ppc_system[@]}") ;;
     fixtures) want+=("${fixtures[@]}") ;;
-    all) want+=("${ppc[@]}" "${fixtures[@]}") ;;
-    *) echo "install-deps: unknown group '$group' (base, ppc, fixtures, all)" >&2; exit 2 ;;
+    all) want+=("${ppc[@]}" "${ppc_system[@]}" "${fixtures[@]}") ;;
+    *) echo "install-deps: unknown group '$group' (base, ppc, ppc-system, fixtures, all)" >&2; exit 2 ;;
   esac
 done
 
