@@ -209,7 +209,7 @@ interpreter=$(powerpc-linux-gnu-readelf -l "$rootfs/tests/${binaries[0]}" | sed 
 mkdir -p "$rootfs$(dirname "$interpreter")"
 cp -L "$(find_lib "$(basename "$interpreter")")" "$rootfs$interpreter"
 # The fixtures, at the absolute path compiled into the tests.
-data=$(sed -n 's/.*VORTA_TEST_DATA_DIR="\([^"]*\)".*/\1/p' "$root/build/ppc/build.ninja" | head -n 1)
+data=$(sed -n 's/.*VORTA_TEST_DATA_DIR=\\*"\([^"\\]*\)\\*".*/\1/p' "$root/build/ppc/build.ninja" | head -n 1)
 [ -n "$data" ] || data=$root/tests/data
 mkdir -p "$rootfs$data"
 cp -a "$root/tests/data/." "$rootfs$data/"
