@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // vorta: daemon start-up, pid file and signal handling for the recorder's resident processes.
 #include "daemonutils.h"
+#include "internal/regular_file.h"
 
 #include <errno.h>
 #include <execinfo.h>
@@ -133,14 +134,9 @@ void Daemonizer::setupSignalHandler(std::string daemonName, void (*handleTermOrK
   // Like fopen(pidfile, "w"), except that a FIFO or device put under the
   // name is neither blocked on nor written: only a regular file is
   // truncated and gets the pid.
-  const int fd = ::open(pidfile, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0666);
+  const int fd = zev::detail::openRegularFile(pidfile, O_WRONLY | O_CREAT, 0666);
   if (fd >= 0) {
-    struct stat info;
-    FILE* file = nullptr;
-    const int flags = ::fcntl(fd, F_GETFL);
-    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && flags != -1 &&
-        ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0 && ::ftruncate(fd, 0) == 0)
-      file = ::fdopen(fd, "w");
+    FILE* file = ::ftruncate(fd, 0) == 0 ? ::fdopen(fd, "w") : nullptr;
     if (file != nullptr) {
       std::fprintf(file, "%d\n", static_cast<int>(getpid()));
       std::fclose(file);

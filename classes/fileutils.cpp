@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // vorta: ClipFinder (listing, clip names and takes, playlist files), FileUtils, clip record helpers.
 #include "fileutils.h"
+#include "internal/regular_file.h"
 
 #include <cjson/cJSON.h>
 #include <fcntl.h>
@@ -103,20 +104,11 @@ struct JsonDeleter {
 // blocks and only a regular file is accepted (errno EINVAL for others, or
 // EISDIR for a directory); the stream then reads in blocking mode.
 FILE* openRegularForReading(const std::string& path, const char* mode) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  const int fd = zev::detail::openRegularFile(path.c_str(), O_RDONLY);
   if (fd < 0) return nullptr;
-  struct stat info;
-  int error = 0;
-  const int flags = ::fcntl(fd, F_GETFL);
-  if (::fstat(fd, &info) != 0 || flags == -1)
-    error = errno;
-  else if (!S_ISREG(info.st_mode))
-    error = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
-  else if (::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1)
-    error = errno;
-  FILE* file = error == 0 ? ::fdopen(fd, mode) : nullptr;
+  FILE* file = ::fdopen(fd, mode);
   if (file == nullptr) {
-    if (error == 0) error = errno;
+    const int error = errno;
     ::close(fd);
     errno = error;
   }

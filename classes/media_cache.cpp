@@ -30,6 +30,7 @@
 
 #include "fileparams.h"
 #include "internal/cache_lock.h"
+#include "internal/regular_file.h"
 #include "internal/work_arena.h"
 #include "media_attributes.h"
 #include "productid.h"
@@ -517,20 +518,11 @@ int MediaCache::GrokPlaylist(PlaylistCacheEntry& entry, std::string path) {
   // O_NONBLOCK keeps a FIFO put in the file's place since the stat from
   // blocking the open; anything but a regular file is refused on the open
   // descriptor, and a regular one is then read in blocking mode.
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-  if (fd < 0) return 0;
   struct stat64 opened;
-  if (::fstat64(fd, &opened) != 0) {
-    const int error = errno;
-    ::close(fd);
-    std::fputs("::read_file - fstat failed\n", stderr);
-    errno = error;
-    return 0;
-  }
-  const int flags = ::fcntl(fd, F_GETFL);
-  if (!S_ISREG(opened.st_mode) || flags == -1 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1) {
-    ::close(fd);
-    errno = 0;
+  const int fd = detail::openRegularFile(path.c_str(), O_RDONLY, 0, &opened);
+  if (fd < 0) {
+    // What is no regular file is refused silently, as above.
+    if (errno == EINVAL || errno == EISDIR) errno = 0;
     return 0;
   }
   const std::uint64_t fileSize = opened.st_size > 0 ? static_cast<std::uint64_t>(opened.st_size) : 0;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // vorta: a short text published by one process in POSIX shared memory for any number of readers.
 #include "shmstring.h"
+#include "internal/regular_file.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -74,25 +75,15 @@ int openSegmentFile(const char* name, int flags) {
 // owner shares the descriptor, and so the lock, until it closes it (the
 // descriptor is close-on-exec). Kernels without such locks (before Linux
 // 3.15) get flock, which has the same semantics for this purpose.
-struct flock ownerByte(short type) {
-  struct flock range;
-  std::memset(&range, 0, sizeof range);
-  range.l_type = type;
-  range.l_whence = SEEK_SET;
-  range.l_start = 0;
-  range.l_len = 1;
-  return range;
-}
-
 bool takeOwnerLock(int fd) {
-  struct flock range = ownerByte(F_WRLCK);
+  struct flock range = zev::detail::byteZeroRange(F_WRLCK);
   if (fcntl(fd, F_OFD_SETLK, &range) == 0) return true;
   if (errno != EINVAL) return false;
   return flock(fd, LOCK_EX | LOCK_NB) == 0;
 }
 
 bool ownerLockHeld(int fd) {
-  struct flock range = ownerByte(F_WRLCK);
+  struct flock range = zev::detail::byteZeroRange(F_WRLCK);
   if (fcntl(fd, F_OFD_GETLK, &range) == 0) return range.l_type != F_UNLCK;
   if (errno != EINVAL) return false;
   if (flock(fd, LOCK_EX | LOCK_NB) == 0) {

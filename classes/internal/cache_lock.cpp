@@ -2,6 +2,8 @@
 // vorta: the lock of one shared cache: named mutex, gate and owner record (see cache_lock.h).
 #include "internal/cache_lock.h"
 
+#include "internal/regular_file.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -148,16 +150,6 @@ Mappers foreignMappers(const std::string& mutexName) {
   ::closedir(proc);
   if (result == Mappers::None && unknown) result = Mappers::Unknown;
   return result;
-}
-
-struct flock byteZero(short type) {
-  struct flock range;
-  std::memset(&range, 0, sizeof range);
-  range.l_type = type;
-  range.l_whence = SEEK_SET;
-  range.l_start = 0;
-  range.l_len = 1;
-  return range;
 }
 
 unsigned modeOf(const std::string& path) {
@@ -329,7 +321,7 @@ void CacheLock::closeGate() {
 
 bool CacheLock::takeGate(bool wait) {
   if (!openGate()) return false;
-  struct flock range = byteZero(F_WRLCK);
+  struct flock range = byteZeroRange(F_WRLCK);
   int rc;
   while ((rc = ::fcntl(gateFd_, wait ? F_OFD_SETLKW : F_OFD_SETLK, &range)) != 0 && errno == EINTR) {
   }
@@ -350,7 +342,7 @@ bool CacheLock::takeGate(bool wait) {
 
 void CacheLock::releaseGate() {
   if (!gateHeld_) return;
-  struct flock range = byteZero(F_UNLCK);
+  struct flock range = byteZeroRange(F_UNLCK);
   ::fcntl(gateFd_, F_OFD_SETLK, &range);
   gateHeld_ = false;
 }

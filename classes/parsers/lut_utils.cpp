@@ -19,6 +19,7 @@
 
 #include "LUTLexer.h"
 #include "LUTParser.h"
+#include "internal/regular_file.h"
 #include "internal/work_arena.h"
 
 // The parser's token-name table (generated; "<invalid>" to "COMMENT").
@@ -253,19 +254,15 @@ enum class ReadResult { Ok, CannotOpen, TooLarge };
 // says it is a regular file. A file larger than kMaxLutFileBytes is refused
 // before anything is read; `bytes` then holds its size.
 ReadResult readWhole(const std::string& fileName, std::vector<uint8_t>& buffer, long long& bytes) {
-  const int fd = ::open(fileName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  struct stat64 st {};
+  const int fd = zev::detail::openRegularFile(fileName.c_str(), O_RDONLY, 0, &st);
   if (fd < 0) return ReadResult::CannotOpen;
   struct Closer {
     int fd;
     ~Closer() { ::close(fd); }
   } closer{fd};
-  struct stat st {};
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return ReadResult::CannotOpen;
   bytes = static_cast<long long>(st.st_size);
-  if (st.st_size > static_cast<off_t>(zev::utils::LUT_Utils::kMaxLutFileBytes)) return ReadResult::TooLarge;
-  // A regular file reads the same either way; blocking reads from here on.
-  const int flags = ::fcntl(fd, F_GETFL);
-  if (flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) return ReadResult::CannotOpen;
+  if (st.st_size > static_cast<off64_t>(zev::utils::LUT_Utils::kMaxLutFileBytes)) return ReadResult::TooLarge;
   buffer.clear();
   buffer.reserve(static_cast<std::size_t>(st.st_size) + kPadding);
   uint8_t chunk[16384];

@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: MIT
+// vorta: non-blocking opens of regular files and the byte-0 lock range (see regular_file.h).
+#include "internal/regular_file.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace zev {
+namespace detail {
+
+int openRegularFile(const char* path, int flags, mode_t mode, struct stat64* info) {
+  const int fd = ::open(path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, mode);
+  if (fd < 0) return -1;
+  struct stat64 seen;
+  int error = 0;
+  const int status = ::fcntl(fd, F_GETFL);
+  if (::fstat64(fd, &seen) != 0 || status == -1)
+    error = errno;
+  else if (!S_ISREG(seen.st_mode))
+    error = S_ISDIR(seen.st_mode) ? EISDIR : EINVAL;
+  else if (::fcntl(fd, F_SETFL, status & ~O_NONBLOCK) == -1)
+    error = errno;
+  if (error != 0) {
+    ::close(fd);
+    errno = error;
+    return -1;
+  }
+  if (info != nullptr) *info = seen;
+  return fd;
+}
+
+struct flock byteZeroRange(short type) {
+  struct flock range;
+  std::memset(&range, 0, sizeof range);
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  range.l_start = 0;
+  range.l_len = 1;
+  return range;
+}
+
+}  // namespace detail
+}  // namespace zev
