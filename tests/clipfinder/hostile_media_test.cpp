@@ -34,50 +34,12 @@ using clipfinder_test::names;
 using clipfinder_test::RecordingParams;
 using clipfinder_test::UniqueCaches;
 using vorta_test::dataPath;
+using vorta_test::inChild;
 using vorta_test::readFile;
 using vorta_test::TempDir;
 using vorta_test::writeFile;
 using zev::media::MediaCache;
 using Names = std::vector<std::string>;
-
-double patience() { return vorta_test::underEmulation() ? 120.0 : 30.0; }
-
-double now() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
-// Runs body in a forked child and gives its exit code; a child still running
-// after the limit (blocked on a FIFO, say) is killed and -1 comes back, so a
-// hang fails the test instead of hanging the run. A child killed by a signal
-// gives 128 + the signal.
-int inChild(const std::function<int()>& body, double seconds = patience()) {
-  const pid_t pid = fork();
-  if (pid < 0) return -2;
-  if (pid == 0) {
-    int code = 98;
-    try {
-      code = body();
-    } catch (...) {
-      code = 99;  // nothing may throw out of the code under test
-    }
-    _exit(code);
-  }
-  const double deadline = now() + seconds;
-  for (;;) {
-    int status = 0;
-    const pid_t done = waitpid(pid, &status, WNOHANG);
-    if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    if (done < 0) return -2;
-    if (now() > deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      return -1;
-    }
-    usleep(2000);
-  }
-}
 
 void place(const std::string& fixture, const std::string& path, time_t modTime) {
   writeFile(path, readFile(dataPath("qt/" + fixture)));

@@ -31,14 +31,7 @@ TEST(LockOwner, HolderOutsideTheLibraryIsWaitedFor) {
   cache.WriteClipCacheToSharedMemory({makeClip("A.mov", 1)});
 
   Pipe holding;
-  Child holder([&] {
-    bip::named_mutex direct(bip::open_only, names.options.clipLock.c_str());
-    direct.lock();
-    holding.post();
-    usleep(1000 * 1000);
-    direct.unlock();
-    return 0;
-  });
+  Child holder(holdsMutexDirectly(names.options.clipLock, holding, 1000 * 1000));
   ASSERT_TRUE(holding.await());
   EXPECT_EQ(semaphoreValue(names.options.clipLock), 0);
   const MediaCache::LockState state = cache.ClipLockState();
@@ -66,14 +59,7 @@ TEST(LockOwner, LongWaitForAnOutsiderIsNamed) {
   ScopedNames names;
   MediaCache cache(names.options);
   Pipe holding;
-  Child holder([&] {
-    bip::named_mutex direct(bip::open_only, names.options.playlistLock.c_str());
-    direct.lock();
-    holding.post();
-    usleep(5600 * 1000);
-    direct.unlock();
-    return 0;
-  });
+  Child holder(holdsMutexDirectly(names.options.playlistLock, holding, 5600 * 1000));
   ASSERT_TRUE(holding.await());
   Watchdog watchdog(60);
   testing::internal::CaptureStderr();
@@ -92,14 +78,7 @@ TEST(LockOwner, KilledHolderIsTakenOverWithinASecond) {
   MediaCache cache(names.options);
   cache.WriteClipCacheToSharedMemory({makeClip("A.mov", 1)});
   Pipe holding;
-  Child holder([&] {
-    MediaCache own(names.options);
-    own.HoldClipLock([&] {
-      holding.post();
-      for (;;) pause();
-    });
-    return 0;
-  });
+  Child holder(holdsCacheLockUntilKilled(names.options, holding));
   ASSERT_TRUE(holding.await());
   const MediaCache::LockState held = cache.ClipLockState();
   EXPECT_EQ(held.kind, MediaCache::LockState::Held);
@@ -242,15 +221,7 @@ TEST(LockOwner, EndedClaimerIsNotTakenOverWhileAnOutsiderMapsTheMutex) {
   // as a program that does not use the library would.
   Pipe go;
   Pipe holding;
-  Child outsider([&] {
-    go.await();
-    bip::named_mutex direct(bip::open_only, names.options.clipLock.c_str());
-    direct.lock();
-    holding.post();
-    usleep(1200 * 1000);
-    direct.unlock();
-    return 0;
-  });
+  Child outsider(holdsMutexDirectly(names.options.clipLock, holding, 1200 * 1000, &go));
   MediaCache cache(names.options);
   go.post();
   ASSERT_TRUE(holding.await());

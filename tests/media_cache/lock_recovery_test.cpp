@@ -31,14 +31,7 @@ TEST(LockRecovery, KilledClipLockHolderIsTakenOver) {
   cache.WriteClipCacheToSharedMemory({makeClip("A.mov", 1), makeClip("B.mov", 2)});
 
   Pipe holding;
-  Child holder([&] {
-    MediaCache own(names.options);
-    own.HoldClipLock([&] {
-      holding.post();
-      for (;;) pause();
-    });
-    return 0;
-  });
+  Child holder(holdsCacheLockUntilKilled(names.options, holding));
   ASSERT_TRUE(holding.await());
   const MediaCache::LockState held = cache.ClipLockState();
   EXPECT_EQ(held.kind, MediaCache::LockState::Held);
@@ -74,14 +67,7 @@ TEST(LockRecovery, KilledPlaylistLockHolderIsRepaired) {
   cache.InitializePlaylists();
 
   Pipe holding;
-  Child holder([&] {
-    MediaCache own(names.options);
-    own.HoldPlaylistLock([&] {
-      holding.post();
-      for (;;) pause();
-    });
-    return 0;
-  });
+  Child holder(holdsCacheLockUntilKilled(names.options, holding, true));
   ASSERT_TRUE(holding.await());
   holder.killNow();
   EXPECT_EQ(cache.PlaylistLockState().kind, MediaCache::LockState::LeftHeld);

@@ -17,9 +17,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 
+#include <boost/interprocess/sync/named_mutex.hpp>
+
 #include "internal/cache_lock.h"
+#include "media_cache.h"
+#include "test_support.h"
 
 namespace lock_test {
 
@@ -111,11 +116,7 @@ struct Watchdog {
   ~Watchdog() { alarm(0); }
 };
 
-inline double now() {
-  struct timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return double(t.tv_sec) + double(t.tv_nsec) / 1e9;
-}
+inline double now() { return vorta_test::monotonicSeconds(); }
 
 /// The value of a cache's named mutex (1 free, 0 taken); -1 when it cannot be opened.
 inline int semaphoreValue(const std::string& mutexName) {
@@ -180,6 +181,39 @@ inline pid_t endedPid() {
   if (pid == 0) _exit(0);
   waitpid(pid, nullptr, 0);
   return pid;
+}
+
+/// The body of a process outside the library: it waits for `go` (when given), locks the named
+/// mutex itself, posts `holding`, keeps it for `micros` and releases it.
+inline std::function<int()> holdsMutexDirectly(const std::string& mutexName, Pipe& holding, useconds_t micros,
+                                               Pipe* go = nullptr) {
+  return [mutexName, &holding, micros, go] {
+    if (go != nullptr) go->await();
+    boost::interprocess::named_mutex direct(boost::interprocess::open_only, mutexName.c_str());
+    direct.lock();
+    holding.post();
+    usleep(micros);
+    direct.unlock();
+    return 0;
+  };
+}
+
+/// The body of a library process that takes one of the cache's locks as every operation does,
+/// posts `holding` and keeps it until it is killed.
+inline std::function<int()> holdsCacheLockUntilKilled(const zev::media::MediaCacheOptions& options,
+                                                      Pipe& holding, bool playlistLock = false) {
+  return [options, &holding, playlistLock] {
+    zev::media::MediaCache own(options);
+    auto hold = [&holding] {
+      holding.post();
+      for (;;) pause();
+    };
+    if (playlistLock)
+      own.HoldPlaylistLock(hold);
+    else
+      own.HoldClipLock(hold);
+    return 0;
+  };
 }
 
 }  // namespace lock_test

@@ -20,44 +20,10 @@
 
 namespace {
 
+using vorta_test::inChild;
 using vorta_test::readFile;
 using vorta_test::TempDir;
 using vorta_test::writeFile;
-
-double now() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
-// The exit code of body run in a child; -1 when it blocked past the limit.
-int inChild(const std::function<int()>& body) {
-  const double seconds = vorta_test::underEmulation() ? 120.0 : 30.0;
-  const pid_t pid = fork();
-  if (pid < 0) return -2;
-  if (pid == 0) {
-    int code = 98;
-    try {
-      code = body();
-    } catch (...) {
-      code = 99;
-    }
-    _exit(code);
-  }
-  const double deadline = now() + seconds;
-  for (;;) {
-    int status = 0;
-    const pid_t done = waitpid(pid, &status, WNOHANG);
-    if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    if (done < 0) return -2;
-    if (now() > deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      return -1;
-    }
-    usleep(2000);
-  }
-}
 
 }  // namespace
 

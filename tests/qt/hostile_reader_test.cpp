@@ -27,44 +27,9 @@
 namespace {
 
 using vorta_test::dataPath;
+using vorta_test::inChild;
 using vorta_test::TempDir;
 using vorta_test::writeFile;
-
-double now() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
-// Runs body in a forked child and gives its exit code; -1 when it was still
-// running after the limit (a blocked open) and had to be killed.
-int inChild(const std::function<int()>& body) {
-  const double seconds = vorta_test::underEmulation() ? 120.0 : 30.0;
-  const pid_t pid = fork();
-  if (pid < 0) return -2;
-  if (pid == 0) {
-    int code = 98;
-    try {
-      code = body();
-    } catch (...) {
-      code = 99;  // nothing may throw out of the code under test
-    }
-    _exit(code);
-  }
-  const double deadline = now() + seconds;
-  for (;;) {
-    int status = 0;
-    const pid_t done = waitpid(pid, &status, WNOHANG);
-    if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    if (done < 0) return -2;
-    if (now() > deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      return -1;
-    }
-    usleep(2000);
-  }
-}
 
 const char* kClip = "qt/hd1080_p25.mov";
 

@@ -6,7 +6,9 @@
 #include <ftw.h>
 #include <gtest/gtest.h>
 #include <limits.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -106,6 +108,40 @@ bool detectEmulation() {
 bool underEmulation() {
   static const bool emulated = detectEmulation();
   return emulated;
+}
+
+double monotonicSeconds() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+int inChild(const std::function<int()>& body, double seconds) {
+  if (seconds <= 0) seconds = underEmulation() ? 120.0 : 30.0;
+  const pid_t pid = fork();
+  if (pid < 0) return -2;
+  if (pid == 0) {
+    int code = 98;
+    try {
+      code = body();
+    } catch (...) {
+      code = 99;  // nothing may throw out of the code under test
+    }
+    _exit(code);
+  }
+  const double deadline = monotonicSeconds() + seconds;
+  for (;;) {
+    int status = 0;
+    const pid_t done = waitpid(pid, &status, WNOHANG);
+    if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (done < 0) return -2;
+    if (monotonicSeconds() > deadline) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+      return -1;
+    }
+    usleep(2000);
+  }
 }
 
 }  // namespace vorta_test

@@ -2,6 +2,7 @@
 // vorta tests: temporary directories, unique names and small file helpers.
 #pragma once
 
+#include <functional>
 #include <string>
 
 namespace vorta_test {
@@ -39,5 +40,14 @@ std::string dataPath(const std::string& relative);
 /// execute another target binary (its own /proc/self/exe included); host
 /// programs such as /bin/sh do run.
 bool underEmulation();
+
+/// Seconds on the monotonic clock.
+double monotonicSeconds();
+
+/// Runs body in a forked child and gives its exit code (128 + the signal for a child killed by
+/// one, 99 when body throws). A child still running after `seconds` (0: 30 s, 120 s under
+/// emulation), blocked on a FIFO say, is killed and -1 comes back, so a hang fails the test
+/// instead of hanging the run; -2 when the child cannot be made or waited for.
+int inChild(const std::function<int()>& body, double seconds = 0);
 
 }  // namespace vorta_test
