@@ -218,15 +218,8 @@ void CRP188::Init() {
   frames_ = seconds_ = minutes_ = hours_ = 0;
   for (unsigned int& group : binaryGroup_) group = 0;
   regDBB_ = regLow_ = regHigh_ = 0;
-  burnInReady_ = false;
-  glyphs_ = nullptr;
-  burnFormat_ = 0;
-  burnHeight_ = 0;
-  burnWidth_ = 0;
-  burnRowBytes_ = 0;
-  burnGlyphHeight_ = 0;
-  burnHorizontalStart_ = 0;
-  burnVerticalStart_ = 0;
+  glyphs_ = nullptr;  // a new object owns no glyphs yet
+  ClearBurnIn();
 }
 
 void CRP188::FreeGlyphs() {

@@ -28,23 +28,7 @@ using clipfinder_test::UniqueCaches;
 // Runs fn in a child and gives its exit code, or -1 when it was still
 // running after `seconds` (it is then killed): an open that blocks shows up
 // as a failure instead of hanging the suite.
-int inChildWithin(int seconds, const std::function<int()>& fn) {
-  std::fflush(nullptr);
-  const pid_t pid = fork();
-  if (pid < 0) return -2;
-  if (pid == 0) _exit(fn());
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  int status = 0;
-  while (waitpid(pid, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      return -1;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
+int inChildWithin(int seconds, const std::function<int()>& fn) { return vorta_test::inChild(fn, seconds); }
 
 // Takes every descriptor the process may still open (the limit is lowered
 // first, so that this is quick); false when that could not be arranged.

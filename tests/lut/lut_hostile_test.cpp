@@ -51,22 +51,7 @@ void sparseFile(const std::string& path, long long bytes) {
 // Runs fn in a child process and returns its exit status, or -1 when it
 // was still running after `seconds` (it is then killed): a parse that
 // blocks shows up as a failure instead of hanging the suite.
-int inChildWithin(int seconds, const std::function<int()>& fn) {
-  const pid_t pid = fork();
-  if (pid < 0) return -2;
-  if (pid == 0) _exit(fn());
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  int status = 0;
-  while (waitpid(pid, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      return -1;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
+int inChildWithin(int seconds, const std::function<int()>& fn) { return vorta_test::inChild(fn, seconds); }
 
 // ---- size bound
 

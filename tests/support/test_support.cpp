@@ -118,6 +118,7 @@ double monotonicSeconds() {
 
 int inChild(const std::function<int()>& body, double seconds) {
   if (seconds <= 0) seconds = underEmulation() ? 120.0 : 30.0;
+  std::fflush(nullptr);  // nothing buffered is written twice
   const pid_t pid = fork();
   if (pid < 0) return -2;
   if (pid == 0) {
