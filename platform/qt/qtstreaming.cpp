@@ -122,21 +122,40 @@ bool atomHeader(const BigEndianView& region, std::size_t offset, uint32_t& type,
   return size >= header && size <= region.size() - offset;
 }
 
-/// The body of the first child atom of the given type inside region. Stops
-/// at the first malformed child: what follows it cannot be located.
-bool findChild(const BigEndianView& region, uint32_t wanted, BigEndianView& body) {
-  std::size_t offset = 0;
-  while (region.size() - offset >= 8) {
-    uint32_t type;
+/// The child atoms of a region, in order. The walk stops at the first
+/// malformed child: what follows it cannot be located.
+class ChildAtoms {
+ public:
+  explicit ChildAtoms(const BigEndianView& region) : region_(region) {}
+
+  /// The next child's type and body; false at the end or at a malformed child.
+  bool next(uint32_t& type, BigEndianView& body) {
     std::size_t header;
     uint64_t size;
-    if (!atomHeader(region, offset, type, header, size)) return false;
-    if (type == wanted) {
-      body = region.sub(offset + header, static_cast<std::size_t>(size) - header);
-      return true;
+    if (region_.size() - offset_ < 8) return false;
+    if (!atomHeader(region_, offset_, type, header, size)) {
+      malformed_ = true;
+      return false;
     }
-    offset += static_cast<std::size_t>(size);
+    body = region_.sub(offset_ + header, static_cast<std::size_t>(size) - header);
+    offset_ += static_cast<std::size_t>(size);
+    return true;
   }
+  /// True when the walk stopped at a malformed child.
+  bool malformed() const { return malformed_; }
+
+ private:
+  BigEndianView region_;
+  std::size_t offset_ = 0;
+  bool malformed_ = false;
+};
+
+/// The body of the first child atom of the given type inside region.
+bool findChild(const BigEndianView& region, uint32_t wanted, BigEndianView& body) {
+  ChildAtoms children(region);
+  uint32_t type;
+  while (children.next(type, body))
+    if (type == wanted) return true;
   return false;
 }
 
@@ -381,19 +400,15 @@ struct SampleDefaults {
 
 SampleDefaults trackDefaults(const BigEndianView& mvex, uint32_t trackId) {
   SampleDefaults defaults;
-  std::size_t offset = 0;
-  while (mvex.size() - offset >= 8) {
-    uint32_t type, id;
-    std::size_t header;
-    uint64_t size;
-    if (!atomHeader(mvex, offset, type, header, size)) break;
-    const BigEndianView trex = mvex.sub(offset + header, static_cast<std::size_t>(size) - header);
+  ChildAtoms children(mvex);
+  uint32_t type, id;
+  BigEndianView trex;
+  while (children.next(type, trex)) {
     if (type == kTrex && trex.u32(4, id) && id == trackId) {
       trex.u32(12, defaults.duration);
       trex.u32(16, defaults.size);
       break;
     }
-    offset += static_cast<std::size_t>(size);
   }
   return defaults;
 }
@@ -428,14 +443,10 @@ bool readTrackFragment(const BigEndianView& traf, uint64_t moofOffset, uint64_t 
   const bool video = trackId == tracks.videoId;
   const bool timecode = tracks.hasTimecode && trackId == tracks.timecodeId;
   uint64_t next = base;  // where a run without its own data offset starts
-  std::size_t offset = 0;
-  while (traf.size() - offset >= 8) {
-    uint32_t type;
-    std::size_t header;
-    uint64_t size;
-    if (!atomHeader(traf, offset, type, header, size)) return false;
-    const BigEndianView trun = traf.sub(offset + header, static_cast<std::size_t>(size) - header);
-    offset += static_cast<std::size_t>(size);
+  ChildAtoms children(traf);
+  uint32_t type;
+  BigEndianView trun;
+  while (children.next(type, trun)) {
     if (type != kTrun) continue;
 
     uint32_t flags, count;
@@ -488,7 +499,7 @@ bool readTrackFragment(const BigEndianView& traf, uint64_t moofOffset, uint64_t 
     next = start + bytes;
   }
   base = next;
-  return true;
+  return !children.malformed();
 }
 
 /// Reads one 'moof' body found at file offset moofOffset into into; false
@@ -497,18 +508,13 @@ bool readFragment(const BigEndianView& moof, uint64_t moofOffset, uint64_t fileS
                   const FragmentTracks& tracks, Fragments& into) {
   Fragments fragments = into;
   uint64_t base = moofOffset;  // the first track fragment's data is counted from the moof
-  std::size_t offset = 0;
-  while (moof.size() - offset >= 8) {
-    uint32_t type;
-    std::size_t header;
-    uint64_t size;
-    if (!atomHeader(moof, offset, type, header, size)) return false;
-    if (type == kTraf &&
-        !readTrackFragment(moof.sub(offset + header, static_cast<std::size_t>(size) - header), moofOffset,
-                           fileSize, tracks, base, fragments))
+  ChildAtoms children(moof);
+  uint32_t type;
+  BigEndianView traf;
+  while (children.next(type, traf))
+    if (type == kTraf && !readTrackFragment(traf, moofOffset, fileSize, tracks, base, fragments))
       return false;
-    offset += static_cast<std::size_t>(size);
-  }
+  if (children.malformed()) return false;
   into = fragments;
   return true;
 }
@@ -830,14 +836,12 @@ bool CQTStreaming::OpenForReading(const std::string& path) {
   bool haveVideo = false, haveTimecode = false;
   Track videoTrack, timecodeTrack;
   uint32_t soundTracks = 0;
-  std::size_t offset = 0;
-  while (moov.size() - offset >= 8) {
-    uint32_t type;
-    std::size_t header;
-    uint64_t size;
-    if (!atomHeader(moov, offset, type, header, size)) break;
+  ChildAtoms children(moov);
+  uint32_t type;
+  BigEndianView trak;
+  while (children.next(type, trak)) {
     if (type == kTrak) {
-      const Track track = parseTrack(moov.sub(offset + header, static_cast<std::size_t>(size) - header));
+      const Track track = parseTrack(trak);
       if (track.handler == kVide && !haveVideo) {
         videoTrack = track;
         haveVideo = true;
@@ -849,7 +853,6 @@ bool CQTStreaming::OpenForReading(const std::string& path) {
         haveTimecode = true;
       }
     }
-    offset += static_cast<std::size_t>(size);
   }
 
   // The video samples of the moov, then those of the fragments, if any.

@@ -45,6 +45,16 @@ class QtScannerBuilt : public ::testing::Test {
     if (fields) m.extensions = movbuild::fiel(static_cast<uint8_t>(fields), static_cast<uint8_t>(order));
     return m;
   }
+  /// 1280x720 with a drop-frame time code starting at 01:00:00;00 of 59.94.
+  static movbuild::Movie hd720DropFrame(uint32_t timescale, uint32_t duration) {
+    movbuild::Movie m = movie(timescale, duration);
+    m.width = 1280;
+    m.height = 720;
+    m.timecode = true;
+    m.timecodeFlags = 0x1;
+    m.startFrame = 215784;
+    return m;
+  }
   TempDir dir_;
   int n_ = 0;
 };
@@ -122,12 +132,7 @@ TEST_F(QtScannerBuilt, Rate2997WithDropFlagUsesDropFrameFormat) {
 }
 
 TEST_F(QtScannerBuilt, Rate5994DropAndSixty) {
-  movbuild::Movie m = movie(60000, 1001);
-  m.width = 1280;
-  m.height = 720;
-  m.timecode = true;
-  m.timecodeFlags = 0x1;
-  m.startFrame = 215784;
+  movbuild::Movie m = hd720DropFrame(60000, 1001);
   auto p = scanBuilt(m);
   auto map = p->attributes.getAttributesMap();
   EXPECT_EQ(map["Format"], "1280x720p59.94");
@@ -142,13 +147,8 @@ TEST_F(QtScannerBuilt, Rate5994DropAndSixty) {
 // Format text and counts its drop-frame time code at 60 drop frame; 60
 // stored so counts at 60.
 TEST_F(QtScannerBuilt, RoundedDurationsGiveTheStandardRateAndTimecode) {
-  movbuild::Movie m = movie(1000, 17);
+  movbuild::Movie m = hd720DropFrame(1000, 17);
   m.durations = movbuild::roundedDurations(1000, 60000, 1001, 60);
-  m.width = 1280;
-  m.height = 720;
-  m.timecode = true;
-  m.timecodeFlags = 0x1;
-  m.startFrame = 215784;
   auto p = scanBuilt(m);
   ASSERT_TRUE(p->FileIsValid());
   EXPECT_DOUBLE_EQ(p->frameRate, 60000.0 / 1001.0);
