@@ -8,7 +8,8 @@
 #   scripts/install-deps.sh ppc-system plus what building a PowerPC kernel and
 #                                      booting it under qemu-system-ppc needs
 #   scripts/install-deps.sh package    plus lintian, for checking the Debian packages
-#   scripts/install-deps.sh fixtures   plus ffmpeg, for regenerating test clips
+#   scripts/install-deps.sh fixtures   plus ffmpeg, GStreamer, libquicktime's tools and
+#                                      mediainfo, for regenerating test clips
 #   scripts/install-deps.sh all        everything
 set -euo pipefail
 
@@ -31,7 +32,11 @@ ppc_system=(
   qemu-system-ppc bc bison flex libssl-dev libelf-dev cpio xz-utils
 )
 package=(lintian)
-fixtures=(ffmpeg python3 libfreetype-dev fonts-dejavu-core)
+fixtures=(
+  ffmpeg python3 libfreetype-dev fonts-dejavu-core mediainfo quicktime-utils
+  gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
+  gstreamer1.0-plugins-bad gstreamer1.0-libav
+)
 
 want=("${base[@]}")
 for group in "$@"; do
