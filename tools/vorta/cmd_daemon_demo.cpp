@@ -66,6 +66,8 @@ const Command kDaemonDemo{
     run,
     0,
     0,
+    {},
+    true,
 };
 VORTA_REGISTER_COMMAND(kDaemonDemo);
 
