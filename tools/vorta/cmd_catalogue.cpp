@@ -430,7 +430,7 @@ int runAdd(Invocation& in) {
   const std::string path = in.args()[0];
   {
     FileParamStore params(paramsFilePath(in, false));
-    insideMedium(mediaDirOf(params), path);
+    insideMedium(mediaDirOf(params), absolutePath(path));
   }
   MediaSession session(in, false, CacheUse::Create);
   int index = -1;
@@ -460,7 +460,8 @@ const Command kAdd{
     "add",
     "add one clip file to the shared catalogue",
     "FILE",
-    "Scans FILE, which must lie inside the media directory, and puts its clip\n"
+    "Scans FILE, which must lie inside the media directory (a relative path is\n"
+    "taken from the working directory), and puts its clip\n"
     "into the catalogue, replacing any clip of the same name, as the recorder\n"
     "does after it has recorded a clip. Says where the clip now stands in the\n"
     "catalogue, which is sorted oldest first (JSON: catalogueIndex, from 0; its\n"

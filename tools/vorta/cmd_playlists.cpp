@@ -66,7 +66,7 @@ int run(Invocation& in) {
     // Files of the medium only, checked before the cache is opened.
     FileParamStore params(paramsFilePath(in, false));
     const std::string dir = mediaDirOf(params);
-    for (std::size_t i = 1; i < args.size(); ++i) insideMedium(dir, args[i]);
+    for (std::size_t i = 1; i < args.size(); ++i) insideMedium(dir, absolutePath(args[i]));
   }
   auto cache = openExistingCache(in, cacheOptionsFrom(in));
   if (args.empty()) return list(in, *cache);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -65,6 +66,17 @@ inline std::string resolvedPath(std::string path, std::string& error) {
     if (!it->empty() && *it != ".") resolved += (resolved == "/" ? "" : "/") + *it;
   }
   return resolved;
+}
+
+/// path as an absolute path: relative ones are taken from the working directory.
+inline std::string absolutePath(const std::string& path) {
+  if (!path.empty() && path[0] == '/') return path;
+  char* cwd = ::getcwd(nullptr, 0);
+  if (cwd == nullptr)
+    throw Failure(std::string("cannot read the working directory: ") + std::strerror(errno));
+  const std::string out = std::string(cwd) + "/" + path;
+  std::free(cwd);
+  return out;
 }
 
 /// NAME (a name in the media directory DIR, a path relative to it or an
