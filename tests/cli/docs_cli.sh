@@ -39,7 +39,7 @@ man)
   done
   section_of() { awk -v s="$1" '$0 == ".SH " s { on = 1; next } on && /^\.SH / { exit } on' "$page"; }
   for variable in VORTA_PARAMS VORTA_PREFIX COLUMNS; do
-    grep -q "^$variable" <<<"$(section_of ENVIRONMENT)" || fail "ENVIRONMENT does not name $variable"
+    grep -qF "\\fB$variable\\fR" <<<"$(section_of ENVIRONMENT)" || fail "ENVIRONMENT does not name $variable"
   done
   for file in params.json /dev/shm/PREFIX.clips /dev/shm/sem.PREFIX.clips.lock /var/run/NAME.pid; do
     grep -qF "$file" <<<"$(section_of FILES)" || fail "FILES does not name $file"

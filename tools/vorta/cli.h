@@ -35,8 +35,9 @@ struct Option {
   std::vector<std::string> choices = {};  // the words its value is one of, for the completion
 };
 
-/// The options of a and then those of b.
-inline std::vector<Option> join(std::vector<Option> a, const std::vector<Option>& b) {
+/// The elements of a and then those of b (options, columns, values).
+template <typename T>
+std::vector<T> join(std::vector<T> a, const std::vector<T>& b) {
   a.insert(a.end(), b.begin(), b.end());
   return a;
 }

@@ -74,39 +74,30 @@ const Option kUnchecked{"unchecked", "", "take an --encode-type outside the tabl
 std::string fourCCOf(const Clip& clip) { return std::string(clip.fourCC, strnlen(clip.fourCC, 5)); }
 
 // The catalogue: one row per clip. At 80 columns the table keeps the name,
-// the picture and the verdict; times, scan modes, frames, audio and start
-// time codes give way first.
+// the picture and the verdict; times give way after the audio channels,
+// frames and start time codes.
 Rows catalogueRows(MediaCache& cache, std::list<Clip>& clips, unsigned encodeType) {
-  Rows rows({{"name", "NAME", Column::Left, 0, Column::Middle},
-             {"modified", "MODIFIED", Column::Left, 6},
-             {"fourCC", "CODEC", Column::Left, 4},
-             {"", "SIZE", Column::Right, 2},
-             {"width"},
-             {"height"},
-             {"frameRate", "RATE", Column::Right, 3},
-             {"frameRateRational"},
-             {"scanMode", "SCAN", Column::Left, 5},
-             {"videoLength", "FRAMES", Column::Right, 8},
-             {"", "AUDIO", Column::Right, 9},
-             {"", "START TC", Column::Left, 7},
-             {"playable", "PLAYABLE"},
-             {"notPlayable", "WHY NOT", Column::Left, 0, Column::End},
-             {"attributes"}});
+  Rows rows(join(
+      join({{"name", "NAME", Column::Left, 0, Column::Middle}, {"modified", "MODIFIED", Column::Left, 6}},
+           pictureColumns()),
+      {{"playable", "PLAYABLE"}, {"notPlayable", "WHY NOT", Column::Left, 0, Column::End}, {"attributes"}}));
   for (Clip& clip : clips) {
     const bool nameOnly = clip.fourCC[0] == '\0';  // taken by name only
     std::string why = whyNotPlayable(cache, clip, encodeType);
     if (why.empty() && unplayable(clip)) why = "marked unplayable at intake";
-    const auto read = [nameOnly](Value value) { return nameOnly ? value.shows("-") : value; };
     std::vector<std::pair<std::string, std::string>> attributes;
     for (const auto& pair : clip.attributes.getAttributesMap()) attributes.push_back(pair);
-    rows.add({text(clipName(clip)), nameOnly ? none("-") : text(isoTime(clip.modTime)),
-              read(text(fourCCOf(clip))),
-              read(text(std::to_string(clip.width) + "x" + std::to_string(clip.height))), integer(clip.width),
-              integer(clip.height), read(real(clip.frameRate, rateDecimal(clip.frameRate))),
-              text(rateRational(clip.frameRate)), read(text(scanModeWord(clip.scanMode))),
-              read(integer(clip.videoLength)), text(attribute(clip, zev::media::MediaAudioChannels)),
-              text(attribute(clip, zev::media::MediaStartingTimecode)), flag(!unplayable(clip)),
-              why.empty() ? absent() : text(why), pairs(attributes)});
+    const Picture picture{fourCCOf(clip),
+                          clip.width,
+                          clip.height,
+                          clip.frameRate,
+                          clip.scanMode,
+                          clip.videoLength,
+                          text(attribute(clip, zev::media::MediaAudioChannels)),
+                          text(attribute(clip, zev::media::MediaStartingTimecode))};
+    rows.add(join(join({text(clipName(clip)), nameOnly ? none("-") : text(isoTime(clip.modTime))},
+                       pictureValues(picture, [nameOnly](Value v) { return nameOnly ? v.shows("-") : v; })),
+                  {flag(!unplayable(clip)), why.empty() ? absent() : text(why), pairs(attributes)}));
   }
   return rows;
 }
@@ -381,8 +372,8 @@ const Command kScan{
     "that makes room. Prints the catalogue, the playlists, every file left out\n"
     "with its reason (codec outside the table, damaged, not a regular file,\n"
     "unreadable, not a clip name, not a playlist file, same text as another\n"
-    "playlist) and the counts. On a terminal, standard error shows the files\n"
-    "done of the total and the rate.",
+    "playlist) and the counts; --csv and --tsv print the catalogue alone. On a\n"
+    "terminal, standard error shows the files done of the total and the rate.",
     mediaOptions(
         {{"encode-type", "N", "the device's current encode type (default: the encode-type parameter)"},
          kUnchecked},

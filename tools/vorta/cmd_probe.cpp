@@ -46,23 +46,12 @@ Probe probe(const std::string& file) {
 
 int run(Invocation& in) {
   // At 80 columns the table keeps the file, the picture and the verdict.
-  Rows rows({{"file", "FILE", Column::Left, 0, Column::Middle},
-             {"valid"},
-             {"fourCC", "CODEC", Column::Left, 3},
-             {"", "SIZE", Column::Right, 1},
-             {"width"},
-             {"height"},
-             {"frameRate", "RATE", Column::Right, 2},
-             {"frameRateRational"},
-             {"scanMode", "SCAN", Column::Left, 6},
-             {"videoLength", "FRAMES", Column::Right, 8},
-             {"", "AUDIO", Column::Right, 9},
-             {"", "START TC", Column::Left, 5},
-             {"", "FORMAT", Column::Left, 7},
-             {"", "ENCODE", Column::Right, 4},
-             {"refused", "REFUSED", Column::Left, 0, Column::End},
-             {"attributes"},
-             {"attributeText"}});
+  Rows rows(join(join({{"file", "FILE", Column::Left, 0, Column::Middle}, {"valid"}}, pictureColumns()),
+                 {{"", "FORMAT", Column::Left, 7},
+                  {"", "ENCODE", Column::Right, 4},
+                  {"refused", "REFUSED", Column::Left, 0, Column::End},
+                  {"attributes"},
+                  {"attributeText"}}));
   bool allValid = true;
   for (const std::string& file : in.args()) {
     const Probe p = probe(file);
@@ -73,17 +62,22 @@ int run(Invocation& in) {
     const auto attribute = [&](const char* key) { return found.count(key) ? text(found[key]) : absent(); };
     const CFileParams* r = p.params.get();
     const char* block = r != nullptr ? r->attributes.block : "";
-    rows.add({text(file), flag(p.refusal.empty()), read ? text(codecText(*r)) : absent(),
-              read ? text(std::to_string(r->width) + "x" + std::to_string(r->height)) : absent(),
-              read ? integer(r->width) : absent(), read ? integer(r->height) : absent(),
-              read ? real(r->frameRate, rateDecimal(r->frameRate)) : absent(),
-              read ? text(rateRational(r->frameRate)) : absent(),
-              read ? text(scanModeWord(r->scanMode)) : absent(), read ? integer(r->videoLength) : absent(),
-              attribute("Audio Chan"), attribute("Starting TC"), attribute("Format"),
-              attribute("Encode Type"), p.refusal.empty() ? absent() : text(p.refusal),
+    const Picture picture = read ? Picture{codecText(*r),
+                                           r->width,
+                                           r->height,
+                                           r->frameRate,
+                                           r->scanMode,
+                                           r->videoLength,
+                                           attribute("Audio Chan"),
+                                           attribute("Starting TC")}
+                                 : Picture{};
+    rows.add(
+        join(join({text(file), flag(p.refusal.empty())},
+                  pictureValues(picture, [read](Value v) { return read ? v : absent(); })),
+             {attribute("Format"), attribute("Encode Type"), p.refusal.empty() ? absent() : text(p.refusal),
               p.refusal.empty() ? pairs({found.begin(), found.end()}) : absent(),
               p.refusal.empty() ? text(std::string(block, strnlen(block, zev::media::MediaAttributes::kSize)))
-                                : absent()});
+                                : absent()}));
   }
   emit(in, rows);
   return allValid ? 0 : 1;

@@ -143,9 +143,10 @@ const std::pair<const char*, const char*> kSections[] = {
     {"FILES",
      "~/.local/state/vorta/params.json: the recorder's parameters, shared by every vorta run.\n\n"
      "/dev/shm/PREFIX.clips, /dev/shm/PREFIX.playlists: the shared clip catalogue and playlist\n"
-     "cache (PREFIX vorta unless given); /dev/shm/sem.PREFIX.clips.lock and\n"
-     "/dev/shm/sem.PREFIX.playlists.lock: their named mutexes; /dev/shm/PREFIX.clips.lock.owner\n"
-     "and /dev/shm/PREFIX.playlists.lock.owner: the records of who holds them.\n\n"
+     "cache (PREFIX: --prefix, else $VORTA_PREFIX, else vorta).\n\n"
+     "/dev/shm/sem.PREFIX.clips.lock, /dev/shm/sem.PREFIX.playlists.lock: their named mutexes.\n\n"
+     "/dev/shm/PREFIX.clips.lock.owner, /dev/shm/PREFIX.playlists.lock.owner: the records of\n"
+     "who holds the mutexes.\n\n"
      "MEDIA/NAME.playlist: the playlist files in the media directory (parameter media-dir).\n\n"
      "/var/run/NAME.pid: the pid file of a daemon (vorta daemon-demo --name NAME)."},
     {"EXAMPLES",
@@ -223,9 +224,23 @@ void printManPage(std::ostream& out, const std::string& version, const std::stri
     }
     out << ".TP\n\\fB\\-h\\fR, \\fB\\-\\-help\\fR\nshow the help of this command\n";
   }
+  // A paragraph "NAME: text" of these sections is a tagged one.
   for (const auto& section : kSections) {
     out << ".SH " << section.first << "\n";
-    printProse(out, splitLines(section.second));
+    std::string paragraph;
+    for (const std::string& line : splitLines(std::string(section.second) + "\n\n")) {
+      if (!trim(line).empty()) {
+        paragraph += (paragraph.empty() ? "" : "\n") + line;
+        continue;
+      }
+      const std::string::size_type colon = paragraph.find(": ");
+      if (colon != std::string::npos && paragraph[0] != ' ' && paragraph.find("\n ") == std::string::npos)
+        out << ".TP\n\\fB" << roff(paragraph.substr(0, colon)) << "\\fR\n"
+            << roff(paragraph.substr(colon + 2)) << "\n";
+      else if (!paragraph.empty())
+        printProse(out, splitLines(paragraph));
+      paragraph.clear();
+    }
   }
 }
 

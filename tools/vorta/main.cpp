@@ -143,8 +143,8 @@ int dispatch(std::vector<std::string> words, std::string& name) {
     return 0;
   }
   if (first == "--version" || first == "-V") {
-    std::cout << "vorta " << kVersion << "\n";
-    return 0;
+    Invocation bare(kVersionCommand, {});
+    return runVersion(bare);
   }
   // Build-time generators of the manual page and the bash completion.
   if (first == "--man") {

@@ -150,11 +150,9 @@ cJSON* jsonItem(const Value& value) {
     case Value::Null:
       return cJSON_CreateNull();
     case Value::Bool:
-      return cJSON_CreateBool(value.flag);
-    case Value::Integer:
-      return cJSON_CreateNumber(static_cast<double>(value.integer));
-    case Value::Real:
-      return cJSON_CreateNumber(value.real);
+      return cJSON_CreateBool(value.number != 0);
+    case Value::Number:
+      return cJSON_CreateNumber(value.number);
     case Value::Pairs: {
       cJSON* object = cJSON_CreateObject();
       for (const auto& pair : value.pairs)
@@ -205,51 +203,18 @@ std::string hexBytes(const std::string& text) {
   return out;
 }
 
-Value text(std::string bytes) {
-  Value value;
-  value.kind = Value::Text;
-  value.text = std::move(bytes);
-  return value;
-}
-
+Value::Value(Kind k, std::string shown, double n) : kind(k), number(n), text(std::move(shown)) {}
+Value text(std::string bytes) { return Value(Value::Text, std::move(bytes)); }
 Value integer(long long number) {
-  Value value;
-  value.kind = Value::Integer;
-  value.integer = number;
-  value.text = std::to_string(number);
-  return value;
+  return Value(Value::Number, std::to_string(number), static_cast<double>(number));
 }
-
-Value real(double number, std::string display) {
-  Value value;
-  value.kind = Value::Real;
-  value.real = number;
-  value.text = std::move(display);
-  return value;
-}
-
-Value flag(bool on) {
-  Value value;
-  value.kind = Value::Bool;
-  value.flag = on;
-  value.text = on ? "yes" : "no";
-  return value;
-}
-
-Value none(std::string display) {
-  Value value;
-  value.kind = Value::Null;
-  value.text = std::move(display);
-  return value;
-}
-
+Value real(double number, std::string display) { return Value(Value::Number, std::move(display), number); }
+Value flag(bool on) { return Value(Value::Bool, on ? "yes" : "no", on); }
+Value none(std::string display) { return Value(Value::Null, std::move(display)); }
 Value absent() { return Value(); }
-
-Value pairs(std::vector<std::pair<std::string, std::string>> entries, std::string display) {
-  Value value;
-  value.kind = Value::Pairs;
+Value pairs(std::vector<std::pair<std::string, std::string>> entries) {
+  Value value(Value::Pairs, "");
   value.pairs = std::move(entries);
-  value.text = std::move(display);
   return value;
 }
 

@@ -28,14 +28,14 @@ std::string hexBytes(const std::string& text);
 
 /// One value of a result: typed for JSON, with the text tables, CSV and TSV show.
 struct Value {
-  enum Kind { Absent, Null, Bool, Integer, Real, Text, Pairs };
+  enum Kind { Absent, Null, Bool, Number, Text, Pairs };
+  Value() = default;
+  Value(Kind k, std::string shown, double n = 0);
   Kind kind = Absent;  // Absent: left out of JSON, an empty cell
-  bool flag = false;
-  long long integer = 0;
-  double real = 0;
-  std::string text;  // Text: the bytes; every kind: what a table shows
+  double number = 0;   // Number; Bool: 1 or 0
+  std::string text;    // Text: the bytes; every kind: what a table shows
   std::vector<std::pair<std::string, std::string>> pairs;
-  /// The same value shown as display in tables.
+  /// The same value, shown as display in tables.
   Value shows(std::string display) const {
     Value copy = *this;
     copy.display_ = std::move(display);
@@ -51,10 +51,10 @@ struct Value {
 Value text(std::string bytes);
 Value integer(long long value);
 Value real(double value, std::string display);
-Value flag(bool value);           // shown yes or no
-Value none(std::string display);  // JSON null
-Value absent();                   // no JSON key, an empty cell
-Value pairs(std::vector<std::pair<std::string, std::string>> entries, std::string display = "");
+Value flag(bool value);                                                 // shown yes or no
+Value none(std::string display);                                        // JSON null
+Value absent();                                                         // no JSON key, an empty cell
+Value pairs(std::vector<std::pair<std::string, std::string>> entries);  // a JSON object of texts
 
 /// Owning handle of a cJSON tree.
 struct JsonDeleter {
