@@ -70,6 +70,14 @@ inline std::string catalogueName(const Invocation& in) {
   return "vorta";
 }
 
+/// How many clips (or playlists) a segment of size bytes holds.
+inline std::uint64_t roomIn(std::uint64_t size, bool clips) {
+  using zev::media::MediaCache;
+  const std::uint64_t header = clips ? MediaCache::kClipHeaderSize : MediaCache::kPlaylistHeaderSize;
+  const std::uint64_t slot = clips ? MediaCache::kClipSlotSize : MediaCache::kPlaylistSlotSize;
+  return size >= header ? (size - header) / slot : 0;
+}
+
 /// Why the synthetic "All Clips" entry has no text, in words: the clips'
 /// names do not fit a playlist's text; "" when it has one.
 inline std::string allClipsProblem(const PlaylistCacheEntry& entry, std::size_t clips) {

@@ -108,53 +108,29 @@ std::string lockText(const MediaCache::LockState& lock) {
   return text;
 }
 
-ImageInfo clipInfo(MediaCache& cache, const MediaCacheOptions& options) {
+// What one image holds, read only while its lock is free: info never waits
+// for a lock nor takes one over.
+ImageInfo imageInfo(MediaCache& cache, const MediaCacheOptions& options, bool clips) {
   ImageInfo info;
-  info.kind = "clip";
-  info.segment = options.clipSegment;
-  info.lock = cache.ClipLockState();
-  info.segmentBytes = cache.ClipSegmentSize();
-  info.capacity = info.segmentBytes >= MediaCache::kClipHeaderSize
-                      ? (info.segmentBytes - MediaCache::kClipHeaderSize) / MediaCache::kClipSlotSize
-                      : 0;
-  if (info.lock.kind != MediaCache::LockState::Free) {
-    info.read = false;
-    return info;
+  info.kind = clips ? "clip" : "playlist";
+  info.segment = clips ? options.clipSegment : options.playlistSegment;
+  info.lock = clips ? cache.ClipLockState() : cache.PlaylistLockState();
+  info.read = info.lock.kind == MediaCache::LockState::Free;
+  if (info.read && clips) {
+    std::list<Clip> list;
+    info.valid = cache.ReadClipCacheFromSharedMemory(list) == 1;
+    for (const Clip& c : list) info.names.emplace_back(c.name, strnlen(c.name, sizeof c.name));
+  } else if (info.read) {
+    std::map<std::string, PlaylistCacheEntry> map;
+    info.valid = cache.ReadPlaylistCacheFromSharedMemory(map) == 1;
+    for (const auto& element : map) info.names.push_back(element.first);
   }
-  std::list<Clip> clips;
-  info.valid = cache.ReadClipCacheFromSharedMemory(clips) == 1;
-  info.count = clips.size();
-  for (const Clip& c : clips) info.names.emplace_back(c.name, strnlen(c.name, sizeof c.name));
-  info.segmentBytes = cache.ClipSegmentSize();
-  info.imageBytes = info.valid ? MediaCache::ClipImageSize(info.count) : 0;
-  info.capacity = info.segmentBytes >= MediaCache::kClipHeaderSize
-                      ? (info.segmentBytes - MediaCache::kClipHeaderSize) / MediaCache::kClipSlotSize
-                      : 0;
-  return info;
-}
-
-ImageInfo playlistInfo(MediaCache& cache, const MediaCacheOptions& options) {
-  ImageInfo info;
-  info.kind = "playlist";
-  info.segment = options.playlistSegment;
-  info.lock = cache.PlaylistLockState();
-  info.segmentBytes = cache.PlaylistSegmentSize();
-  info.capacity = info.segmentBytes >= MediaCache::kPlaylistHeaderSize
-                      ? (info.segmentBytes - MediaCache::kPlaylistHeaderSize) / MediaCache::kPlaylistSlotSize
-                      : 0;
-  if (info.lock.kind != MediaCache::LockState::Free) {
-    info.read = false;
-    return info;
-  }
-  std::map<std::string, PlaylistCacheEntry> playlists;
-  info.valid = cache.ReadPlaylistCacheFromSharedMemory(playlists) == 1;
-  info.count = playlists.size();
-  for (const auto& element : playlists) info.names.push_back(element.first);
-  info.segmentBytes = cache.PlaylistSegmentSize();
-  info.imageBytes = info.valid ? MediaCache::PlaylistImageSize(info.count) : 0;
-  info.capacity = info.segmentBytes >= MediaCache::kPlaylistHeaderSize
-                      ? (info.segmentBytes - MediaCache::kPlaylistHeaderSize) / MediaCache::kPlaylistSlotSize
-                      : 0;
+  info.count = info.names.size();
+  info.segmentBytes = clips ? cache.ClipSegmentSize() : cache.PlaylistSegmentSize();
+  info.capacity = roomIn(info.segmentBytes, clips);
+  if (info.valid)
+    info.imageBytes =
+        clips ? MediaCache::ClipImageSize(info.count) : MediaCache::PlaylistImageSize(info.count);
   return info;
 }
 
@@ -250,8 +226,8 @@ int run(Invocation& in) {
   }
   auto cache = openExistingCache(in, options);
   if (action == "info") {
-    const ImageInfo clips = clipInfo(*cache, options);
-    const ImageInfo playlists = playlistInfo(*cache, options);
+    const ImageInfo clips = imageInfo(*cache, options, true);
+    const ImageInfo playlists = imageInfo(*cache, options, false);
     if (formatOf(in) == Format::Json) {
       printJson(std::cout,
                 JsonObject().set("clips", jsonInfo(clips)).set("playlists", jsonInfo(playlists)).get());

@@ -283,13 +283,10 @@ int runScan(Invocation& in) {
     const unsigned long long need = countInSizeError(what, kind.c_str(), clips ? candidates : 0);
     const std::uint64_t size =
         clips ? session.cache().ClipSegmentSize() : session.cache().PlaylistSegmentSize();
-    const std::uint64_t header = clips ? MediaCache::kClipHeaderSize : MediaCache::kPlaylistHeaderSize;
-    const std::uint64_t slot = clips ? MediaCache::kClipSlotSize : MediaCache::kPlaylistSlotSize;
     throw Failure("the medium has " + std::to_string(need) + " " + kind + " but the " +
                   (clips ? "catalogue" : "playlist") + " segment holds " +
-                  std::to_string(size >= header ? (size - header) / slot : 0) +
-                  "; make room with 'vorta cache create --prefix " + catalogueName(in) + " --" + kind + " " +
-                  std::to_string(need) + "' and scan again");
+                  std::to_string(roomIn(size, clips)) + "; make room with 'vorta cache create --prefix " +
+                  catalogueName(in) + " --" + kind + " " + std::to_string(need) + "' and scan again");
   }
 
   std::list<Clip> clips = session.finder().findClips(true, false, true);
