@@ -15,7 +15,7 @@ vorta_cli_test(shm_bad_action RC 2 ARGS shm frob x STDERR "^vorta shm: unknown a
 vorta_cli_test(shm_get_extra RC 2 ARGS shm get a b STDERR "^vorta shm: 'get' takes a name; see 'vorta shm --help'\n$")
 vorta_cli_test(daemon_demo_help RC 0 ARGS daemon-demo --help STDOUT "^usage: vorta daemon-demo \\[options\\]\n.*kill -TERM")
 vorta_cli_test(daemon_demo_bad_name RC 2 ARGS daemon-demo --name a/b
-  STDERR "^vorta daemon-demo: --name must be 1 to 100 characters without '/'; see 'vorta daemon-demo --help'\n$")
+  STDERR "^vorta daemon-demo: --name must be 1 to 100 printable characters, without '/' or a backslash; see 'vorta daemon-demo --help'\n$")
 
 # The long-running commands, driven from a script that runs them in the background.
 find_program(VORTA_BASH bash)

@@ -3,6 +3,8 @@
 #include "output.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -473,6 +475,11 @@ SafeStderr::SafeStderr() {
   ::close(ends[1]);
   pump_.reset(new Pump{saved, ends[0], {}});
   gStderr = saved;
+  // The pump takes no signal: those meant for the command (a shared
+  // string's owner waits for SIGTERM) must not end the process through it.
+  sigset_t all, old;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, &old);
   pump_->thread = std::thread([in = ends[0], saved] {
     std::string pending;
     char buffer[4096];
@@ -497,6 +504,7 @@ SafeStderr::SafeStderr() {
     }
     if (!pending.empty()) flush(pending);
   });
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
 SafeStderr::~SafeStderr() {
