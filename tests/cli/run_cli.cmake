@@ -1,12 +1,9 @@
 # SPDX-License-Identifier: MIT
 # Runs the vorta tool once and checks its exit status and output.
-# -DVORTA=path -DEMULATOR=a|b -DARGS=w1|w2 -DRC=n -DSTDOUT=regex -DSTDERR=regex [-DCOLUMNS=n]
+# -DVORTA=path -DEMULATOR=a|b -DARGS=w1|w2 -DRC=n -DSTDOUT=regex -DSTDERR=regex
 string(REPLACE "|" ";" _args "${ARGS}")
-# Tables are fitted to 80 columns unless the case says otherwise.
-if("${COLUMNS}" STREQUAL "")
-  set(COLUMNS 80)
-endif()
-set(ENV{COLUMNS} ${COLUMNS})
+# Tables are fitted to 80 columns, as where standard output is no terminal.
+set(ENV{COLUMNS} 80)
 string(REPLACE "|" ";" _emulator "${EMULATOR}")
 execute_process(
   COMMAND ${_emulator} ${VORTA} ${_args}
