@@ -20,7 +20,7 @@ status "scan" 0 v scan "$media"
 # What lies outside the medium, with every time and size (a file made and
 # removed again would change its directory's time), and the names beside it.
 snapshot() {
-  find "$work/outside" "$work/elsewhere" -print0 | sort -z | xargs -0 stat -c '%n %s %y'
+  find "$work/outside" "$work/elsewhere" | sort | while read -r path; do stat -c '%n %s %y' "$path"; done
   ls -A "$work" | grep -v '^params'
 }
 before=$(snapshot)
