@@ -14,11 +14,13 @@
 #   make bench       run the benchmarks
 #   make fuzz        run every fuzz target for FUZZ_SECONDS seconds
 #   make format      apply .clang-format;  make format-check  only check it
+#   make mutate      mutation testing of classes/ and platform/ (scripts/mutate.py;
+#                    MUTATE_UNITS=shmstring,paramstore MUTATE_COUNT=20 MUTATE_SEED=1)
 
 FUZZ_SECONDS ?= 30
 FORMAT_FILES = $(shell git ls-files -co --exclude-standard '*.cpp' '*.h' 2>/dev/null | grep -v -e '^tests/data/' -e '_generated' )
 
-.PHONY: all deps deps-ppc build test demo bench test-asan test-ppc test-ppc-system package package-ppc fuzz format format-check clean
+.PHONY: all deps deps-ppc build test demo bench test-asan test-ppc test-ppc-system package package-ppc fuzz format format-check mutate clean
 
 all: build
 
@@ -81,6 +83,12 @@ fuzz: deps
 	@cmake --preset fuzz >/dev/null
 	@cmake --build --preset fuzz
 	@bash scripts/run-fuzz.sh build/fuzz $(FUZZ_SECONDS)
+
+# A copy of the tree with its own build under build/mutate; the checkout is
+# never changed. The variables MUTATE_UNITS, MUTATE_COUNT, MUTATE_SEED and
+# MUTATE_TIMEOUT choose the sample (see scripts/mutate.py).
+mutate: deps
+	@python3 scripts/mutate.py
 
 format:
 	@clang-format -i $(FORMAT_FILES)
