@@ -3,6 +3,7 @@
 // left by dead owners, special files in the name's place, exhausted descriptors and heap.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -377,4 +378,191 @@ TEST(ShmStringOwner, WorksWithEveryAllocationFailing) {
   EXPECT_EQ(got, 7);
   EXPECT_STREQ(text, "no heap");
   EXPECT_EQ(refused, 0);
+}
+
+namespace {
+
+// Cuts the object under the name to size bytes, as any process that may
+// open it can.
+bool cutSegment(const char* name, off_t size) {
+  const int fd = shm_open(name, O_RDWR, 0);
+  if (fd == -1) return false;
+  const bool done = ftruncate(fd, size) == 0;
+  ::close(fd);
+  return done;
+}
+
+// The sizes a segment of capacity 1 MiB is cut to: nothing, 3 bytes (the
+// first page stays, the header and text do not), and the size of a smaller
+// capacity.
+class ShmStringCut : public ::testing::TestWithParam<off_t> {};
+
+INSTANTIATE_TEST_SUITE_P(Sizes, ShmStringCut,
+                         ::testing::Values(off_t{0}, off_t{3},
+                                           static_cast<off_t>(100 + ShmString::kOverhead)),
+                         [](const ::testing::TestParamInfo<off_t>& param) {
+                           return param.param == 0   ? std::string("ToNothing")
+                                  : param.param == 3 ? std::string("ToThreeBytes")
+                                                     : std::string("ToASmallerCapacity");
+                         });
+
+constexpr int kMegabyte = 1 << 20;
+
+}  // namespace
+
+// The owner creates 1 MiB, a reader in another process reads it, a third
+// process cuts the segment short; the reader's next get fails (-1, dest
+// empty) instead of dying of SIGBUS, and so does every later one, and the
+// owner's own get fails the same way while the owner lives on.
+TEST_P(ShmStringCut, ReaderAndOwnerFailInsteadOfDying) {
+  OwnedName name;
+  OwnerProcess owner(name.c_str(), kMegabyte, "hello");
+  ASSERT_TRUE(owner.ready());
+  Pipe toReader, fromReader;
+  const pid_t reader = forkChild([&] {
+    toReader.closeWrite();
+    fromReader.closeRead();
+    ShmString shm(name.c_str());
+    char text[64];
+    if (shm.get(text, sizeof text) != 5 || std::strcmp(text, "hello") != 0) _exit(1);
+    writeAll(fromReader.write, "read\n");
+    if (readLine(toReader.read, patience()) != "cut") _exit(2);
+    for (int i = 0; i < 3; ++i) {
+      std::memset(text, 'x', sizeof text);
+      if (shm.get(text, sizeof text) != -1 || text[0] != '\0') _exit(3);
+      if (shm.set("again")) _exit(4);
+    }
+    if (shm.capacity() != 0 || shm.isAttached() || shm.isOwnerAlive()) _exit(5);
+    _exit(0);
+  });
+  toReader.closeRead();
+  fromReader.closeWrite();
+  ASSERT_EQ(readLine(fromReader.read, patience()), "read");
+  ASSERT_TRUE(cutSegment(name.c_str(), GetParam()));
+  writeAll(toReader.write, "cut\n");
+  const int status = waitForExit(reader, patience());
+  ASSERT_TRUE(WIFEXITED(status)) << "reader ended by signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+
+  EXPECT_EQ(owner.ask("get"), "-1 ");
+  EXPECT_EQ(owner.ask("set x"), "not set");
+  const int ownerStatus = owner.stop();
+  ASSERT_TRUE(WIFEXITED(ownerStatus)) << "owner ended by signal " << WTERMSIG(ownerStatus);
+  EXPECT_EQ(WEXITSTATUS(ownerStatus), 0);
+}
+
+// A reader that keeps reading while the segment is cut under it: every get
+// returns the text or fails, none kills the reader, and once the cut is
+// seen no later get succeeds.
+TEST_P(ShmStringCut, ReaderInALoopSurvivesTheCut) {
+  OwnedName name;
+  OwnerProcess owner(name.c_str(), kMegabyte, "hello");
+  ASSERT_TRUE(owner.ready());
+  Pipe fromReader;
+  const int reads = vorta_test::underEmulation() ? 20000 : 200000;
+  const pid_t reader = forkChild([&] {
+    fromReader.closeRead();
+    ShmString shm(name.c_str());
+    char text[64];
+    bool failed = false;
+    for (int i = 0; i < reads; ++i) {
+      const int n = shm.get(text, sizeof text);
+      if (i == 100) writeAll(fromReader.write, "reading\n");
+      if (n == 5 && !failed && std::strcmp(text, "hello") == 0) continue;
+      if (n != -1 || text[0] != '\0') _exit(1);
+      failed = true;
+    }
+    _exit(failed ? 0 : 2);
+  });
+  fromReader.closeWrite();
+  ASSERT_EQ(readLine(fromReader.read, patience()), "reading");
+  ASSERT_TRUE(cutSegment(name.c_str(), GetParam()));
+  const int status = waitForExit(reader, 4 * patience());
+  ASSERT_TRUE(WIFEXITED(status)) << "reader ended by signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "1: a read neither the text nor a failure; 2: the cut never seen";
+}
+
+// The cut and the regrowth of the segment, over and over, under a reader
+// and a writer that never stop: whatever each call returns, neither process
+// dies nor hangs, and a read gives the text, a part of it or a failure.
+TEST_P(ShmStringCut, ReaderAndWriterSurviveRepeatedCuts) {
+  OwnedName name;
+  OwnerProcess owner(name.c_str(), kMegabyte, "hello");
+  ASSERT_TRUE(owner.ready());
+  Pipe stop;
+  auto loop = [&](bool writing) {
+    return forkChild([&, writing] {
+      stop.closeWrite();
+      ShmString shm(name.c_str());
+      char text[64];
+      for (;;) {
+        pollfd entry{stop.read, POLLIN, 0};
+        if (poll(&entry, 1, 0) != 0) _exit(0);
+        if (writing) {
+          shm.set("hello");
+          continue;
+        }
+        // A cut zeroes the lock too, so a read may overlap a write and
+        // see the text being written: a prefix of it, still terminated.
+        const int n = shm.get(text, sizeof text);
+        const bool expected = n >= -1 && n <= 5 &&
+                              std::strlen(text) == static_cast<std::size_t>(n < 0 ? 0 : n) &&
+                              std::strncmp(text, "hello", std::strlen(text)) == 0;
+        if (!expected) _exit(1);
+      }
+    });
+  };
+  const pid_t reader = loop(false);
+  const pid_t writer = loop(true);
+  stop.closeRead();
+  const off_t whole = static_cast<off_t>(kMegabyte + ShmString::kOverhead);
+  const int rounds = vorta_test::underEmulation() ? 50 : 300;
+  for (int i = 0; i < rounds; ++i) {
+    ASSERT_TRUE(cutSegment(name.c_str(), GetParam()));
+    usleep(200);
+    ASSERT_TRUE(cutSegment(name.c_str(), whole));
+    usleep(200);
+  }
+  stop.closeWrite();
+  for (const pid_t child : {reader, writer}) {
+    const int status = waitForExit(child, patience());
+    ASSERT_TRUE(WIFEXITED(status)) << (child == reader ? "reader" : "writer") << " ended by signal "
+                                   << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+  }
+}
+
+// Only the strings' own mappings are spared: any other SIGBUS of the process
+// (here a file mapping cut short) still ends it, and a handler the program
+// had installed before still gets it.
+TEST(ShmStringCutOthers, OtherBusErrorsKeepTheirEffect) {
+  vorta_test::TempDir dir;
+  const std::string path = dir.file("mapped");
+  auto faultOnCutFile = [&] {
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    if (fd == -1 || ftruncate(fd, 4096) != 0) _exit(90);
+    volatile char* map =
+        static_cast<volatile char*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    if (map == MAP_FAILED || ftruncate(fd, 0) != 0) _exit(91);
+    return map[10];
+  };
+  OwnedName name;
+  const int defaultAction = inChild([&] {
+    ShmString shm(name.c_str());
+    if (!shm.create(16)) return 92;
+    faultOnCutFile();
+    return 0;
+  });
+  EXPECT_EQ(defaultAction, 128 + SIGBUS);
+
+  const int programHandler = inChild([&] {
+    struct sigaction action = {};
+    action.sa_handler = [](int) { _exit(77); };
+    sigaction(SIGBUS, &action, nullptr);
+    ShmString shm(name.c_str());
+    if (!shm.create(16)) return 92;
+    faultOnCutFile();
+    return 0;
+  });
+  EXPECT_EQ(programHandler, 77);
 }
