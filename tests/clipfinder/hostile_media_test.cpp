@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "alloc_failure.h"
 #include "clipfinder_support.h"
 #include "fail_alloc.h"
 #include "fileparams.h"
@@ -241,7 +242,7 @@ TEST(HostileMedia, DescriptorExhaustionAbandonsTheScanAndKeepsTheCatalogue) {
 // with the whole medium or gives up with the catalogue as it was; it never
 // ends the process and never publishes part of the medium.
 TEST(HostileMedia, AllocationFailureAtEveryPointGivesAWholeScanOrNone) {
-  if (!vorta_test::allocationFailureAvailable()) GTEST_SKIP() << "a sanitizer owns malloc in this build";
+  if (const char* why = vorta_test::allocationFailureUnavailable()) GTEST_SKIP() << why;
   HostileMedium medium;
   UniqueCaches caches;
   const int result = inChild([&]() -> int {

@@ -15,6 +15,7 @@
 #include <random>
 #include <string>
 
+#include "alloc_failure.h"
 #include "child_process.h"
 #include "fail_alloc.h"
 #include "shmstring.h"
@@ -358,7 +359,7 @@ TEST(ShmStringOwner, DescriptorExhaustionFailsCleanly) {
 // ShmString takes nothing from the heap: with every allocation failing it
 // creates, writes, reads and closes as usual.
 TEST(ShmStringOwner, WorksWithEveryAllocationFailing) {
-  if (!vorta_test::allocationFailureAvailable()) GTEST_SKIP() << "a sanitizer owns malloc in this build";
+  if (const char* why = vorta_test::allocationFailureUnavailable()) GTEST_SKIP() << why;
   OwnedName name;
   bool created = false, stored = false;
   int got = 0;
