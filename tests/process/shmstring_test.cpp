@@ -208,6 +208,37 @@ TEST(ShmString, AfterOwnerCloseReaderSeesNoOwnerAndGetFails) {
   EXPECT_FALSE(reader.set("again"));
 }
 
+// The lowest descriptor number free now: a descriptor left open anywhere
+// below it would show as a higher number.
+int lowestFreeDescriptor() {
+  const int fd = open("/dev/null", O_RDONLY);
+  if (fd != -1) ::close(fd);
+  return fd;
+}
+
+// close() gives back the segment's descriptor, the owner's and a reader's,
+// and so does the destructor; the objects can be used again after it.
+TEST(ShmString, CloseGivesBackTheDescriptor) {
+  SegmentName name;
+  const int before = lowestFreeDescriptor();
+  ShmString owner(name.c_str());
+  ShmString reader(name.c_str());
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_TRUE(owner.create(16)) << round;
+    ASSERT_TRUE(reader.attach(false, 0)) << round;
+    EXPECT_GT(lowestFreeDescriptor(), before);
+    reader.close();
+    owner.close();
+    EXPECT_EQ(lowestFreeDescriptor(), before) << round;
+  }
+  {
+    ShmString scoped(name.c_str());
+    ASSERT_TRUE(scoped.create(16));
+  }
+  EXPECT_EQ(lowestFreeDescriptor(), before);
+  EXPECT_FALSE(name.exists());
+}
+
 // Deliberate: a reader that closes clears the owner pid too, so every other
 // reader finds the owner gone and re-attaches on its next get or set.
 TEST(ShmString, ReaderCloseClearsOwnerPid) {
