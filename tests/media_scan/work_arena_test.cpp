@@ -159,6 +159,21 @@ TEST(WorkArena, UnmapsEverythingWhenItEnds) {
   for (unsigned char* p : firsts) EXPECT_FALSE(isMapped(p));
 }
 
+// A chunk is mapped one block larger than asked and trimmed to a block
+// boundary: what lies past its end is given back at once (the mapping always
+// has some bytes there, a whole block when it came aligned), so a chunk
+// keeps exactly its size mapped.
+TEST(WorkArena, KeepsNothingMappedPastAChunksEnd) {
+  for (int round = 0; round < 4; ++round) {
+    WorkArena arena(kChunk, false);
+    unsigned char* base = static_cast<unsigned char*>(arena.allocate(64, 8));
+    ASSERT_TRUE(aligned(base, WorkArena::kBlock));
+    EXPECT_EQ(arena.mappedBytes(), kChunk);
+    EXPECT_TRUE(isMapped(base + kChunk - 1)) << round;
+    EXPECT_FALSE(isMapped(base + kChunk)) << round;
+  }
+}
+
 TEST(WorkArena, CountsWhatItGivesBackEarly) {
   const std::size_t before = WorkArena::mappedInProcess();
   WorkArena arena;
