@@ -26,6 +26,9 @@ Environment (or the matching options):
   MUTATE_UNITS   units, by stem or path (shmstring,platform/params/paramstore.cpp); default: all
   MUTATE_COUNT   mutants per unit (default 20; 0 = every mutant)
   MUTATE_SEED    seed of the sample (default 1)
+  MUTATE_SINCE   with no MUTATE_UNITS: the units whose source or header changed since this
+                 git revision (CI: HEAD~1); when none did, MUTATE_SPARE units chosen by the seed
+  MUTATE_SPARE   units sampled when MUTATE_SINCE finds none (default 2)
   MUTATE_TIMEOUT least time limit of one test binary in seconds (default 60; the
                  limit is also at least 5 x the binary's unmutated run time)
 """
@@ -392,6 +395,24 @@ def choose(units, names):
     return chosen
 
 
+def changed_units(units, since, seed, spare):
+    """The units whose .cpp or .h changed since the revision; a seeded sample
+    of `spare` units when none did."""
+    listed = subprocess.run(["git", "diff", "--name-only", since, "--", "classes", "platform"], cwd=ROOT,
+                            capture_output=True, text=True)
+    if listed.returncode != 0:
+        # A shallow clone, say, that does not have the revision.
+        print("mutate: no revision %s here (%s)" % (since, listed.stderr.strip().splitlines()[0] if listed.stderr.strip() else "git diff failed"), flush=True)
+    stems = {os.path.splitext(os.path.basename(p))[0] for p in listed.stdout.split()} if listed.returncode == 0 else set()
+    chosen = [u for u in sorted(units) if u in stems]
+    if chosen:
+        print("mutate: units changed since %s: %s" % (since, ", ".join(chosen)), flush=True)
+        return chosen
+    chosen = sorted(random.Random("%s:units" % seed).sample(sorted(units), min(spare, len(units))))
+    print("mutate: no unit changed since %s; a sample: %s" % (since, ", ".join(chosen)), flush=True)
+    return chosen
+
+
 def sample(mutants, count, seed, unit):
     if count <= 0 or count >= len(mutants):
         return list(mutants)
@@ -404,6 +425,8 @@ def main():
     parser.add_argument("--units", default=os.environ.get("MUTATE_UNITS", ""))
     parser.add_argument("--count", type=int, default=int(os.environ.get("MUTATE_COUNT") or 20))
     parser.add_argument("--seed", default=os.environ.get("MUTATE_SEED") or "1")
+    parser.add_argument("--since", default=os.environ.get("MUTATE_SINCE", ""))
+    parser.add_argument("--spare", type=int, default=int(os.environ.get("MUTATE_SPARE") or 2))
     parser.add_argument("--timeout", type=float, default=float(os.environ.get("MUTATE_TIMEOUT") or 60))
     parser.add_argument("--list", action="store_true", help="list the sampled mutants and stop")
     parser.add_argument("--work", default=os.path.join(ROOT, "build", "mutate"))
@@ -412,7 +435,11 @@ def main():
 
     units = read_units()
     judged = read_equivalent()
-    chosen = choose(units, [u for u in re.split(r"[,\s]+", args.units) if u])
+    names = [u for u in re.split(r"[,\s]+", args.units) if u]
+    if args.since and not names:
+        chosen = changed_units(units, args.since, args.seed, args.spare)
+    else:
+        chosen = choose(units, names)
 
     plan = []
     for unit in chosen:
