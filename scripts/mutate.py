@@ -29,8 +29,8 @@ Environment (or the matching options):
   MUTATE_SINCE   with no MUTATE_UNITS: the units whose source or header changed since this
                  git revision (CI: HEAD~1); when none did, MUTATE_SPARE units chosen by the seed
   MUTATE_SPARE   units sampled when MUTATE_SINCE finds none (default 2)
-  MUTATE_TIMEOUT least time limit of one test binary in seconds (default 60; the
-                 limit is also at least 5 x the binary's unmutated run time)
+  MUTATE_TIMEOUT least time limit of one test binary in seconds (default 20; the
+                 limit is also at least 3 x the binary's unmutated run time)
 """
 
 import argparse
@@ -427,7 +427,7 @@ def main():
     parser.add_argument("--seed", default=os.environ.get("MUTATE_SEED") or "1")
     parser.add_argument("--since", default=os.environ.get("MUTATE_SINCE", ""))
     parser.add_argument("--spare", type=int, default=int(os.environ.get("MUTATE_SPARE") or 2))
-    parser.add_argument("--timeout", type=float, default=float(os.environ.get("MUTATE_TIMEOUT") or 60))
+    parser.add_argument("--timeout", type=float, default=float(os.environ.get("MUTATE_TIMEOUT") or 20))
     parser.add_argument("--list", action="store_true", help="list the sampled mutants and stop")
     parser.add_argument("--work", default=os.path.join(ROOT, "build", "mutate"))
     parser.add_argument("--results", help="write every mutant's outcome to this JSON file")
@@ -472,7 +472,7 @@ def main():
             outcome, seconds = run_binary(build_dir, binary, max(args.timeout, 600))
             if outcome != "pass":
                 sys.exit("mutate: %s fails without any mutation; fix that first" % binary)
-            limits[binary] = max(args.timeout, 5 * seconds)
+            limits[binary] = max(args.timeout, 3 * seconds)
         # Fastest binaries first: most mutants are killed by the first one that runs.
         order = sorted(targets, key=lambda b: limits[b])
 
