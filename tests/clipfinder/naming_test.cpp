@@ -369,4 +369,33 @@ TEST_F(Naming, ControlCharactersLeaveEverySchemasName) {
             std::string::npos);
 }
 
+// The notice comes once for each name that lost control characters, from
+// each schema that can bring one, and never for a name that had none.
+TEST_F(Naming, ControlCharacterNoticeOnlyWhenSomethingWasDropped) {
+  const std::string notice = "buildClipNameBase(). control characters removed from the clip name\n";
+  auto stderrOf = [&](std::string expected) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(base(), expected);
+    return testing::internal::GetCapturedStderr();
+  };
+  params.setParam(eParamCustomClipName, 1);
+  params.setParamString(eParamCustomClipNameText, "Interview");
+  EXPECT_EQ(stderrOf("Interview"), "");
+  params.setParamString(eParamCustomClipNameText, "Inter\tview");
+  EXPECT_EQ(stderrOf("Interview"), notice);
+
+  params.setParam(eParamClipNameSource, 2);
+  params.setParamString(eParamREDClipName, "A001_C003");
+  EXPECT_EQ(stderrOf("A001_C003"), "");
+  params.setParamString(eParamREDClipName, "A001\x1B_C003");
+  EXPECT_EQ(stderrOf("A001_C003"), notice);
+
+  params.setParam(eParamClipNameSource, 0);
+  params.setParam(eParamCustomClipName, 0);
+  slave("A001TK3");
+  EXPECT_EQ(stderrOf("A001TK3"), "");
+  slave("A001\x7FTK3");
+  EXPECT_EQ(stderrOf("A001TK3"), notice);
+}
+
 }  // namespace
