@@ -122,6 +122,35 @@ TEST(LutHostile, OneTokenPastTheLimitIsRefused) {
       "most 1048576) - nothing was read\n");
 }
 
+// The count in the refusal is exact for every kind of token: a run of
+// digits, a blank, tab, carriage return or line end, a "#" or "//" comment
+// (with its line end, or to the end of the file), and nothing for other
+// characters, for a "/" not followed by another, and for a "/" that is the
+// file's last byte.
+TEST(LutHostile, TheRefusalCountsEveryKindOfTokenExactly) {
+  vorta_test::TempDir dir;
+  const std::string path = dir.file("kinds.lut");
+  const std::string blanks(LUT_Utils::kMaxLutTokens, ' ');
+  // 12, blank, 345, tab, CR, LF, "# note\n", "// note\n", blank: 9 tokens.
+  vorta_test::writeFile(path, blanks + "12 345\t\r\n# note\n// note\n/x/y z/");
+  Outcome r = parse(path);
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.message,
+            "kinds.lut : 1048585 blanks, line ends, numbers and comments are more than a LUT file can have (at "
+            "most 1048576) - nothing was read\n");
+  // A comment that runs to the end of the file is one token too.
+  vorta_test::writeFile(path, blanks + "//");
+  r = parse(path);
+  EXPECT_EQ(r.message,
+            "kinds.lut : 1048577 blanks, line ends, numbers and comments are more than a LUT file can have (at "
+            "most 1048576) - nothing was read\n");
+  vorta_test::writeFile(path, blanks + "#");
+  r = parse(path);
+  EXPECT_EQ(r.message,
+            "kinds.lut : 1048577 blanks, line ends, numbers and comments are more than a LUT file can have (at "
+            "most 1048576) - nothing was read\n");
+}
+
 // Exactly at the bound (1,048,575 line ends after one entry, 1,048,576
 // tokens with its five): read, one entry.
 TEST(LutHostile, TokensAtTheLimitAreRead) {

@@ -92,6 +92,20 @@ TEST(AddNanosecondsToTimespec, ExactSecondsLeaveNanosecondsUnchanged) {
   EXPECT_EQ(ts.tv_nsec, 600000000L);
 }
 
+// The boundary of whole seconds: one second exactly carries one second,
+// one nanosecond less carries none.
+TEST(AddNanosecondsToTimespec, OneSecondExactlyAndJustBelow) {
+  ThreadSleep sleeper;
+  timespec ts = at(10, 600000000L);
+  sleeper.addNanosecondsToTimespec(1000000000L, &ts);
+  EXPECT_EQ(ts.tv_sec, 11);
+  EXPECT_EQ(ts.tv_nsec, 600000000L);
+  ts = at(10, 0);
+  sleeper.addNanosecondsToTimespec(999999999L, &ts);
+  EXPECT_EQ(ts.tv_sec, 10);
+  EXPECT_EQ(ts.tv_nsec, 999999999L);
+}
+
 TEST(AddNanosecondsToTimespec, ZeroChangesNothing) {
   ThreadSleep sleeper;
   timespec ts = at(7, 123456789L);
