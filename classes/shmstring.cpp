@@ -53,20 +53,15 @@ void unlockSegment(unsigned char* segment) {
   if (zev::detail::mappingKept(segment) >= ShmString::kLockSize) pthread_rwlock_unlock(lockOf(segment));
 }
 
-// Takes the segment's lock. A wait that lasts is woken every tenth of a
-// second to see whether the segment has been cut short meanwhile: a waiter
-// on the lock of a cut segment would otherwise never be woken. False when
-// the lock cannot be had or the segment is no longer whole (the lock is then
-// not held).
+// Takes the segment's lock. A wait that lasts is woken every second to see
+// whether the segment has been cut short meanwhile: a waiter on the lock of a
+// cut segment would otherwise never be woken. False when the lock cannot be
+// had or the segment is no longer whole (the lock is then not held).
 bool lockSegment(int fd, unsigned char* segment, std::size_t mappedSize, bool forWriting) {
   for (;;) {
     struct timespec deadline;
     clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_nsec += 100 * 1000 * 1000;
-    if (deadline.tv_nsec >= 1000 * 1000 * 1000) {
-      deadline.tv_sec += 1;
-      deadline.tv_nsec -= 1000 * 1000 * 1000;
-    }
+    deadline.tv_sec += 1;
     const int result = forWriting ? pthread_rwlock_timedwrlock(lockOf(segment), &deadline)
                                   : pthread_rwlock_timedrdlock(lockOf(segment), &deadline);
     if (result == 0) {
@@ -287,11 +282,7 @@ bool ShmString::isAttached() const {
   return segment_ != nullptr && (owner_ ? segmentWhole(fd_, segment_, mappedSize_) : isOwnerAlive());
 }
 
-int ShmString::capacity() const {
-  if (segment_ == nullptr) return 0;
-  const uint32_t stored = __atomic_load_n(capacityField(segment_), __ATOMIC_ACQUIRE);
-  return zev::detail::mappingLost(segment_) ? 0 : static_cast<int>(stored);
-}
+int ShmString::capacity() const { return static_cast<int>(usableCapacity()); }
 
 char* ShmString::text() const { return reinterpret_cast<char*>(segment_ + kTextOffset); }
 

@@ -68,7 +68,8 @@ class ShmString {
   /// close and re-attach, which fails as for any segment that is not a
   /// valid string: no access past its new end ever kills this process.
   bool isAttached() const;
-  /// The segment's capacity field; 0 when not mapped.
+  /// The segment's capacity field; 0 when not mapped, and when the segment
+  /// no longer matches its mapping (cut short, its header overwritten).
   int capacity() const;
   /// Stores text (attaching first when needed), cut to capacity - 1
   /// characters; false when text is null or attaching fails.

@@ -428,6 +428,8 @@ TEST_P(ShmStringCut, ReaderAndOwnerFailInsteadOfDying) {
     if (shm.get(text, sizeof text) != 5 || std::strcmp(text, "hello") != 0) _exit(1);
     writeAll(fromReader.write, "read\n");
     if (readLine(toReader.read, patience()) != "cut") _exit(2);
+    // Still mapped, but no longer a valid string: its capacity is 0.
+    if (shm.capacity() != 0) _exit(6);
     for (int i = 0; i < 3; ++i) {
       std::memset(text, 'x', sizeof text);
       if (shm.get(text, sizeof text) != -1 || text[0] != '\0') _exit(3);
