@@ -189,18 +189,28 @@ TEST(FileParamsPaths, KilledWritersLeaveNoTemporaryFileOnceTheNextWriterHasRun) 
 TEST(FileParamsPaths, OnlyTheTemporaryFilesOfEndedWritersAreRemoved) {
   TempDir dir;
   const std::string path = dir.file("p.json");
-  const std::string dead = "p.json.tmp." + std::to_string(deadPid());
+  // Process ids no process can have (above any pid_max) are those of ended
+  // writers too, up to the largest int.
+  const std::vector<std::string> removed = {"p.json.tmp." + std::to_string(deadPid()), "p.json.tmp.9999999",
+                                            "p.json.tmp.2147483647"};
   const std::string running = "p.json.tmp." + std::to_string(getppid());
-  const std::vector<std::string> kept = {
-      running,        "p.json.tmp.",   "p.json.tmp.abc",       "p.json.tmp.12x",
-      "p.json.tmp.0", "p.json.tmp.-5", "q.json.tmp.1999999999"};
-  writeFile(dir.file(dead), "half a wri");
+  const std::vector<std::string> kept = {running,
+                                         "p.json.tmp.",
+                                         "p.json.tmp.abc",
+                                         "p.json.tmp.12x",
+                                         "p.json.tmp.0",
+                                         "p.json.tmp.-5",
+                                         "p.json.tmp.0123",
+                                         "p.json.tmp.2147483648",
+                                         "p.json.tmp.99999999999999999999",
+                                         "q.json.tmp.1999999999"};
+  for (const std::string& name : removed) writeFile(dir.file(name), "half a wri");
   for (const std::string& name : kept) writeFile(dir.file(name), "x");
   ASSERT_EQ(mkdir(dir.file("p.json.tmp.1999999998").c_str(), 0755), 0);  // not a file: left
   ASSERT_EQ(FileParamStore(path).setParam(eParamTake, 4), 1);
   std::set<std::string> left;
   for (const std::string& name : namesStartingWith(dir.path(), "")) left.insert(name);
-  EXPECT_EQ(left.count(dead), 0u);
+  for (const std::string& name : removed) EXPECT_EQ(left.count(name), 0u) << name;
   for (const std::string& name : kept) EXPECT_EQ(left.count(name), 1u) << name;
   EXPECT_EQ(left.count("p.json.tmp.1999999998"), 1u);
   EXPECT_EQ(FileParamStore(path).getParam(eParamTake), 4u);
