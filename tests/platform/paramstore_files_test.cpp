@@ -2,6 +2,8 @@
 // The file parameter store and the files around the parameter file: links to it, other spellings of
 // its path, the temporary files of killed writers, failed writes.
 #include <dirent.h>
+#include <dlfcn.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -10,6 +12,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstring>
 #include <random>
 #include <set>
 #include <string>
@@ -17,6 +21,37 @@
 
 #include "paramstore.h"
 #include "test_support.h"
+
+// The C library's rename and fsync, failing on request: this binary's
+// definitions come before the C library's for the parameter service's calls
+// too, so that a write can be made to fail at each step.
+namespace {
+std::atomic<int> gFailRename{0};
+std::atomic<int> gFailFsync{0};
+
+template <typename Function>
+Function next(const char* name) {
+  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+}  // namespace
+
+extern "C" int rename(const char* from, const char* to) {
+  if (gFailRename.load() != 0) {
+    errno = EXDEV;
+    return -1;
+  }
+  static const auto real = next<int (*)(const char*, const char*)>("rename");
+  return real(from, to);
+}
+
+extern "C" int fsync(int fd) {
+  if (gFailFsync.load() != 0) {
+    errno = EIO;
+    return -1;
+  }
+  static const auto real = next<int (*)(int)>("fsync");
+  return real(fd);
+}
 
 namespace {
 
@@ -238,6 +273,31 @@ TEST(FileParamsPaths, AFailedWriteSaysSoAndLeavesNoTemporaryFile) {
   EXPECT_EQ(readFile(errors), path + ": File too large\n");
   EXPECT_EQ(namesStartingWith(dir.path(), "p.json.tmp."), std::vector<std::string>{});
   EXPECT_EQ(readFile(path), before);
+}
+
+// A write whose fsync or rename fails says so with the system's reason,
+// returns 0, leaves no temporary file and keeps the old file; the next
+// write works.
+TEST(FileParamsPaths, AWriteFailingAtFsyncOrRenameSaysSoAndLeavesNoTemporaryFile) {
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  FileParamStore store(path);
+  ASSERT_EQ(store.setParam(eParamTake, 6), 1);
+  const std::string before = readFile(path);
+  for (std::atomic<int>* failing : {&gFailFsync, &gFailRename}) {
+    const char* reason = failing == &gFailFsync ? "Input/output error" : "Invalid cross-device link";
+    failing->store(1);
+    testing::internal::CaptureStderr();
+    const int result = store.setParam(eParamTake, 7);
+    const std::string said = testing::internal::GetCapturedStderr();
+    failing->store(0);
+    EXPECT_EQ(result, 0) << reason;
+    EXPECT_EQ(said, path + ": " + reason + "\n");
+    EXPECT_EQ(namesStartingWith(dir.path(), "p.json.tmp."), std::vector<std::string>{}) << reason;
+    EXPECT_EQ(readFile(path), before) << reason;
+  }
+  EXPECT_EQ(store.setParam(eParamTake, 8), 1);
+  EXPECT_EQ(store.getParam(eParamTake), 8u);
 }
 
 // Whether a parameter the table does not know holds text is read from the

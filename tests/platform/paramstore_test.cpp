@@ -188,6 +188,10 @@ TEST_P(Stores, RefusesReadingTextAsANumberAndANumberAsText) {
 
 TEST_P(Stores, KeepsParametersItDoesNotKnow) {
   const eParam_t unknown = static_cast<eParam_t>(0x0A0B0C0D);
+  // Not known and never set: no value, read as 0 or the empty text.
+  EXPECT_FALSE(store->hasParam(unknown));
+  EXPECT_FALSE(store->isTextParam(unknown));
+  EXPECT_EQ(store->getParam(unknown), 0u);
   EXPECT_EQ(store->setParam(unknown, 9), 1);
   EXPECT_TRUE(store->hasParam(unknown));
   EXPECT_EQ(store->getParam(unknown), 9u);
