@@ -174,6 +174,25 @@ TEST(WorkArena, KeepsNothingMappedPastAChunksEnd) {
   }
 }
 
+// With no arena alive the process has nothing mapped for arenas; a chunk
+// size of 0 means one block, also for an allocation of nothing.
+TEST(WorkArena, CountsFromNothingAndTakesZeroAsOneBlock) {
+  EXPECT_EQ(WorkArena::mappedInProcess(), 0u);
+  {
+    WorkArena arena(0, false);
+    EXPECT_NE(arena.allocate(0, 1), nullptr);
+    EXPECT_EQ(arena.chunks(), 1u);
+    EXPECT_EQ(arena.mappedBytes(), WorkArena::kBlock);
+    EXPECT_EQ(WorkArena::mappedInProcess(), WorkArena::kBlock);
+    arena.allocate(WorkArena::kBlock, 1);  // the rest of that block
+    EXPECT_EQ(arena.chunks(), 1u);
+    arena.allocate(1, 1);
+    EXPECT_EQ(arena.chunks(), 2u);
+    EXPECT_EQ(arena.mappedBytes(), 2 * WorkArena::kBlock);
+  }
+  EXPECT_EQ(WorkArena::mappedInProcess(), 0u);
+}
+
 TEST(WorkArena, CountsWhatItGivesBackEarly) {
   const std::size_t before = WorkArena::mappedInProcess();
   WorkArena arena;
