@@ -569,4 +569,13 @@ TEST(ShmStringCutOthers, OtherBusErrorsKeepTheirEffect) {
     return 0;
   });
   EXPECT_EQ(programHandler, 77);
+
+  // A SIGBUS that another process sends (not a fault) ends the process too.
+  const int sent = inChild([&] {
+    ShmString shm(name.c_str());
+    if (!shm.create(16)) return 92;
+    kill(getpid(), SIGBUS);
+    return 0;
+  });
+  EXPECT_EQ(sent, 128 + SIGBUS);
 }
