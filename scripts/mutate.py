@@ -455,6 +455,7 @@ def main():
                 print("  %s  %s%s" % (mutant["id"], describe(mutant), mark))
         return 0
 
+    args.work = os.path.abspath(args.work)
     src_dir = os.path.join(args.work, "src")
     build_dir = os.path.join(args.work, "build")
     os.makedirs(src_dir, exist_ok=True)

@@ -175,7 +175,8 @@ TEST(WorkArena, KeepsNothingMappedPastAChunksEnd) {
 }
 
 // With no arena alive the process has nothing mapped for arenas; a chunk
-// size of 0 means one block, also for an allocation of nothing.
+// size of 0 means one block, also for an allocation of nothing; an
+// alignment of 0 packs like an alignment of 1.
 TEST(WorkArena, CountsFromNothingAndTakesZeroAsOneBlock) {
   EXPECT_EQ(WorkArena::mappedInProcess(), 0u);
   {
@@ -186,9 +187,12 @@ TEST(WorkArena, CountsFromNothingAndTakesZeroAsOneBlock) {
     EXPECT_EQ(WorkArena::mappedInProcess(), WorkArena::kBlock);
     arena.allocate(WorkArena::kBlock, 1);  // the rest of that block
     EXPECT_EQ(arena.chunks(), 1u);
-    arena.allocate(1, 1);
+    arena.allocate(0, 1);  // nothing still fits at the very end
+    EXPECT_EQ(arena.chunks(), 1u);
+    unsigned char* one = static_cast<unsigned char*>(arena.allocate(1, 0));  // alignment 0 means none
     EXPECT_EQ(arena.chunks(), 2u);
     EXPECT_EQ(arena.mappedBytes(), 2 * WorkArena::kBlock);
+    EXPECT_EQ(static_cast<unsigned char*>(arena.allocate(3, 0)), one + 1);
   }
   EXPECT_EQ(WorkArena::mappedInProcess(), 0u);
 }
