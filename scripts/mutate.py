@@ -28,6 +28,8 @@ Environment (or the matching options):
   MUTATE_SEED    seed of the sample (default 1)
   MUTATE_SINCE   with no MUTATE_UNITS: the units whose source or header changed since this
                  git revision (CI: HEAD~1); when none did, MUTATE_SPARE units chosen by the seed
+  MUTATE_IDS     only these mutants (ids as --list and the report print them), of the units
+                 chosen; for running the survivors of a sample again
   MUTATE_SPARE   units sampled when MUTATE_SINCE finds none (default 2)
   MUTATE_TIMEOUT least time limit of one test binary in seconds (default 20; the
                  limit is also at least 3 x the binary's unmutated run time)
@@ -428,6 +430,7 @@ def main():
     parser.add_argument("--since", default=os.environ.get("MUTATE_SINCE", ""))
     parser.add_argument("--spare", type=int, default=int(os.environ.get("MUTATE_SPARE") or 2))
     parser.add_argument("--timeout", type=float, default=float(os.environ.get("MUTATE_TIMEOUT") or 20))
+    parser.add_argument("--ids", default=os.environ.get("MUTATE_IDS", ""))
     parser.add_argument("--list", action="store_true", help="list the sampled mutants and stop")
     parser.add_argument("--work", default=os.path.join(ROOT, "build", "mutate"))
     parser.add_argument("--results", help="write every mutant's outcome to this JSON file")
@@ -441,11 +444,15 @@ def main():
     else:
         chosen = choose(units, names)
 
+    ids = set(i for i in re.split(r"[,\s]+", args.ids) if i)
     plan = []
     for unit in chosen:
         source, tests = units[unit]
         _, mutants = mutants_of(os.path.join(ROOT, source), source)
-        plan.append((unit, source, tests, sample(mutants, args.count, args.seed, unit), len(mutants)))
+        picked = [m for m in mutants if m["id"] in ids] if ids else sample(mutants, args.count, args.seed, unit)
+        if ids and not picked:
+            continue
+        plan.append((unit, source, tests, picked, len(mutants)))
 
     if args.list:
         for unit, _, tests, picked, total in plan:
