@@ -34,16 +34,14 @@ class SignalMessage {
     used_ += length;
   }
   void add(const char* text) { add(text, std::strlen(text)); }
-  void add(long value) {
+  // Signal numbers and process ids: never negative.
+  void add(unsigned long value) {
     char digits[24];
     std::size_t n = 0;
-    unsigned long magnitude =
-        value < 0 ? 0ul - static_cast<unsigned long>(value) : static_cast<unsigned long>(value);
     do {
-      digits[sizeof digits - 1 - n++] = static_cast<char>('0' + magnitude % 10);
-      magnitude /= 10;
-    } while (magnitude != 0);
-    if (value < 0) digits[sizeof digits - 1 - n++] = '-';
+      digits[sizeof digits - 1 - n++] = static_cast<char>('0' + value % 10);
+      value /= 10;
+    } while (value != 0);
     add(digits + sizeof digits - n, n);
   }
   void writeTo(int fd) const {
@@ -158,9 +156,9 @@ void Daemonizer::signalHandler(int sig) {
       SignalMessage message;
       message.add(name.data(), name.size());
       message.add(" Received SIGNAL ");
-      message.add(static_cast<long>(sig));
+      message.add(static_cast<unsigned long>(sig));
       message.add(", shutting down (PID:");
-      message.add(static_cast<long>(getpid()));
+      message.add(static_cast<unsigned long>(getpid()));
       message.add(")\n");
       message.writeTo(STDERR_FILENO);
       if (!_hasCleanupAfterKilled) unlink(pidfile);

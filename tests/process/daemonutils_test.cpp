@@ -142,6 +142,55 @@ TEST(Daemonizer, PidFileHoldsPidAndNewlineAndSigtermRemovesIt) {
   EXPECT_EQ(child.out(), "");
 }
 
+// The shutdown line is assembled in a fixed buffer of 512 bytes (no
+// allocation in a signal handler): a daemon name that long is cut there,
+// and the line is written whole up to that point.
+TEST(Daemonizer, ShutdownLineOfAVeryLongNameIsCutAt512Bytes) {
+  DaemonChild child(uniqueName("longname"));
+  const std::string name(600, 'n');
+  child.start([&] {
+    Daemonizer::setupSignalHandler(name, nullptr, nullptr, true);
+    report("ready");
+    Daemonizer::sleepUntilKilled();
+    report("killed");
+  });
+  ASSERT_EQ(child.line(), "ready");
+  ASSERT_EQ(kill(child.pid(), SIGINT), 0);
+  EXPECT_EQ(child.line(), "killed");
+  const pid_t pid = child.pid();
+  child.wait();
+  EXPECT_EQ(child.err(), receivedLine(name, SIGINT, pid).substr(0, 512));
+  // A short name, for the digits of the signal and the pid.
+  DaemonChild other(uniqueName("short"));
+  other.start([&] {
+    Daemonizer::setupSignalHandler("d", nullptr, nullptr, true);
+    report("ready");
+    Daemonizer::sleepUntilKilled();
+  });
+  ASSERT_EQ(other.line(), "ready");
+  const pid_t otherPid = other.pid();
+  ASSERT_EQ(kill(otherPid, SIGTERM), 0);
+  other.wait();
+  EXPECT_EQ(other.err(), "d:  Received SIGNAL 15, shutting down (PID:" + std::to_string(otherPid) + ")\n");
+}
+
+// A daemon whose standard error is closed still handles the signal: the
+// shutdown line that cannot be written is given up, not retried for ever.
+TEST(Daemonizer, ClosedStandardErrorDoesNotHoldUpTheSignal) {
+  DaemonChild child(uniqueName("noerr"));
+  child.start([] {
+    Daemonizer::setupSignalHandler("noerr", nullptr, nullptr, true);
+    ::close(STDERR_FILENO);
+    report("ready");
+    Daemonizer::sleepUntilKilled();
+    report("killed " + std::to_string(Daemonizer::killed));
+  });
+  ASSERT_EQ(child.line(), "ready");
+  ASSERT_EQ(kill(child.pid(), SIGTERM), 0);
+  EXPECT_EQ(child.line(), "killed 1");
+  EXPECT_EQ(child.wait(), 0);
+}
+
 // With hasCleanupAfterKilled the pid file outlives the signal and goes with setDone.
 TEST(Daemonizer, SigtermWithCleanupAfterKilledKeepsPidFileUntilSetDone) {
   REQUIRE_PID_FILES();
@@ -318,6 +367,8 @@ TEST(Daemonizer, PidFilePathIsCutTo127Characters) {
 TEST(Daemonizer, SetupStoresHooksAndResetsKilled) {
   DaemonChild child(uniqueName("no-such-dir") + "/setup");
   child.start([] {
+    // Before any set-up: not killed, no frames.
+    report("before " + std::to_string(Daemonizer::killed) + " " + std::to_string(Daemonizer::size));
     Daemonizer::killed = 5;
     Daemonizer::setupSignalHandler("setup", onTermination, onStatus, true);
     report("killed " + std::to_string(Daemonizer::killed) + " name [" + Daemonizer::name + "] hooks " +
@@ -325,7 +376,7 @@ TEST(Daemonizer, SetupStoresHooksAndResetsKilled) {
            yesNo(Daemonizer::_getStatus == onStatus) + " keep " + yesNo(Daemonizer::_hasCleanupAfterKilled) +
            " frames " + std::to_string(Daemonizer::size));
   });
-  EXPECT_EQ(child.rest(), "killed 0 name [setup: ] hooks yesyes keep yes frames 0\n");
+  EXPECT_EQ(child.rest(), "before 0 0\nkilled 0 name [setup: ] hooks yesyes keep yes frames 0\n");
   EXPECT_EQ(child.wait(), 0);
 }
 
