@@ -404,8 +404,14 @@ TEST(Daemonizer, DaemonizeDetachesIntoANewSession) {
     char in[PATH_MAX] = "";
     const ssize_t n = readlink("/proc/self/fd/0", in, sizeof in - 1);
     if (n > 0) in[n] = '\0';
+    char out[PATH_MAX] = "";
+    const ssize_t m = readlink("/proc/self/fd/1", out, sizeof out - 1);
+    if (m > 0) out[m] = '\0';
+    // Standard error is the console or /dev/null, never left closed.
+    const bool errOpen = fcntl(STDERR_FILENO, F_GETFD) != -1;
     report(std::to_string(getpid()) + " " + std::to_string(getsid(0)) + " " + cwd + " " +
-           std::to_string(mask) + " " + in + " " + Daemonizer::pidfile);
+           std::to_string(mask) + " " + in + " " + Daemonizer::pidfile + " " + out + " " +
+           (errOpen ? "err" : "noerr"));
     Daemonizer::sleepUntilKilled();
     report("killed " + std::to_string(Daemonizer::killed) + " pidfile " +
            yesNo(access(Daemonizer::pidfile, F_OK) == 0));
@@ -416,10 +422,10 @@ TEST(Daemonizer, DaemonizeDetachesIntoANewSession) {
 
   const std::string line = child.line();
   long daemonPid = 0, session = 0, mask = -1;
-  char cwd[256] = "", in[256] = "", pidfile[256] = "";
-  ASSERT_EQ(std::sscanf(line.c_str(), "%ld %ld %255s %ld %255s %255s", &daemonPid, &session, cwd, &mask, in,
-                        pidfile),
-            6)
+  char cwd[256] = "", in[256] = "", pidfile[256] = "", out[256] = "", err[256] = "";
+  ASSERT_EQ(std::sscanf(line.c_str(), "%ld %ld %255s %ld %255s %255s %255s %255s", &daemonPid, &session, cwd,
+                        &mask, in, pidfile, out, err),
+            8)
       << line;
   // Stops the daemon should a check below fail before it is told to.
   struct DaemonStopper {
@@ -434,6 +440,10 @@ TEST(Daemonizer, DaemonizeDetachesIntoANewSession) {
   EXPECT_STREQ(cwd, "/tmp");
   EXPECT_EQ(mask, 0);
   EXPECT_STREQ(in, "/dev/null");
+  EXPECT_STREQ(out, "/dev/null");
+  EXPECT_STREQ(err, "err");
+  // Nothing failed on the way, so nothing was said on the standard error it had.
+  EXPECT_EQ(child.err(), "");
   EXPECT_EQ(pidfile, child.pidfile());
   if (canWritePidFiles()) {
     EXPECT_EQ(readFile(child.pidfile()), std::to_string(daemonPid) + "\n");
