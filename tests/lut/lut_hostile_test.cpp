@@ -166,6 +166,21 @@ TEST(LutHostile, TokensAtTheLimitAreRead) {
 
 // ---- special files
 
+// With standard input closed, the file opened gets descriptor 0, which is
+// as good as any other: the file is read and closed.
+TEST(LutHostile, ReadsItsFileAsDescriptorZero) {
+  vorta_test::TempDir dir;
+  const std::string path = dir.file("one.lut");
+  vorta_test::writeFile(path, "1 2 3\n");
+  const int status = inChildWithin(20, [&] {
+    ::close(STDIN_FILENO);
+    const Outcome r = parse(path);
+    const bool closedAgain = fcntl(STDIN_FILENO, F_GETFD) == -1;
+    return r.ok && r.count == 1 && closedAgain ? 0 : 1;
+  });
+  EXPECT_EQ(status, 0);
+}
+
 // A FIFO with no writer: opening it for reading would block for ever. It
 // is opened without blocking and refused as not a regular file, at once.
 TEST(LutHostile, FifoIsRefusedWithoutBlocking) {
