@@ -398,4 +398,22 @@ TEST_F(Naming, ControlCharacterNoticeOnlyWhenSomethingWasDropped) {
   EXPECT_EQ(stderrOf("A001TK3"), notice);
 }
 
+// A parameter service that cannot give any integer (getParamValue fails,
+// and so getParam reads 0): the standard name is built from zeros, "Clip"
+// with no number or letter, take 0, and nothing is said.
+TEST(NamingUnreadable, IntegersThatCannotBeReadCountAsZero) {
+  struct UnreadableIntegers : MemoryParamStore {
+    int getParamValue(eParam_t, uint32_t&) override { return 0; }
+  } params;
+  UniqueCaches caches;
+  ClipFinder finder(&params, caches.config);
+  std::string name;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(finder.buildClipNameBase(name, false), 0);
+  EXPECT_EQ(name, "ClipTK0");
+  EXPECT_EQ(finder.buildClipNameBase(name, true), 0);
+  EXPECT_EQ(name, "ClipTK1");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
 }  // namespace
