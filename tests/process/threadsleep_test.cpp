@@ -95,15 +95,19 @@ TEST(AddNanosecondsToTimespec, ExactSecondsLeaveNanosecondsUnchanged) {
 // The boundary of whole seconds: one second exactly carries one second,
 // one nanosecond less carries none.
 TEST(AddNanosecondsToTimespec, OneSecondExactlyAndJustBelow) {
+  const struct {
+    timespec start;
+    long interval;
+    timespec end;
+  } cases[] = {{at(10, 600000000L), 1000000000L, at(11, 600000000L)},
+               {at(10, 0), 999999999L, at(10, 999999999L)}};
   ThreadSleep sleeper;
-  timespec ts = at(10, 600000000L);
-  sleeper.addNanosecondsToTimespec(1000000000L, &ts);
-  EXPECT_EQ(ts.tv_sec, 11);
-  EXPECT_EQ(ts.tv_nsec, 600000000L);
-  ts = at(10, 0);
-  sleeper.addNanosecondsToTimespec(999999999L, &ts);
-  EXPECT_EQ(ts.tv_sec, 10);
-  EXPECT_EQ(ts.tv_nsec, 999999999L);
+  for (const auto& c : cases) {
+    timespec ts = c.start;
+    sleeper.addNanosecondsToTimespec(c.interval, &ts);
+    EXPECT_EQ(ts.tv_sec, c.end.tv_sec) << c.interval;
+    EXPECT_EQ(ts.tv_nsec, c.end.tv_nsec) << c.interval;
+  }
 }
 
 TEST(AddNanosecondsToTimespec, ZeroChangesNothing) {
