@@ -135,20 +135,23 @@ TEST(LutHostile, TheRefusalCountsEveryKindOfTokenExactly) {
   vorta_test::writeFile(path, blanks + "12 345\t\r\n# note\n// note\n/x/y z/");
   Outcome r = parse(path);
   EXPECT_FALSE(r.ok);
-  EXPECT_EQ(r.message,
-            "kinds.lut : 1048585 blanks, line ends, numbers and comments are more than a LUT file can have (at "
-            "most 1048576) - nothing was read\n");
+  EXPECT_EQ(
+      r.message,
+      "kinds.lut : 1048585 blanks, line ends, numbers and comments are more than a LUT file can have (at "
+      "most 1048576) - nothing was read\n");
   // A comment that runs to the end of the file is one token too.
   vorta_test::writeFile(path, blanks + "//");
   r = parse(path);
-  EXPECT_EQ(r.message,
-            "kinds.lut : 1048577 blanks, line ends, numbers and comments are more than a LUT file can have (at "
-            "most 1048576) - nothing was read\n");
+  EXPECT_EQ(
+      r.message,
+      "kinds.lut : 1048577 blanks, line ends, numbers and comments are more than a LUT file can have (at "
+      "most 1048576) - nothing was read\n");
   vorta_test::writeFile(path, blanks + "#");
   r = parse(path);
-  EXPECT_EQ(r.message,
-            "kinds.lut : 1048577 blanks, line ends, numbers and comments are more than a LUT file can have (at "
-            "most 1048576) - nothing was read\n");
+  EXPECT_EQ(
+      r.message,
+      "kinds.lut : 1048577 blanks, line ends, numbers and comments are more than a LUT file can have (at "
+      "most 1048576) - nothing was read\n");
 }
 
 // Exactly at the bound (1,048,575 line ends after one entry, 1,048,576
