@@ -21,8 +21,10 @@
 
 FUZZ_SECONDS ?= 30
 # The library's line coverage (per cent, classes/ and platform/) that make
-# coverage requires: the figure the suite has reached. Raise it with the tests.
-COVERAGE_MIN_LINES ?= 0
+# coverage requires: the figure the suite has reached (95.8 %), less 0.3 for
+# the paths that timing decides from one run to the next. Raise it with the
+# tests; never lower it to let a change through.
+COVERAGE_MIN_LINES ?= 95.5
 FORMAT_FILES = $(shell git ls-files -co --exclude-standard '*.cpp' '*.h' 2>/dev/null | grep -v -e '^tests/data/' -e '_generated' )
 
 .PHONY: all deps deps-ppc build test demo bench test-asan test-ppc test-ppc-system package package-ppc fuzz format format-check coverage mutate clean
