@@ -77,8 +77,12 @@ void endCrashedProcess(int) {
   _exit(-99);
 }
 
-// Reports a failed system call with the daemon's prefix: "name: what: reason".
-void reportFailure(const char* what) { std::perror((Daemonizer::name + what).c_str()); }
+// Reports a failed system call of daemonize with the daemon's prefix:
+// "name: what: reason" (Daemonizer::name is set only afterwards, by
+// setupSignalHandler).
+void reportFailure(const std::string& daemonName, const char* what) {
+  std::perror((daemonName + ": " + what).c_str());
+}
 
 }  // namespace
 
@@ -90,18 +94,18 @@ void Daemonizer::daemonize(std::string daemonName, void (*handleTermOrKill)(int)
   pid_t pid = fork();
   if (pid > 0) _exit(0);
   // A failed fork leaves the daemon running in this process rather than not at all.
-  if (pid < 0) reportFailure("fork");
+  if (pid < 0) reportFailure(daemonName, "fork");
   setsid();
   pid = fork();
   if (pid > 0) _exit(0);
-  if (pid < 0) reportFailure("fork");
+  if (pid < 0) reportFailure(daemonName, "fork");
 
-  if (chdir("/tmp") != 0) reportFailure("chdir /tmp");
+  if (chdir("/tmp") != 0) reportFailure(daemonName, "chdir /tmp");
   umask(0);
 
   // freopen closes each stream and reopens it on the same descriptor.
-  if (std::freopen("/dev/null", "r", stdin) == nullptr) reportFailure("/dev/null");
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) reportFailure("/dev/null");
+  if (std::freopen("/dev/null", "r", stdin) == nullptr) reportFailure(daemonName, "/dev/null");
+  if (std::freopen("/dev/null", "w", stdout) == nullptr) reportFailure(daemonName, "/dev/null");
   // Without a console, standard error goes to /dev/null: descriptor 2 must
   // never be left free for a later open() to take, or messages would be
   // written into that file.

@@ -2,6 +2,7 @@
 // Tests of Daemonizer: pid file, termination, status and crash signals, detaching; in real child processes.
 #include "daemonutils.h"
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -19,6 +20,21 @@
 
 #include "child_process.h"
 #include "test_support.h"
+
+// The C library's chdir, failing on request: this binary's definition comes
+// before the C library's for the daemon code's call too.
+namespace {
+volatile int gFailChdir = 0;
+}  // namespace
+
+extern "C" int chdir(const char* path) {
+  if (gFailChdir != 0) {
+    errno = EACCES;
+    return -1;
+  }
+  static const auto real = reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "chdir"));
+  return real(path);
+}
 
 namespace {
 
@@ -189,6 +205,24 @@ TEST(Daemonizer, ClosedStandardErrorDoesNotHoldUpTheSignal) {
   ASSERT_EQ(kill(child.pid(), SIGTERM), 0);
   EXPECT_EQ(child.line(), "killed 1");
   EXPECT_EQ(child.wait(), 0);
+}
+
+// A step of daemonize that fails is reported on the standard error the
+// process had, with the daemon's name, the step and the system's reason,
+// and the daemon still starts.
+TEST(Daemonizer, AFailedStepIsReportedWithTheDaemonsName) {
+  const bool subreaper = prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) == 0;
+  DaemonChild child(uniqueName("nochdir"));
+  child.start([] {
+    gFailChdir = 1;
+    Daemonizer::daemonize("nochdir", nullptr, nullptr, true);
+    report(std::to_string(getpid()));
+  });
+  EXPECT_EQ(child.wait(), 0);
+  const std::string pid = child.line();
+  ASSERT_FALSE(pid.empty());
+  EXPECT_EQ(child.err(), "nochdir: chdir /tmp: Permission denied\n");
+  if (subreaper) waitForExit(static_cast<pid_t>(std::stol(pid)), patience());
 }
 
 // With hasCleanupAfterKilled the pid file outlives the signal and goes with setDone.
