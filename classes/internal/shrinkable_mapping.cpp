@@ -26,7 +26,6 @@ struct Watched {
 Watched gWatched[kMaxWatched];
 constexpr std::uintptr_t kClaimed = 1;
 
-std::once_flag gInstalled;
 struct sigaction gPrevious;
 
 std::size_t pageSize() {
@@ -75,8 +74,17 @@ void onBusError(int signal, siginfo_t* info, void* context) {
   passOn(signal, info, context);
 }
 
+// Puts this unit's handler in place unless it is there already: at the
+// first watch, and again after the program has put a handler of its own in
+// its place, which then becomes the one every other SIGBUS is passed on to.
 void install() {
+  static std::mutex installing;
+  const std::lock_guard<std::mutex> hold(installing);
   pageSize();  // read once here, not first in the handler
+  struct sigaction current;
+  if (::sigaction(SIGBUS, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) != 0 &&
+      current.sa_sigaction == onBusError)
+    return;
   struct sigaction action = {};
   action.sa_sigaction = onBusError;
   action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESTART;
@@ -96,7 +104,7 @@ Watched* find(const void* start) {
 
 bool watchMapping(void* start, std::size_t length) {
   if (start == nullptr || length == 0) return false;
-  std::call_once(gInstalled, install);
+  install();
   const auto at = reinterpret_cast<std::uintptr_t>(start);
   for (Watched& slot : gWatched) {
     // Claimed first, filled in, then published with its start: the handler

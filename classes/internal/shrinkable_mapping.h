@@ -22,7 +22,9 @@ namespace detail {
 /// it read or did meanwhile. The mapping stays the caller's to unmap. At
 /// most kMaxWatched mappings are watched at once per process; past that
 /// watchMapping returns false and the mapping is as unprotected as any.
-/// A handler for SIGBUS that the program installs later replaces this one.
+/// A handler for SIGBUS that the program installs after a watch replaces
+/// this one until the next watch, which puts it back in front of the
+/// program's.
 constexpr int kMaxWatched = 256;
 
 /// Watches [start, start + length); start is page-aligned (as mmap returns it).

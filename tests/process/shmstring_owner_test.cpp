@@ -572,6 +572,16 @@ TEST(ShmStringCutOthers, OtherBusErrorsKeepTheirEffect) {
   });
   EXPECT_EQ(programHandler, 77);
 
+  // Ignoring SIGBUS does not ignore a fault: the process still ends.
+  const int ignored = inChild([&] {
+    signal(SIGBUS, SIG_IGN);
+    ShmString shm(name.c_str());
+    if (!shm.create(16)) return 92;
+    faultOnCutFile();
+    return 0;
+  });
+  EXPECT_EQ(ignored, busEnd);
+
   // A SIGBUS that another process sends (not a fault) ends the process too.
   const int sent = inChild([&] {
     ShmString shm(name.c_str());

@@ -93,14 +93,15 @@ TEST(AddNanosecondsToTimespec, ExactSecondsLeaveNanosecondsUnchanged) {
 }
 
 // The boundary of whole seconds: one second exactly carries one second,
-// one nanosecond less carries none.
+// one nanosecond less carries none; a single nanosecond is added too.
 TEST(AddNanosecondsToTimespec, OneSecondExactlyAndJustBelow) {
   const struct {
     timespec start;
     long interval;
     timespec end;
   } cases[] = {{at(10, 600000000L), 1000000000L, at(11, 600000000L)},
-               {at(10, 0), 999999999L, at(10, 999999999L)}};
+               {at(10, 0), 999999999L, at(10, 999999999L)},
+               {at(10, 5), 1L, at(10, 6)}};
   ThreadSleep sleeper;
   for (const auto& c : cases) {
     timespec ts = c.start;
