@@ -12,8 +12,10 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <memory>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "alloc_failure.h"
 #include "child_process.h"
@@ -534,6 +536,30 @@ TEST_P(ShmStringCut, ReaderAndWriterSurviveRepeatedCuts) {
                                    << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
     EXPECT_EQ(WEXITSTATUS(status), 0);
   }
+}
+
+// More strings than the process watches for cuts (256): those past that
+// are not protected against a cut, but read and write as any other, their
+// lock taken and given back each time.
+TEST(ShmStringCutOthers, StringsPastTheWatchedOnesWorkAsAnyOther) {
+  std::vector<std::string> names;
+  for (int i = 0; i < 300; ++i) names.push_back("/" + uniqueName("vorta_shmmany"));
+  const int code = inChild([&] {
+    std::vector<std::unique_ptr<ShmString>> strings;
+    for (const std::string& name : names) {
+      strings.emplace_back(new ShmString(name.c_str()));
+      if (!strings.back()->create(16)) return 1;
+    }
+    char text[16];
+    for (int round = 0; round < 2; ++round)
+      for (auto& shm : strings) {
+        if (!shm->set(round == 0 ? "first" : "second")) return 2;
+        if (shm->get(text, sizeof text) != (round == 0 ? 5 : 6)) return 3;
+      }
+    return 0;
+  });
+  for (const std::string& name : names) shm_unlink(name.c_str());
+  EXPECT_EQ(code, 0) << "-1: a string past the watched ones hung on its lock";
 }
 
 // Only the strings' own mappings are spared: any other SIGBUS of the process
