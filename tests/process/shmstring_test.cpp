@@ -397,6 +397,7 @@ TEST(ShmString, GetRefusesNullDestAndNegativeSize) {
   EXPECT_EQ(owner.get(nullptr, 4), -1);
   EXPECT_EQ(owner.get(dest, 0), 0);  // min(0, capacity): nothing read
   EXPECT_EQ(owner.get(dest, -5), -1);
+  EXPECT_EQ(owner.get(dest, -1), -1);
   EXPECT_STREQ(dest, "qqq");  // untouched
   EXPECT_FALSE(owner.set(nullptr));
   EXPECT_EQ(owner.get(dest, 4), 3);
