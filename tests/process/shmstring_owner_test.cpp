@@ -580,6 +580,10 @@ TEST(ShmStringCutOthers, OtherBusErrorsKeepTheirEffect) {
   const int defaultAction = inChild([&] {
     ShmString shm(name.c_str());
     if (!shm.create(16)) return 92;
+    // A reader too: every mapping watched after the first leaves the
+    // handler chain as it was.
+    ShmString reader(name.c_str());
+    if (!reader.attach(false, 0)) return 93;
     faultOnCutFile();
     return 0;
   });
