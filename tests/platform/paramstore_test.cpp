@@ -104,6 +104,23 @@ TEST(ParamIdentifiers, EveryParameterHasItsNameKindAndDefault) {
   }
 }
 
+// The memory store keeps what was set last, whatever the table says: a
+// number set under a text parameter makes it a number there, and text
+// under an integer parameter makes it text.
+TEST(MemoryParams, TheKindOfAParameterIsTheKindSetLast) {
+  MemoryParamStore store;
+  ASSERT_EQ(store.setParam(eParamMediaDir, 5), 1);
+  EXPECT_FALSE(store.isTextParam(eParamMediaDir));
+  EXPECT_EQ(store.getParam(eParamMediaDir), 5u);
+  std::string text = "unchanged";
+  EXPECT_EQ(store.getParamString(eParamMediaDir, text), 0);
+  EXPECT_EQ(text, "unchanged");
+  ASSERT_EQ(store.setParamString(eParamTake, "seven"), 1);
+  EXPECT_TRUE(store.isTextParam(eParamTake));
+  EXPECT_EQ(store.getParamString(eParamTake, text), 1);
+  EXPECT_EQ(text, "seven");
+}
+
 // Zero and the largest 32-bit value are integers a file may hold; a
 // negative, fractional or larger number is not one and reads as the default.
 TEST(FileParams, IntegerValuesAtTheirBounds) {
