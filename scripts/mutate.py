@@ -31,6 +31,8 @@ Environment (or the matching options):
   MUTATE_IDS     only these mutants (ids as --list and the report print them), of the units
                  chosen; for running the survivors of a sample again
   MUTATE_SPARE   units sampled when MUTATE_SINCE finds none (default 2)
+  MUTATE_MAX_UNITS  at most this many of the units MUTATE_SINCE finds, chosen by the seed
+                 (default 0: all of them)
   MUTATE_TIMEOUT least time limit of one test binary in seconds (default 20; the
                  limit is also at least 3 x the binary's unmutated run time)
 """
@@ -429,6 +431,7 @@ def main():
     parser.add_argument("--seed", default=os.environ.get("MUTATE_SEED") or "1")
     parser.add_argument("--since", default=os.environ.get("MUTATE_SINCE", ""))
     parser.add_argument("--spare", type=int, default=int(os.environ.get("MUTATE_SPARE") or 2))
+    parser.add_argument("--max-units", type=int, default=int(os.environ.get("MUTATE_MAX_UNITS") or 0))
     parser.add_argument("--timeout", type=float, default=float(os.environ.get("MUTATE_TIMEOUT") or 20))
     parser.add_argument("--ids", default=os.environ.get("MUTATE_IDS", ""))
     parser.add_argument("--list", action="store_true", help="list the sampled mutants and stop")
@@ -441,6 +444,9 @@ def main():
     names = [u for u in re.split(r"[,\s]+", args.units) if u]
     if args.since and not names:
         chosen = changed_units(units, args.since, args.seed, args.spare)
+        if 0 < args.max_units < len(chosen):
+            chosen = sorted(random.Random("%s:max" % args.seed).sample(chosen, args.max_units))
+            print("mutate: of those, %s" % ", ".join(chosen), flush=True)
     else:
         chosen = choose(units, names)
 
