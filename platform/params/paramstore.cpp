@@ -196,7 +196,9 @@ void removeStaleTemporaries(const std::string& path) {
   const std::string prefix = (slash == std::string::npos ? path : path.substr(slash + 1)) + ".tmp.";
   DIR* dir = ::opendir(directory.c_str());
   if (dir == nullptr) return;
-  while (const struct dirent* entry = ::readdir(dir)) {
+  // readdir64: a 32-bit program's readdir gives up (EOVERFLOW) and lists
+  // nothing when the file system's directory offsets do not fit 32 bits.
+  while (const struct dirent64* entry = ::readdir64(dir)) {
     const char* name = entry->d_name;
     if (std::strncmp(name, prefix.c_str(), prefix.size()) != 0) continue;
     const char* digits = name + prefix.size();

@@ -26,6 +26,11 @@ using zev::detail::watchMapping;
 // gives 0 instead of SIGBUS and loses the mapping from that page on; a cut
 // to nothing loses it all, down to its first byte.
 TEST(ShrinkableMapping, ReadsPastACutGiveZerosAndLoseTheRest) {
+  if (vorta_test::underEmulation())
+    GTEST_SKIP()
+        << "qemu-user ends the process on a SIGBUS from a mapping cut short (uncaught target signal 7) "
+           "instead of handing it to the program's handler; make test-ppc-system runs this on a "
+           "PowerPC kernel";
   vorta_test::TempDir dir;
   const std::string path = dir.file("cut");
   const int code = vorta_test::inChild([&] {

@@ -70,7 +70,7 @@ std::vector<std::string> namesStartingWith(const std::string& directory, const s
   std::vector<std::string> names;
   DIR* dir = opendir(directory.c_str());
   if (dir == nullptr) return names;
-  while (const dirent* entry = readdir(dir))
+  while (const dirent64* entry = readdir64(dir))
     if (std::string(entry->d_name).rfind(prefix, 0) == 0) names.push_back(entry->d_name);
   closedir(dir);
   return names;

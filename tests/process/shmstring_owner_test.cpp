@@ -411,6 +411,12 @@ INSTANTIATE_TEST_SUITE_P(Sizes, ShmStringCut,
 
 constexpr int kMegabyte = 1 << 20;
 
+// Why the tests that need a SIGBUS handed to the program skip under
+// user-mode emulation.
+const char* const kNoSigbusUnderEmulation =
+    "qemu-user ends the process on a SIGBUS from a mapping cut short (uncaught target signal 7) instead of "
+    "handing it to the program's handler; make test-ppc-system runs this on a PowerPC kernel";
+
 }  // namespace
 
 // The owner creates 1 MiB, a reader in another process reads it, a third
@@ -460,6 +466,8 @@ TEST_P(ShmStringCut, ReaderAndOwnerFailInsteadOfDying) {
 // returns the text or fails, none kills the reader, and once the cut is
 // seen no later get succeeds.
 TEST_P(ShmStringCut, ReaderInALoopSurvivesTheCut) {
+  // A cut to nothing can land between a read's size check and its access.
+  if (vorta_test::underEmulation() && GetParam() == 0) GTEST_SKIP() << kNoSigbusUnderEmulation;
   OwnedName name;
   OwnerProcess owner(name.c_str(), kMegabyte, "hello");
   ASSERT_TRUE(owner.ready());
@@ -492,6 +500,7 @@ TEST_P(ShmStringCut, ReaderInALoopSurvivesTheCut) {
 // and a writer that never stop: whatever each call returns, neither process
 // dies nor hangs, and a read gives the text, a part of it or a failure.
 TEST_P(ShmStringCut, ReaderAndWriterSurviveRepeatedCuts) {
+  if (vorta_test::underEmulation() && GetParam() == 0) GTEST_SKIP() << kNoSigbusUnderEmulation;
   OwnedName name;
   OwnerProcess owner(name.c_str(), kMegabyte, "hello");
   ASSERT_TRUE(owner.ready());
@@ -566,6 +575,7 @@ TEST(ShmStringCutOthers, StringsPastTheWatchedOnesWorkAsAnyOther) {
 // (here a file mapping cut short) still ends it, and a handler the program
 // had installed before still gets it.
 TEST(ShmStringCutOthers, OtherBusErrorsKeepTheirEffect) {
+  if (vorta_test::underEmulation()) GTEST_SKIP() << kNoSigbusUnderEmulation;
   vorta_test::TempDir dir;
   const std::string path = dir.file("mapped");
   auto faultOnCutFile = [&] {

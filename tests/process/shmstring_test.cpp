@@ -216,7 +216,7 @@ int openDescriptors() {
   DIR* dir = opendir("/proc/self/fd");
   if (dir == nullptr) return -1;
   int count = 0;
-  while (const dirent* entry = readdir(dir))
+  while (const dirent64* entry = readdir64(dir))
     if (entry->d_name[0] != '.') ++count;
   closedir(dir);
   return count;
