@@ -398,7 +398,20 @@ bool cutSegment(const char* name, off_t size) {
 // The sizes a segment of capacity 1 MiB is cut to: nothing, 3 bytes (the
 // first page stays, the header and text do not), and the size of a smaller
 // capacity.
-class ShmStringCut : public ::testing::TestWithParam<off_t> {};
+class ShmStringCut : public ::testing::TestWithParam<off_t> {
+ protected:
+  // An owner in its own process holding 1 MiB with "hello"; the owner is
+  // made after the check, so that a skipped test starts no process.
+  void startOwner() {
+    owner_.reset(new OwnerProcess(name_.c_str(), 1 << 20, "hello"));
+    ASSERT_TRUE(owner_->ready());
+  }
+  // A cut to nothing can land between a read's size check and its access,
+  // which needs a SIGBUS handed to the program.
+  bool cutToNothingUnderEmulation() const { return vorta_test::underEmulation() && GetParam() == 0; }
+  OwnedName name_;
+  std::unique_ptr<OwnerProcess> owner_;
+};
 
 INSTANTIATE_TEST_SUITE_P(Sizes, ShmStringCut,
                          ::testing::Values(off_t{0}, off_t{3},
@@ -424,9 +437,9 @@ const char* const kNoSigbusUnderEmulation =
 // empty) instead of dying of SIGBUS, and so does every later one, and the
 // owner's own get fails the same way while the owner lives on.
 TEST_P(ShmStringCut, ReaderAndOwnerFailInsteadOfDying) {
-  OwnedName name;
-  OwnerProcess owner(name.c_str(), kMegabyte, "hello");
-  ASSERT_TRUE(owner.ready());
+  startOwner();
+  const OwnedName& name = name_;
+  OwnerProcess& owner = *owner_;
   Pipe toReader, fromReader;
   const pid_t reader = forkChild([&] {
     toReader.closeWrite();
@@ -466,11 +479,9 @@ TEST_P(ShmStringCut, ReaderAndOwnerFailInsteadOfDying) {
 // returns the text or fails, none kills the reader, and once the cut is
 // seen no later get succeeds.
 TEST_P(ShmStringCut, ReaderInALoopSurvivesTheCut) {
-  // A cut to nothing can land between a read's size check and its access.
-  if (vorta_test::underEmulation() && GetParam() == 0) GTEST_SKIP() << kNoSigbusUnderEmulation;
-  OwnedName name;
-  OwnerProcess owner(name.c_str(), kMegabyte, "hello");
-  ASSERT_TRUE(owner.ready());
+  if (cutToNothingUnderEmulation()) GTEST_SKIP() << kNoSigbusUnderEmulation;
+  startOwner();
+  const OwnedName& name = name_;
   Pipe fromReader;
   const int reads = vorta_test::underEmulation() ? 20000 : 200000;
   const pid_t reader = forkChild([&] {
@@ -500,10 +511,9 @@ TEST_P(ShmStringCut, ReaderInALoopSurvivesTheCut) {
 // and a writer that never stop: whatever each call returns, neither process
 // dies nor hangs, and a read gives the text, a part of it or a failure.
 TEST_P(ShmStringCut, ReaderAndWriterSurviveRepeatedCuts) {
-  if (vorta_test::underEmulation() && GetParam() == 0) GTEST_SKIP() << kNoSigbusUnderEmulation;
-  OwnedName name;
-  OwnerProcess owner(name.c_str(), kMegabyte, "hello");
-  ASSERT_TRUE(owner.ready());
+  if (cutToNothingUnderEmulation()) GTEST_SKIP() << kNoSigbusUnderEmulation;
+  startOwner();
+  const OwnedName& name = name_;
   Pipe stop;
   auto loop = [&](bool writing) {
     return forkChild([&, writing] {
