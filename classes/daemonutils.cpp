@@ -34,16 +34,14 @@ class SignalMessage {
     used_ += length;
   }
   void add(const char* text) { add(text, std::strlen(text)); }
-  void add(long value) {
+  // Signal numbers and process ids: never negative.
+  void add(unsigned long value) {
     char digits[24];
     std::size_t n = 0;
-    unsigned long magnitude =
-        value < 0 ? 0ul - static_cast<unsigned long>(value) : static_cast<unsigned long>(value);
     do {
-      digits[sizeof digits - 1 - n++] = static_cast<char>('0' + magnitude % 10);
-      magnitude /= 10;
-    } while (magnitude != 0);
-    if (value < 0) digits[sizeof digits - 1 - n++] = '-';
+      digits[sizeof digits - 1 - n++] = static_cast<char>('0' + value % 10);
+      value /= 10;
+    } while (value != 0);
     add(digits + sizeof digits - n, n);
   }
   void writeTo(int fd) const {
@@ -79,8 +77,12 @@ void endCrashedProcess(int) {
   _exit(-99);
 }
 
-// Reports a failed system call with the daemon's prefix: "name: what: reason".
-void reportFailure(const char* what) { std::perror((Daemonizer::name + what).c_str()); }
+// Reports a failed system call of daemonize with the daemon's prefix:
+// "name: what: reason" (Daemonizer::name is set only afterwards, by
+// setupSignalHandler).
+void reportFailure(const std::string& daemonName, const char* what) {
+  std::perror((daemonName + ": " + what).c_str());
+}
 
 }  // namespace
 
@@ -92,18 +94,18 @@ void Daemonizer::daemonize(std::string daemonName, void (*handleTermOrKill)(int)
   pid_t pid = fork();
   if (pid > 0) _exit(0);
   // A failed fork leaves the daemon running in this process rather than not at all.
-  if (pid < 0) reportFailure("fork");
+  if (pid < 0) reportFailure(daemonName, "fork");
   setsid();
   pid = fork();
   if (pid > 0) _exit(0);
-  if (pid < 0) reportFailure("fork");
+  if (pid < 0) reportFailure(daemonName, "fork");
 
-  if (chdir("/tmp") != 0) reportFailure("chdir /tmp");
+  if (chdir("/tmp") != 0) reportFailure(daemonName, "chdir /tmp");
   umask(0);
 
   // freopen closes each stream and reopens it on the same descriptor.
-  if (std::freopen("/dev/null", "r", stdin) == nullptr) reportFailure("/dev/null");
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) reportFailure("/dev/null");
+  if (std::freopen("/dev/null", "r", stdin) == nullptr) reportFailure(daemonName, "/dev/null");
+  if (std::freopen("/dev/null", "w", stdout) == nullptr) reportFailure(daemonName, "/dev/null");
   // Without a console, standard error goes to /dev/null: descriptor 2 must
   // never be left free for a later open() to take, or messages would be
   // written into that file.
@@ -158,9 +160,9 @@ void Daemonizer::signalHandler(int sig) {
       SignalMessage message;
       message.add(name.data(), name.size());
       message.add(" Received SIGNAL ");
-      message.add(static_cast<long>(sig));
+      message.add(static_cast<unsigned long>(sig));
       message.add(", shutting down (PID:");
-      message.add(static_cast<long>(getpid()));
+      message.add(static_cast<unsigned long>(getpid()));
       message.add(")\n");
       message.writeTo(STDERR_FILENO);
       if (!_hasCleanupAfterKilled) unlink(pidfile);

@@ -599,10 +599,8 @@ bool CRP188::SetRP188(const RP188_STRUCT& regs, TimecodeFormat format) {
   text[7] = kRegisterDigits[(low >> 16) & 0xF];
   text[8] = dropFrame ? ';' : ':';
   timecodeString_.assign(text, sizeof text);
-  hours_ = static_cast<unsigned int>((text[0] - '0') * 10 + (text[1] - '0'));
-  minutes_ = static_cast<unsigned int>((text[3] - '0') * 10 + (text[4] - '0'));
-  seconds_ = static_cast<unsigned int>((text[6] - '0') * 10 + (text[7] - '0'));
-  frames_ = static_cast<unsigned int>((text[9] - '0') * 10 + (text[10] - '0'));
+  // Every tens digit above is a decimal digit (at most 3 or 7), so each
+  // component is read back from the text whole.
   ConvertTcStrToVal();
 
   // The words are kept as given, not re-encoded from the digits.

@@ -2,6 +2,7 @@
 // vorta: a short text published by one process in POSIX shared memory for any number of readers.
 #include "shmstring.h"
 #include "internal/regular_file.h"
+#include "internal/shrinkable_mapping.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -12,6 +13,7 @@
 #include <unistd.h>
 
 #include <string.h>
+#include <time.h>
 #include <algorithm>
 #include <cstring>
 
@@ -26,6 +28,50 @@ int32_t* pidField(unsigned char* segment) {
 }
 
 pthread_rwlock_t* lockOf(unsigned char* segment) { return reinterpret_cast<pthread_rwlock_t*>(segment); }
+
+// Whether the mapping still stands for the whole segment, and the segment
+// still holds the capacity it was mapped with. Another process may cut the
+// segment short at any time (ftruncate needs no more than the right to open
+// it); the pages past its new end would kill this process with SIGBUS on
+// the next access, and a cut that keeps the first page zeroes the header.
+// Checked before the mapping is touched, and the mapping is watched
+// (internal/shrinkable_mapping.h) for a cut that comes between the check and
+// the access.
+bool segmentWhole(int fd, unsigned char* segment, std::size_t mappedSize) {
+  if (segment == nullptr || zev::detail::mappingLost(segment)) return false;
+  struct stat status;
+  if (fd == -1 || fstat(fd, &status) != 0 || status.st_size < 0 ||
+      static_cast<std::uint64_t>(status.st_size) < mappedSize)
+    return false;
+  const std::size_t stored = __atomic_load_n(capacityField(segment), __ATOMIC_ACQUIRE);
+  return stored == mappedSize - ShmString::kOverhead && !zev::detail::mappingLost(segment);
+}
+
+// Releases the segment's lock unless the page that holds it was lost: the
+// pages that replaced it hold no lock.
+void unlockSegment(unsigned char* segment) {
+  if (zev::detail::mappingKept(segment) >= ShmString::kLockSize) pthread_rwlock_unlock(lockOf(segment));
+}
+
+// Takes the segment's lock. A wait that lasts is woken every second to see
+// whether the segment has been cut short meanwhile: a waiter on the lock of a
+// cut segment would otherwise never be woken. False when the lock cannot be
+// had or the segment is no longer whole (the lock is then not held).
+bool lockSegment(int fd, unsigned char* segment, std::size_t mappedSize, bool forWriting) {
+  for (;;) {
+    struct timespec deadline;
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += 1;
+    const int result = forWriting ? pthread_rwlock_timedwrlock(lockOf(segment), &deadline)
+                                  : pthread_rwlock_timedrdlock(lockOf(segment), &deadline);
+    if (result == 0) {
+      if (!zev::detail::mappingLost(segment)) return true;
+      unlockSegment(segment);  // taken, but in a segment cut short meanwhile
+      return false;
+    }
+    if (result != ETIMEDOUT || !segmentWhole(fd, segment, mappedSize)) return false;
+  }
+}
 
 }  // namespace
 
@@ -178,8 +224,10 @@ bool ShmString::attach(bool create, int capacity) {
       close();
       return false;
     }
-    const uint32_t stored =
-        __atomic_load_n(capacityField(static_cast<unsigned char*>(header)), __ATOMIC_ACQUIRE);
+    zev::detail::watchMapping(header, kOverhead);
+    uint32_t stored = __atomic_load_n(capacityField(static_cast<unsigned char*>(header)), __ATOMIC_ACQUIRE);
+    if (zev::detail::mappingLost(header)) stored = 0;  // cut short since the fstat
+    zev::detail::unwatchMapping(header);
     munmap(header, kOverhead);
     if (stored == 0 || stored > static_cast<uint32_t>(kMaxCapacity) ||
         static_cast<off_t>(stored + kOverhead) != status.st_size) {
@@ -198,6 +246,7 @@ bool ShmString::attach(bool create, int capacity) {
   }
   segment_ = static_cast<unsigned char*>(mapping);
   mappedSize_ = size;
+  zev::detail::watchMapping(segment_, size);
 
   if (create) {
     std::memset(segment_, 0, size);
@@ -212,42 +261,54 @@ bool ShmString::attach(bool create, int capacity) {
     __atomic_store_n(capacityField(segment_), static_cast<uint32_t>(capacity), __ATOMIC_RELEASE);
     owner_ = true;
   }
+  if (!segmentWhole(fd_, segment_, mappedSize_)) {
+    close();
+    return false;
+  }
   return true;
 }
 
 bool ShmString::isOwnerAlive() const {
-  if (segment_ == nullptr) return false;
+  if (!segmentWhole(fd_, segment_, mappedSize_)) return false;
   const int32_t pid = __atomic_load_n(pidField(segment_), __ATOMIC_RELAXED);
-  if (pid == 0) return false;
+  if (pid == 0 || zev::detail::mappingLost(segment_)) return false;
   // EPERM: the process exists but belongs to another user; it still runs.
   return kill(pid, 0) == 0 || errno == EPERM;
 }
 
-bool ShmString::isAttached() const { return segment_ != nullptr && (owner_ || isOwnerAlive()); }
-
-int ShmString::capacity() const {
-  if (segment_ == nullptr) return 0;
-  return static_cast<int>(__atomic_load_n(capacityField(segment_), __ATOMIC_ACQUIRE));
+// A segment cut short under this object is not attached, the owner's own
+// included: the next get or set closes it and opens the name again.
+bool ShmString::isAttached() const {
+  return segment_ != nullptr && (owner_ ? segmentWhole(fd_, segment_, mappedSize_) : isOwnerAlive());
 }
+
+int ShmString::capacity() const { return static_cast<int>(usableCapacity()); }
 
 char* ShmString::text() const { return reinterpret_cast<char*>(segment_ + kTextOffset); }
 
 std::size_t ShmString::usableCapacity() const {
-  const std::size_t stored = __atomic_load_n(capacityField(segment_), __ATOMIC_ACQUIRE);
-  return std::min(stored, mappedSize_ - kOverhead);
+  return segmentWhole(fd_, segment_, mappedSize_) ? mappedSize_ - kOverhead : 0;
 }
 
 bool ShmString::set(const char* value) {
   if (value == nullptr) return false;
   if (!attach(false, 0)) return false;
   const std::size_t capacity = usableCapacity();
-  if (capacity == 0) return false;
-  if (pthread_rwlock_wrlock(lockOf(segment_)) != 0) return false;
+  if (capacity == 0 || !lockSegment(fd_, segment_, mappedSize_, true)) {
+    if (!segmentWhole(fd_, segment_, mappedSize_)) close();
+    return false;
+  }
   // Fills the rest of the text area with zeros; a longer text is cut to
   // capacity - 1 characters by the terminator forced into the last byte.
   std::strncpy(text(), value, capacity);
   text()[capacity - 1] = '\0';
-  pthread_rwlock_unlock(lockOf(segment_));
+  unlockSegment(segment_);
+  // Cut short while the text was written (a cut that keeps the first page
+  // zeroes the text without a fault): nothing was stored.
+  if (!segmentWhole(fd_, segment_, mappedSize_)) {
+    close();
+    return false;
+  }
   return true;
 }
 
@@ -258,14 +319,22 @@ int ShmString::get(char* dest, int size) {
     if (size > 0) dest[0] = '\0';
     return -1;
   }
+  if (size == 0) return 0;
   const std::size_t n = std::min(static_cast<std::size_t>(size), usableCapacity());
-  if (n == 0) return 0;
-  if (pthread_rwlock_rdlock(lockOf(segment_)) != 0) {
-    dest[0] = '\0';
+  if (n == 0 || !lockSegment(fd_, segment_, mappedSize_, false)) {
+    if (!segmentWhole(fd_, segment_, mappedSize_)) close();
+    if (size > 0) dest[0] = '\0';
     return -1;
   }
   const void* end = ::memccpy(dest, text(), '\0', n);
-  pthread_rwlock_unlock(lockOf(segment_));
+  unlockSegment(segment_);
+  // Cut short while the text was read (a cut that keeps the first page
+  // zeroes the text without a fault): what was read is not the text.
+  if (!segmentWhole(fd_, segment_, mappedSize_)) {
+    close();
+    dest[0] = '\0';
+    return -1;
+  }
   dest[n - 1] = '\0';
   // When the text did not end within n bytes the count is n, one more than
   // the length left in dest after the forced terminator; callers rely on it.
@@ -277,8 +346,9 @@ void ShmString::close() {
   if (segment_ != nullptr) {
     // Every process that closes clears the owner pid, readers included: the
     // other readers then find the owner gone and re-attach on their next get
-    // or set.
-    __atomic_store_n(pidField(segment_), 0, __ATOMIC_RELAXED);
+    // or set. A segment cut short has no such field left to clear.
+    if (segmentWhole(fd_, segment_, mappedSize_)) __atomic_store_n(pidField(segment_), 0, __ATOMIC_RELAXED);
+    zev::detail::unwatchMapping(segment_);
     munmap(segment_, mappedSize_);
     segment_ = nullptr;
     mappedSize_ = 0;

@@ -62,9 +62,14 @@ class ShmString {
   /// Whether an owner holds the name now (its lock is held), without
   /// attaching or touching the segment; what makes create refuse.
   static bool hasLiveOwner(const char* shmName);
-  /// Mapped, and this object is the owner or the owner is alive.
+  /// Mapped, the segment still as long as it was when mapped (any process
+  /// that may open it can cut it short), and this object is the owner or
+  /// the owner is alive. A segment cut short makes the next get or set
+  /// close and re-attach, which fails as for any segment that is not a
+  /// valid string: no access past its new end ever kills this process.
   bool isAttached() const;
-  /// The segment's capacity field; 0 when not mapped.
+  /// The segment's capacity field; 0 when not mapped, and when the segment
+  /// no longer matches its mapping (cut short, its header overwritten).
   int capacity() const;
   /// Stores text (attaching first when needed), cut to capacity - 1
   /// characters; false when text is null or attaching fails.
@@ -85,8 +90,8 @@ class ShmString {
   bool hasUsableName() const;
   bool createSegment(std::size_t size);
   char* text() const;
-  // Text bytes that may be touched: the capacity field, bounded by what this
-  // object has mapped in case the segment was re-created since.
+  // Text bytes that may be touched: the capacity mapped, 0 when the segment
+  // no longer matches it (cut short, or its header overwritten).
   std::size_t usableCapacity() const;
 
   int32_t fd_ = -1;

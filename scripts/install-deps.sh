@@ -19,7 +19,7 @@ base=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libpng-dev libavutil-dev
   python3 python3-jsonschema
-  clang libclang-rt-14-dev clang-format valgrind
+  clang libclang-rt-14-dev clang-format valgrind gcovr
   groff-base man-db dpkg-dev file
 )
 ppc=(

@@ -3,7 +3,10 @@
 #include "paramstore.h"
 
 #include <cjson/cJSON.h>
+#include <dirent.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -111,7 +114,41 @@ bool asValue(const cJSON* item, uint32_t& value) {
   return true;
 }
 
-// Holds an exclusive lock on path + ".lock" for the duration of a write.
+// The file a parameter path stands for: its symbolic links followed to the
+// end (also to a file that does not exist yet) and its directory resolved,
+// so that every spelling of one file (a link to it, "dir/../dir/p.json")
+// comes out the same. A write replaces that file, not a link to it, and
+// takes that file's lock. When the directory cannot be resolved the path
+// stays as it is (and the write fails there).
+std::string resolvedPath(const std::string& path) {
+  std::string current = path;
+  for (int links = 0; links < 40; ++links) {
+    struct stat info;
+    if (::lstat(current.c_str(), &info) != 0 || !S_ISLNK(info.st_mode)) break;
+    char target[PATH_MAX];
+    const ssize_t n = ::readlink(current.c_str(), target, sizeof target - 1);
+    if (n <= 0) break;
+    const std::string link(target, static_cast<std::size_t>(n));
+    const std::string::size_type slash = current.rfind('/');
+    if (link[0] == '/' || slash == std::string::npos)
+      current = link;
+    else
+      current = current.substr(0, slash + 1) + link;
+  }
+  const std::string::size_type slash = current.rfind('/');
+  const std::string directory = slash == std::string::npos ? "."
+                                : slash == 0               ? "/"
+                                                           : current.substr(0, slash);
+  const std::string name = slash == std::string::npos ? current : current.substr(slash + 1);
+  char resolved[PATH_MAX];
+  if (name.empty() || name == "." || name == ".." || ::realpath(directory.c_str(), resolved) == nullptr)
+    return current;
+  const std::string base(resolved);
+  return (base == "/" ? base : base + "/") + name;
+}
+
+// Holds an exclusive lock on path + ".lock" for the duration of a write
+// (path already resolved: one lock per file, whatever the spelling).
 class WriteLock {
  public:
   explicit WriteLock(const std::string& path) {
@@ -146,10 +183,41 @@ class WriteLock {
   int fd_ = -1;
 };
 
+// The temporary file a writer replaces path through: path + ".tmp." + its pid.
+std::string temporaryPath(const std::string& path, long pid) { return path + ".tmp." + std::to_string(pid); }
+
+// Removes the temporary files that writers killed part-way through a write
+// left beside path (resolved), under the write lock: a writer's temporary
+// file lives only while that writer holds the lock, so one whose writer no
+// longer runs is left over. Those of running processes are left alone.
+void removeStaleTemporaries(const std::string& path) {
+  const std::string::size_type slash = path.rfind('/');
+  const std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  const std::string prefix = (slash == std::string::npos ? path : path.substr(slash + 1)) + ".tmp.";
+  DIR* dir = ::opendir(directory.c_str());
+  if (dir == nullptr) return;
+  // readdir64: a 32-bit program's readdir gives up (EOVERFLOW) and lists
+  // nothing when the file system's directory offsets do not fit 32 bits.
+  while (const struct dirent64* entry = ::readdir64(dir)) {
+    const char* name = entry->d_name;
+    if (std::strncmp(name, prefix.c_str(), prefix.size()) != 0) continue;
+    const char* digits = name + prefix.size();
+    char* end = nullptr;
+    errno = 0;
+    const long pid = std::strtol(digits, &end, 10);
+    if (*digits < '1' || *digits > '9' || errno != 0 || *end != '\0' || pid <= 0 || pid > INT_MAX) continue;
+    if (::kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) continue;
+    const std::string stale = (directory == "/" ? "" : directory) + "/" + name;
+    struct stat info;
+    if (::lstat(stale.c_str(), &info) == 0 && S_ISREG(info.st_mode)) ::unlink(stale.c_str());
+  }
+  ::closedir(dir);
+}
+
 bool writeAtomically(const std::string& path, const cJSON* doc) {
   char* text = cJSON_Print(doc);
   if (text == nullptr) return false;
-  const std::string tmp = path + ".tmp." + std::to_string(getpid());
+  const std::string tmp = temporaryPath(path, static_cast<long>(getpid()));
   // A FIFO or device left under the temporary name is neither blocked on
   // nor written: the open does not block, and only a regular file is
   // truncated and written.
@@ -195,14 +263,16 @@ bool writeAtomically(const std::string& path, const cJSON* doc) {
 
 // Replaces one member of the file under the write lock: read, change, write
 // atomically. A file that is not a parameter file is never overwritten.
-int updateFile(const std::string& path, eParam_t id, cJSON* value) {
+int updateFile(const std::string& given, eParam_t id, cJSON* value) {
   Json owned(value);
   if (!owned) return 0;  // no memory for the value: the file keeps the old one
+  const std::string path = resolvedPath(given);
   WriteLock lock(path);
   if (!lock.held()) {
     std::perror((path + ".lock").c_str());
     return 0;
   }
+  removeStaleTemporaries(path);
   Json doc;
   const FileState state = readFile(path, doc);
   if (state == FileState::Bad) {

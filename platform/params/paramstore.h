@@ -89,11 +89,15 @@ class MemoryParamStore : public ParamStore {
 };
 
 /// Parameters kept in a small JSON file, so that separate processes share
-/// them. Every read reads the file; every write takes a lock on
-/// path + ".lock", reads the file, changes one member and replaces the file
-/// atomically (temporary file, fsync, rename). A missing file reads as all
-/// defaults; a file that is not a JSON object is never overwritten: writes
-/// fail with a message on standard error.
+/// them. Every read reads the file; every write resolves the path (symbolic
+/// links followed, the directory made absolute: a link to the file stays a
+/// link, and every spelling of one file shares one lock), takes a lock on
+/// the resolved path + ".lock", removes the temporary files that writers
+/// killed part-way left there, reads the file, changes one member and
+/// replaces the file atomically (temporary file path + ".tmp." + pid,
+/// fsync, rename). A missing file reads as all defaults; a file that is not
+/// a JSON object is never overwritten. A write that fails says why on
+/// standard error and leaves no temporary file.
 class FileParamStore : public ParamStore {
  public:
   explicit FileParamStore(std::string path);

@@ -54,6 +54,13 @@ TEST(BurnInGeometry, HdIn8BitYCbCr) {
   EXPECT_EQ(g.verticalStart, 864);     // 80 % of 1080
 }
 
+// A vertical position of 1 % is taken as it is (only 0 means the 80 %
+// default): line 10 of 1080 (10.8 cut down), and 2 % is line 21.
+TEST(BurnInGeometry, OnePercentIsAPositionAndNotTheDefault) {
+  EXPECT_EQ(geometryOf({FBF8BitYCbCr, 1920, 1080, 1, 0, 0, 0, 0}).verticalStart, 10);
+  EXPECT_EQ(geometryOf({FBF8BitYCbCr, 1920, 1080, 2, 0, 0, 0, 0}).verticalStart, 21);
+}
+
 TEST(BurnInGeometry, HdInV210) {
   const BurnInGeometry g = geometryOf({FBF10BitYCbCr, 1920, 1080, 0, 0, 0, 0, 0});
   EXPECT_EQ(g.rowBytes, 192);

@@ -13,6 +13,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -20,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "alloc_failure.h"
 #include "clipfinder_support.h"
 #include "fail_alloc.h"
 #include "fileparams.h"
@@ -212,6 +215,8 @@ TEST(HostileMedia, DescriptorExhaustionAbandonsTheScanAndKeepsTheCatalogue) {
   HostileMedium medium;
   UniqueCaches caches;
   MediaCache cache(caches.config);
+  vorta_test::TempDir dir;
+  const std::string said = dir.file("stderr");
   for (int spare = 0; spare <= 1; ++spare) {
     cache.WriteClipCacheToSharedMemory({clip("old.mov")});
     const int result = inChild([&] {
@@ -220,6 +225,8 @@ TEST(HostileMedia, DescriptorExhaustionAbandonsTheScanAndKeepsTheCatalogue) {
       params.writes.clear();
       ClipFinder finder(&params, caches.config);
       finder.findClips(true, false, true);  // the cache is open before the limit
+      if (std::freopen(said.c_str(), "w", stderr) == nullptr) return 13;
+      std::setvbuf(stderr, nullptr, _IONBF, 0);  // as standard error always is
       const int lowest = dup(0);
       if (lowest < 0) return 10;
       close(lowest);
@@ -234,6 +241,16 @@ TEST(HostileMedia, DescriptorExhaustionAbandonsTheScanAndKeepsTheCatalogue) {
     });
     EXPECT_EQ(result, 0) << "spare descriptors " << spare;
     EXPECT_EQ(names(cache.GetClips()), (Names{"old.mov"})) << "spare descriptors " << spare;
+    // Said once, with the reason and the directory or the file that could
+    // not be opened, before the front end's own line.
+    const std::string text = vorta_test::readFile(said);
+    const std::string tail =
+        ": Too many open files; scan abandoned, caches left as they were\n"
+        "classes/fileutils: ScanMedia failed\n";
+    EXPECT_EQ(text.rfind("ScanMedia: " + medium.media.path(), 0), 0u) << text;
+    ASSERT_GE(text.size(), tail.size()) << text;
+    EXPECT_EQ(text.substr(text.size() - tail.size()), tail);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2) << text;
   }
 }
 
@@ -241,7 +258,7 @@ TEST(HostileMedia, DescriptorExhaustionAbandonsTheScanAndKeepsTheCatalogue) {
 // with the whole medium or gives up with the catalogue as it was; it never
 // ends the process and never publishes part of the medium.
 TEST(HostileMedia, AllocationFailureAtEveryPointGivesAWholeScanOrNone) {
-  if (!vorta_test::allocationFailureAvailable()) GTEST_SKIP() << "a sanitizer owns malloc in this build";
+  if (const char* why = vorta_test::allocationFailureUnavailable()) GTEST_SKIP() << why;
   HostileMedium medium;
   UniqueCaches caches;
   const int result = inChild([&]() -> int {

@@ -133,6 +133,25 @@ TEST_F(Listing, FillWithoutNameOrApplyCopiesAllClips) {
   out.clear();
   EXPECT_FALSE(finder.fillCliplistFromPlaylist(out, all, {}, "P", false));
   EXPECT_EQ(out.size(), 3u);
+  // A name the map does not hold: all clips, and false.
+  std::map<std::string, PlaylistCacheEntry> playlists;
+  playlists["Other"] = PlaylistCacheEntry{};
+  out.clear();
+  EXPECT_FALSE(finder.fillCliplistFromPlaylist(out, all, playlists, "P", true));
+  EXPECT_EQ(names(out), (Names{"A.mov", "B.mov", "C.mov"}));
+}
+
+// initializePlaylists empties the playlist cache: only "All Clips" is left.
+TEST_F(Listing, InitializePlaylistsLeavesOnlyAllClips) {
+  PlaylistCacheEntry entry{};
+  const char json[] = R"({"name":"P","cliplist":["A.mov"]})";
+  std::memcpy(entry.text, json, sizeof json);
+  ASSERT_TRUE(cache.WritePlaylistCacheToSharedMemory({{"P", entry}}));
+  ASSERT_EQ(finder.findPlaylists().size(), 2u);
+  finder.initializePlaylists();
+  const auto playlists = finder.findPlaylists();
+  ASSERT_EQ(playlists.size(), 1u);
+  EXPECT_EQ(playlists.begin()->first, "All Clips");
 }
 
 TEST_F(Listing, FlushesForwardToTheCache) {

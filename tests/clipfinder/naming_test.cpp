@@ -369,4 +369,51 @@ TEST_F(Naming, ControlCharactersLeaveEverySchemasName) {
             std::string::npos);
 }
 
+// The notice comes once for each name that lost control characters, from
+// each schema that can bring one, and never for a name that had none.
+TEST_F(Naming, ControlCharacterNoticeOnlyWhenSomethingWasDropped) {
+  const std::string notice = "buildClipNameBase(). control characters removed from the clip name\n";
+  auto stderrOf = [&](std::string expected) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(base(), expected);
+    return testing::internal::GetCapturedStderr();
+  };
+  params.setParam(eParamCustomClipName, 1);
+  params.setParamString(eParamCustomClipNameText, "Interview");
+  EXPECT_EQ(stderrOf("Interview"), "");
+  params.setParamString(eParamCustomClipNameText, "Inter\tview");
+  EXPECT_EQ(stderrOf("Interview"), notice);
+
+  params.setParam(eParamClipNameSource, 2);
+  params.setParamString(eParamREDClipName, "A001_C003");
+  EXPECT_EQ(stderrOf("A001_C003"), "");
+  params.setParamString(eParamREDClipName, "A001\x1B_C003");
+  EXPECT_EQ(stderrOf("A001_C003"), notice);
+
+  params.setParam(eParamClipNameSource, 0);
+  params.setParam(eParamCustomClipName, 0);
+  slave("A001TK3");
+  EXPECT_EQ(stderrOf("A001TK3"), "");
+  slave("A001\x7FTK3");
+  EXPECT_EQ(stderrOf("A001TK3"), notice);
+}
+
+// A parameter service that cannot give any integer (getParamValue fails,
+// and so getParam reads 0): the standard name is built from zeros, "Clip"
+// with no number or letter, take 0, and nothing is said.
+TEST(NamingUnreadable, IntegersThatCannotBeReadCountAsZero) {
+  struct UnreadableIntegers : MemoryParamStore {
+    int getParamValue(eParam_t, uint32_t&) override { return 0; }
+  } params;
+  UniqueCaches caches;
+  ClipFinder finder(&params, caches.config);
+  std::string name;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(finder.buildClipNameBase(name, false), 0);
+  EXPECT_EQ(name, "ClipTK0");
+  EXPECT_EQ(finder.buildClipNameBase(name, true), 0);
+  EXPECT_EQ(name, "ClipTK1");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
 }  // namespace

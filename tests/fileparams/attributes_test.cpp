@@ -114,7 +114,13 @@ TEST(FileParamsRecord, ConstructorKeepsThePathAndClearsTheBlock) {
   for (char c : params->attributes.block) ASSERT_EQ(c, '\0');
   EXPECT_FALSE(params->FileIsValid());
   EXPECT_EQ(params->width, 0);
+  EXPECT_EQ(params->height, 0);
   EXPECT_EQ(params->videoLength, 0u);
+  EXPECT_EQ(params->frameRate, 0.0);
+  EXPECT_EQ(params->scanMode, 0);
+  for (char c : params->fourCC) EXPECT_EQ(c, '\0');
+  // A null path is an empty one.
+  EXPECT_EQ(CFileParams(nullptr).fileName, "");
 }
 
 TEST(FileParamsRecord, IsDeletedThroughItsVirtualDestructor) {

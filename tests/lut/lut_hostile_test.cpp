@@ -122,6 +122,36 @@ TEST(LutHostile, OneTokenPastTheLimitIsRefused) {
       "most 1048576) - nothing was read\n");
 }
 
+// The count in the refusal is exact for every kind of token: a run of
+// digits, a blank, tab, carriage return or line end, a "#" or "//" comment
+// (with its line end, or to the end of the file), and nothing for other
+// characters, for a "/" not followed by another, and for a "/" that is the
+// file's last byte.
+TEST(LutHostile, TheRefusalCountsEveryKindOfTokenExactly) {
+  vorta_test::TempDir dir;
+  const std::string path = dir.file("kinds.lut");
+  const std::string blanks(LUT_Utils::kMaxLutTokens, ' ');
+  const auto refusal = [&](const std::string& tail) {
+    vorta_test::writeFile(path, blanks + tail);
+    const Outcome r = parse(path);
+    EXPECT_FALSE(r.ok) << tail;
+    const std::string head = "kinds.lut : ";
+    const std::string rest =
+        " blanks, line ends, numbers and comments are more than a LUT file can have (at most 1048576) - "
+        "nothing "
+        "was read\n";
+    if (r.message.size() < head.size() + rest.size() || r.message.compare(0, head.size(), head) != 0 ||
+        r.message.compare(r.message.size() - rest.size(), rest.size(), rest) != 0)
+      return std::string("not a refusal: ") + r.message;
+    return r.message.substr(head.size(), r.message.size() - head.size() - rest.size());
+  };
+  // 12, blank, 345, tab, CR, LF, "# note\n", "// note\n", blank: 9 tokens.
+  EXPECT_EQ(refusal("12 345\t\r\n# note\n// note\n/x/y z/"), "1048585");
+  // A comment that runs to the end of the file is one token too.
+  EXPECT_EQ(refusal("//"), "1048577");
+  EXPECT_EQ(refusal("#"), "1048577");
+}
+
 // Exactly at the bound (1,048,575 line ends after one entry, 1,048,576
 // tokens with its five): read, one entry.
 TEST(LutHostile, TokensAtTheLimitAreRead) {
@@ -136,6 +166,21 @@ TEST(LutHostile, TokensAtTheLimitAreRead) {
 }
 
 // ---- special files
+
+// With standard input closed, the file opened gets descriptor 0, which is
+// as good as any other: the file is read and closed.
+TEST(LutHostile, ReadsItsFileAsDescriptorZero) {
+  vorta_test::TempDir dir;
+  const std::string path = dir.file("one.lut");
+  vorta_test::writeFile(path, "1 2 3\n");
+  const int status = inChildWithin(20, [&] {
+    ::close(STDIN_FILENO);
+    const Outcome r = parse(path);
+    const bool closedAgain = fcntl(STDIN_FILENO, F_GETFD) == -1;
+    return r.ok && r.count == 1 && closedAgain ? 0 : 1;
+  });
+  EXPECT_EQ(status, 0);
+}
 
 // A FIFO with no writer: opening it for reading would block for ever. It
 // is opened without blocking and refused as not a regular file, at once.

@@ -460,6 +460,33 @@ TEST(LutParse, ByteFFIsRefused) {
       "was read\n");
 }
 
+// Well-formed sequences at each lead byte's bounds pass the UTF-8 check:
+// in a comment, U+0080, U+07FF, U+0800 and U+FFFD are read; U+10000 and
+// U+10FFFF are well-formed too, and only the grammar's lexer, whose
+// characters end at U+FFFF, refuses them.
+TEST_F(LutText, WellFormedSequencesAtEveryLeadByteBoundaryPassTheUtf8Check) {
+  const Result r = parseText("1 2 3 # \xC2\x80 \xDF\xBF \xE0\xA0\x80 \xEF\xBF\xBD\n");
+  EXPECT_TRUE(r.ok) << r.message;
+  EXPECT_EQ(r.count, 1);
+  for (const char* text : {"1 2 3 # \xF0\x90\x80\x80\n", "1 2 3 # \xF4\x8F\xBF\xBF\n"}) {
+    const Result four = parseText(text);
+    EXPECT_FALSE(four.ok);
+    EXPECT_EQ(four.message.find("invalid UTF-8"), std::string::npos) << four.message;
+    EXPECT_NE(four.message.find("lexer error"), std::string::npos) << four.message;
+  }
+}
+
+// The column of a bad byte counts characters, not bytes: two-, three- and
+// four-byte characters before it on its line are one column each.
+TEST_F(LutText, TheColumnOfABadByteCountsCharacters) {
+  const Result r = parseText("1 2 3\n# \xC3\xA9\xE2\x94\x80\xF0\x9F\x98\x80\xFF\n");
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(
+      r.message,
+      "table.lut(line:2, col:6) : invalid UTF-8 at byte 0xFF - the file is not a LUT text file and nothing "
+      "was read\n");
+}
+
 TEST_F(LutText, MalformedSequencesAreRefused) {
   const char* const cases[] = {
       "1 2 3 # \xC3",                // cut off by the end of the file

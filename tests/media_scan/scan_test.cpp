@@ -386,6 +386,17 @@ TEST_F(Scan, GrokClipSetsTheTimeOnlyOnSuccess) {
   EXPECT_STREQ(nameOnly.name, "x.mov");
 }
 
+// A base name longer than the name field is cut to the field less its
+// terminator, and nothing after the field is touched.
+TEST_F(Scan, GrokClipCutsALongNameInsideItsField) {
+  Clip clip;
+  clip.modTime = 0x5A5A5A5A;
+  const std::string longName(Clip::kNameSize + 10, 'n');
+  EXPECT_TRUE(cache.GrokClip(clip, "/no/such/dir/" + longName, true));
+  EXPECT_EQ(std::string(clip.name), longName.substr(0, Clip::kNameSize - 1));
+  EXPECT_EQ(clip.modTime, 0x5A5A5A5A);
+}
+
 // A reader in another process sees the whole old or the whole new catalogue, never a mix.
 TEST_F(Scan, AReaderInAnotherProcessSeesWholeCataloguesOnly) {
   TempDir a, b;

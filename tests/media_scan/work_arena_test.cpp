@@ -159,6 +159,44 @@ TEST(WorkArena, UnmapsEverythingWhenItEnds) {
   for (unsigned char* p : firsts) EXPECT_FALSE(isMapped(p));
 }
 
+// A chunk is mapped one block larger than asked and trimmed to a block
+// boundary: what lies past its end is given back at once (the mapping always
+// has some bytes there, a whole block when it came aligned), so a chunk
+// keeps exactly its size mapped.
+TEST(WorkArena, KeepsNothingMappedPastAChunksEnd) {
+  for (int round = 0; round < 4; ++round) {
+    WorkArena arena(kChunk, false);
+    unsigned char* base = static_cast<unsigned char*>(arena.allocate(64, 8));
+    ASSERT_TRUE(aligned(base, WorkArena::kBlock));
+    EXPECT_EQ(arena.mappedBytes(), kChunk);
+    EXPECT_TRUE(isMapped(base + kChunk - 1)) << round;
+    EXPECT_FALSE(isMapped(base + kChunk)) << round;
+  }
+}
+
+// With no arena alive the process has nothing mapped for arenas; a chunk
+// size of 0 means one block, also for an allocation of nothing; an
+// alignment of 0 packs like an alignment of 1.
+TEST(WorkArena, CountsFromNothingAndTakesZeroAsOneBlock) {
+  EXPECT_EQ(WorkArena::mappedInProcess(), 0u);
+  {
+    WorkArena arena(0, false);
+    EXPECT_NE(arena.allocate(0, 1), nullptr);
+    EXPECT_EQ(arena.chunks(), 1u);
+    EXPECT_EQ(arena.mappedBytes(), WorkArena::kBlock);
+    EXPECT_EQ(WorkArena::mappedInProcess(), WorkArena::kBlock);
+    arena.allocate(WorkArena::kBlock, 1);  // the rest of that block
+    EXPECT_EQ(arena.chunks(), 1u);
+    arena.allocate(0, 1);  // nothing still fits at the very end
+    EXPECT_EQ(arena.chunks(), 1u);
+    unsigned char* one = static_cast<unsigned char*>(arena.allocate(1, 0));  // alignment 0 means none
+    EXPECT_EQ(arena.chunks(), 2u);
+    EXPECT_EQ(arena.mappedBytes(), 2 * WorkArena::kBlock);
+    EXPECT_EQ(static_cast<unsigned char*>(arena.allocate(3, 0)), one + 1);
+  }
+  EXPECT_EQ(WorkArena::mappedInProcess(), 0u);
+}
+
 TEST(WorkArena, CountsWhatItGivesBackEarly) {
   const std::size_t before = WorkArena::mappedInProcess();
   WorkArena arena;

@@ -14,6 +14,7 @@
 #include <random>
 #include <string>
 
+#include "alloc_failure.h"
 #include "fail_alloc.h"
 #include "paramstore.h"
 #include "test_support.h"
@@ -98,7 +99,7 @@ TEST(FileParamsHostile, ParameterFileAtAndJustPastTheSizeBound) {
 // throws, a read gives the stored value or nothing, and the file always
 // holds a whole parameter file with the old or the new value.
 TEST(FileParamsHostile, AllocationFailureAtEveryPointNeverThrowsOrTearsTheFile) {
-  if (!vorta_test::allocationFailureAvailable()) GTEST_SKIP() << "a sanitizer owns malloc in this build";
+  if (const char* why = vorta_test::allocationFailureUnavailable()) GTEST_SKIP() << why;
   TempDir dir;
   const std::string path = dir.file("p.json");
   writeFile(path, "{\"take\": 3}\n");

@@ -40,6 +40,103 @@ TEST(ParamIdentifiers, HaveTheDeviceValues) {
   EXPECT_EQ(knownParams().size(), 20u);
 }
 
+// Every parameter's console name, kind and default, as the stores give
+// them to a process that never set one: the integers read as their default,
+// the texts as theirs ("InvalidRED" for the camera's name, else empty).
+TEST(ParamIdentifiers, EveryParameterHasItsNameKindAndDefault) {
+  struct Expected {
+    eParam_t id;
+    const char* name;
+    bool isText;
+    uint32_t value;
+    const char* text;
+  };
+  const Expected table[] = {
+      {eParamLinkMode, "link-mode", false, 0, ""},
+      {eParamLinkRole, "link-role", false, 1, ""},
+      {eParamClipNameSource, "clip-name-source", false, 0, ""},
+      {eParamEncodeType, "encode-type", false, 1, ""},
+      {eParamPlaybackMode, "playback-mode", false, 0, ""},
+      {eParamCurrentPlaylist, "current-playlist", true, 0, ""},
+      {eParamClipNameScene, "clip-name-scene", false, 0, ""},
+      {eParamClipNameNumber, "clip-name-number", false, 0, ""},
+      {eParamClipNameLetterOn, "clip-name-letter-on", false, 0, ""},
+      {eParamClipNameLetter, "clip-name-letter", false, 'A', ""},
+      {eParamTake, "take", false, 1, ""},
+      {eParamCustomClipName, "custom-clip-name", false, 0, ""},
+      {eParamCustomClipNameText, "custom-clip-name-text", true, 0, ""},
+      {eParamCustomTake, "custom-take", false, 0, ""},
+      {eParamCustomTakeNumber, "custom-take-number", false, 1, ""},
+      {eParamLinkClipName, "link-clip-name", false, 1, ""},
+      {eParamMediaDir, "media-dir", true, 0, ""},
+      {eParamMediaBusy, "media-busy", false, 2, ""},
+      {eParamMasterClipName, "master-clip-name", true, 0, ""},
+      {eParamREDClipName, "red-clip-name", true, 0, "InvalidRED"},
+  };
+  ASSERT_EQ(knownParams().size(), sizeof table / sizeof table[0]);
+  TempDir dir;
+  MemoryParamStore memory;
+  FileParamStore file(dir.file("none.json"));
+  for (const Expected& e : table) {
+    const ParamInfo* info = findParam(e.id);
+    ASSERT_NE(info, nullptr) << e.name;
+    EXPECT_STREQ(info->name, e.name);
+    EXPECT_EQ(info->isText, e.isText) << e.name;
+    EXPECT_EQ(findParam(e.name), info) << e.name;
+    for (ParamStore* store : {static_cast<ParamStore*>(&memory), static_cast<ParamStore*>(&file)}) {
+      EXPECT_EQ(store->isTextParam(e.id), e.isText) << e.name;
+      EXPECT_TRUE(store->hasParam(e.id)) << e.name;
+      uint32_t value = 12345;
+      std::string text = "unchanged";
+      if (e.isText) {
+        EXPECT_EQ(store->getParamValue(e.id, value), 0) << e.name;
+        EXPECT_EQ(value, 12345u) << e.name;
+        EXPECT_EQ(store->getParamString(e.id, text), 1) << e.name;
+        EXPECT_EQ(text, e.text) << e.name;
+      } else {
+        EXPECT_EQ(store->getParamValue(e.id, value), 1) << e.name;
+        EXPECT_EQ(value, e.value) << e.name;
+        EXPECT_EQ(store->getParam(e.id), e.value) << e.name;
+        EXPECT_EQ(store->getParamString(e.id, text), 0) << e.name;
+        EXPECT_EQ(text, "unchanged") << e.name;
+      }
+    }
+  }
+}
+
+// The memory store keeps what was set last, whatever the table says: a
+// number set under a text parameter makes it a number there, and text
+// under an integer parameter makes it text.
+TEST(MemoryParams, TheKindOfAParameterIsTheKindSetLast) {
+  MemoryParamStore store;
+  ASSERT_EQ(store.setParam(eParamMediaDir, 5), 1);
+  EXPECT_FALSE(store.isTextParam(eParamMediaDir));
+  EXPECT_EQ(store.getParam(eParamMediaDir), 5u);
+  std::string text = "unchanged";
+  EXPECT_EQ(store.getParamString(eParamMediaDir, text), 0);
+  EXPECT_EQ(text, "unchanged");
+  ASSERT_EQ(store.setParamString(eParamTake, "seven"), 1);
+  EXPECT_TRUE(store.isTextParam(eParamTake));
+  EXPECT_EQ(store.getParamString(eParamTake, text), 1);
+  EXPECT_EQ(text, "seven");
+}
+
+// Zero and the largest 32-bit value are integers a file may hold; a
+// negative, fractional or larger number is not one and reads as the default.
+TEST(FileParams, IntegerValuesAtTheirBounds) {
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  FileParamStore store(path);
+  writeFile(path,
+            "{\"take\": 0, \"clip-name-number\": 4294967295, \"custom-take-number\": 4294967296,"
+            " \"encode-type\": -1, \"clip-name-letter\": 66.5}\n");
+  EXPECT_EQ(store.getParam(eParamTake), 0u);
+  EXPECT_EQ(store.getParam(eParamClipNameNumber), 4294967295u);
+  EXPECT_EQ(store.getParam(eParamCustomTakeNumber), 1u);
+  EXPECT_EQ(store.getParam(eParamEncodeType), 1u);
+  EXPECT_EQ(store.getParam(eParamClipNameLetter), static_cast<uint32_t>('A'));
+}
+
 TEST(ParamIdentifiers, AreFoundByNameHexOrDecimal) {
   ASSERT_NE(findParam("take"), nullptr);
   EXPECT_EQ(findParam("take")->id, eParamTake);
@@ -108,6 +205,10 @@ TEST_P(Stores, RefusesReadingTextAsANumberAndANumberAsText) {
 
 TEST_P(Stores, KeepsParametersItDoesNotKnow) {
   const eParam_t unknown = static_cast<eParam_t>(0x0A0B0C0D);
+  // Not known and never set: no value, read as 0 or the empty text.
+  EXPECT_FALSE(store->hasParam(unknown));
+  EXPECT_FALSE(store->isTextParam(unknown));
+  EXPECT_EQ(store->getParam(unknown), 0u);
   EXPECT_EQ(store->setParam(unknown, 9), 1);
   EXPECT_TRUE(store->hasParam(unknown));
   EXPECT_EQ(store->getParam(unknown), 9u);

@@ -150,7 +150,7 @@ inline std::string readUntilEof(int fd, double seconds) {
 }
 
 inline pid_t forkChild(const std::function<void()>& body) {
-  const pid_t pid = fork();
+  const pid_t pid = vorta_test::forkFlushed();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
     body();

@@ -2,6 +2,7 @@
 // Tests of Daemonizer: pid file, termination, status and crash signals, detaching; in real child processes.
 #include "daemonutils.h"
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -19,6 +20,21 @@
 
 #include "child_process.h"
 #include "test_support.h"
+
+// The C library's chdir, failing on request: this binary's definition comes
+// before the C library's for the daemon code's call too.
+namespace {
+volatile int gFailChdir = 0;
+}  // namespace
+
+extern "C" int chdir(const char* path) {
+  if (gFailChdir != 0) {
+    errno = EACCES;
+    return -1;
+  }
+  static const auto real = reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "chdir"));
+  return real(path);
+}
 
 namespace {
 
@@ -140,6 +156,73 @@ TEST(Daemonizer, PidFileHoldsPidAndNewlineAndSigtermRemovesIt) {
   EXPECT_FALSE(fileExists(child.pidfile()));
   EXPECT_EQ(child.err(), receivedLine("recorder", SIGTERM, pid));
   EXPECT_EQ(child.out(), "");
+}
+
+// The shutdown line is assembled in a fixed buffer of 512 bytes (no
+// allocation in a signal handler): a daemon name that long is cut there,
+// and the line is written whole up to that point.
+TEST(Daemonizer, ShutdownLineOfAVeryLongNameIsCutAt512Bytes) {
+  DaemonChild child(uniqueName("longname"));
+  const std::string name(600, 'n');
+  child.start([&] {
+    Daemonizer::setupSignalHandler(name, nullptr, nullptr, true);
+    report("ready");
+    Daemonizer::sleepUntilKilled();
+    report("killed");
+  });
+  ASSERT_EQ(child.line(), "ready");
+  ASSERT_EQ(kill(child.pid(), SIGINT), 0);
+  EXPECT_EQ(child.line(), "killed");
+  const pid_t pid = child.pid();
+  child.wait();
+  EXPECT_EQ(child.err(), receivedLine(name, SIGINT, pid).substr(0, 512));
+  // A short name, for the digits of the signal and the pid.
+  DaemonChild other(uniqueName("short"));
+  other.start([&] {
+    Daemonizer::setupSignalHandler("d", nullptr, nullptr, true);
+    report("ready");
+    Daemonizer::sleepUntilKilled();
+  });
+  ASSERT_EQ(other.line(), "ready");
+  const pid_t otherPid = other.pid();
+  ASSERT_EQ(kill(otherPid, SIGTERM), 0);
+  other.wait();
+  EXPECT_EQ(other.err(), "d:  Received SIGNAL 15, shutting down (PID:" + std::to_string(otherPid) + ")\n");
+}
+
+// A daemon whose standard error is closed still handles the signal: the
+// shutdown line that cannot be written is given up, not retried for ever.
+TEST(Daemonizer, ClosedStandardErrorDoesNotHoldUpTheSignal) {
+  DaemonChild child(uniqueName("noerr"));
+  child.start([] {
+    Daemonizer::setupSignalHandler("noerr", nullptr, nullptr, true);
+    ::close(STDERR_FILENO);
+    report("ready");
+    Daemonizer::sleepUntilKilled();
+    report("killed " + std::to_string(Daemonizer::killed));
+  });
+  ASSERT_EQ(child.line(), "ready");
+  ASSERT_EQ(kill(child.pid(), SIGTERM), 0);
+  EXPECT_EQ(child.line(), "killed 1");
+  EXPECT_EQ(child.wait(), 0);
+}
+
+// A step of daemonize that fails is reported on the standard error the
+// process had, with the daemon's name, the step and the system's reason,
+// and the daemon still starts.
+TEST(Daemonizer, AFailedStepIsReportedWithTheDaemonsName) {
+  const bool subreaper = prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) == 0;
+  DaemonChild child(uniqueName("nochdir"));
+  child.start([] {
+    gFailChdir = 1;
+    Daemonizer::daemonize("nochdir", nullptr, nullptr, true);
+    report(std::to_string(getpid()));
+  });
+  EXPECT_EQ(child.wait(), 0);
+  const std::string pid = child.line();
+  ASSERT_FALSE(pid.empty());
+  EXPECT_EQ(child.err(), "nochdir: chdir /tmp: Permission denied\n");
+  if (subreaper) waitForExit(static_cast<pid_t>(std::stol(pid)), patience());
 }
 
 // With hasCleanupAfterKilled the pid file outlives the signal and goes with setDone.
@@ -318,6 +401,8 @@ TEST(Daemonizer, PidFilePathIsCutTo127Characters) {
 TEST(Daemonizer, SetupStoresHooksAndResetsKilled) {
   DaemonChild child(uniqueName("no-such-dir") + "/setup");
   child.start([] {
+    // Before any set-up: not killed, no frames.
+    report("before " + std::to_string(Daemonizer::killed) + " " + std::to_string(Daemonizer::size));
     Daemonizer::killed = 5;
     Daemonizer::setupSignalHandler("setup", onTermination, onStatus, true);
     report("killed " + std::to_string(Daemonizer::killed) + " name [" + Daemonizer::name + "] hooks " +
@@ -325,7 +410,7 @@ TEST(Daemonizer, SetupStoresHooksAndResetsKilled) {
            yesNo(Daemonizer::_getStatus == onStatus) + " keep " + yesNo(Daemonizer::_hasCleanupAfterKilled) +
            " frames " + std::to_string(Daemonizer::size));
   });
-  EXPECT_EQ(child.rest(), "killed 0 name [setup: ] hooks yesyes keep yes frames 0\n");
+  EXPECT_EQ(child.rest(), "before 0 0\nkilled 0 name [setup: ] hooks yesyes keep yes frames 0\n");
   EXPECT_EQ(child.wait(), 0);
 }
 
@@ -353,8 +438,14 @@ TEST(Daemonizer, DaemonizeDetachesIntoANewSession) {
     char in[PATH_MAX] = "";
     const ssize_t n = readlink("/proc/self/fd/0", in, sizeof in - 1);
     if (n > 0) in[n] = '\0';
+    char out[PATH_MAX] = "";
+    const ssize_t m = readlink("/proc/self/fd/1", out, sizeof out - 1);
+    if (m > 0) out[m] = '\0';
+    // Standard error is the console or /dev/null, never left closed.
+    const bool errOpen = fcntl(STDERR_FILENO, F_GETFD) != -1;
     report(std::to_string(getpid()) + " " + std::to_string(getsid(0)) + " " + cwd + " " +
-           std::to_string(mask) + " " + in + " " + Daemonizer::pidfile);
+           std::to_string(mask) + " " + in + " " + Daemonizer::pidfile + " " + out + " " +
+           (errOpen ? "err" : "noerr"));
     Daemonizer::sleepUntilKilled();
     report("killed " + std::to_string(Daemonizer::killed) + " pidfile " +
            yesNo(access(Daemonizer::pidfile, F_OK) == 0));
@@ -365,10 +456,10 @@ TEST(Daemonizer, DaemonizeDetachesIntoANewSession) {
 
   const std::string line = child.line();
   long daemonPid = 0, session = 0, mask = -1;
-  char cwd[256] = "", in[256] = "", pidfile[256] = "";
-  ASSERT_EQ(std::sscanf(line.c_str(), "%ld %ld %255s %ld %255s %255s", &daemonPid, &session, cwd, &mask, in,
-                        pidfile),
-            6)
+  char cwd[256] = "", in[256] = "", pidfile[256] = "", out[256] = "", err[256] = "";
+  ASSERT_EQ(std::sscanf(line.c_str(), "%ld %ld %255s %ld %255s %255s %255s %255s", &daemonPid, &session, cwd,
+                        &mask, in, pidfile, out, err),
+            8)
       << line;
   // Stops the daemon should a check below fail before it is told to.
   struct DaemonStopper {
@@ -383,6 +474,10 @@ TEST(Daemonizer, DaemonizeDetachesIntoANewSession) {
   EXPECT_STREQ(cwd, "/tmp");
   EXPECT_EQ(mask, 0);
   EXPECT_STREQ(in, "/dev/null");
+  EXPECT_STREQ(out, "/dev/null");
+  EXPECT_STREQ(err, "err");
+  // Nothing failed on the way, so nothing was said on the standard error it had.
+  EXPECT_EQ(child.err(), "");
   EXPECT_EQ(pidfile, child.pidfile());
   if (canWritePidFiles()) {
     EXPECT_EQ(readFile(child.pidfile()), std::to_string(daemonPid) + "\n");

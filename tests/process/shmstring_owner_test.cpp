@@ -3,6 +3,7 @@
 // left by dead owners, special files in the name's place, exhausted descriptors and heap.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -11,9 +12,12 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <memory>
 #include <random>
 #include <string>
+#include <vector>
 
+#include "alloc_failure.h"
 #include "child_process.h"
 #include "fail_alloc.h"
 #include "shmstring.h"
@@ -357,7 +361,7 @@ TEST(ShmStringOwner, DescriptorExhaustionFailsCleanly) {
 // ShmString takes nothing from the heap: with every allocation failing it
 // creates, writes, reads and closes as usual.
 TEST(ShmStringOwner, WorksWithEveryAllocationFailing) {
-  if (!vorta_test::allocationFailureAvailable()) GTEST_SKIP() << "a sanitizer owns malloc in this build";
+  if (const char* why = vorta_test::allocationFailureUnavailable()) GTEST_SKIP() << why;
   OwnedName name;
   bool created = false, stored = false;
   int got = 0;
@@ -377,4 +381,263 @@ TEST(ShmStringOwner, WorksWithEveryAllocationFailing) {
   EXPECT_EQ(got, 7);
   EXPECT_STREQ(text, "no heap");
   EXPECT_EQ(refused, 0);
+}
+
+namespace {
+
+// Cuts the object under the name to size bytes, as any process that may
+// open it can.
+bool cutSegment(const char* name, off_t size) {
+  const int fd = shm_open(name, O_RDWR, 0);
+  if (fd == -1) return false;
+  const bool done = ftruncate(fd, size) == 0;
+  ::close(fd);
+  return done;
+}
+
+// The sizes a segment of capacity 1 MiB is cut to: nothing, 3 bytes (the
+// first page stays, the header and text do not), and the size of a smaller
+// capacity.
+class ShmStringCut : public ::testing::TestWithParam<off_t> {
+ protected:
+  // An owner in its own process holding 1 MiB with "hello"; the owner is
+  // made after the check, so that a skipped test starts no process.
+  void startOwner() {
+    owner_.reset(new OwnerProcess(name_.c_str(), 1 << 20, "hello"));
+    ASSERT_TRUE(owner_->ready());
+  }
+  // A cut to nothing can land between a read's size check and its access,
+  // which needs a SIGBUS handed to the program.
+  bool cutToNothingUnderEmulation() const { return vorta_test::underEmulation() && GetParam() == 0; }
+  OwnedName name_;
+  std::unique_ptr<OwnerProcess> owner_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Sizes, ShmStringCut,
+                         ::testing::Values(off_t{0}, off_t{3},
+                                           static_cast<off_t>(100 + ShmString::kOverhead)),
+                         [](const ::testing::TestParamInfo<off_t>& param) {
+                           return param.param == 0   ? std::string("ToNothing")
+                                  : param.param == 3 ? std::string("ToThreeBytes")
+                                                     : std::string("ToASmallerCapacity");
+                         });
+
+constexpr int kMegabyte = 1 << 20;
+
+// Why the tests that need a SIGBUS handed to the program skip under
+// user-mode emulation.
+const char* const kNoSigbusUnderEmulation =
+    "qemu-user ends the process on a SIGBUS from a mapping cut short (uncaught target signal 7) instead of "
+    "handing it to the program's handler; make test-ppc-system runs this on a PowerPC kernel";
+
+}  // namespace
+
+// The owner creates 1 MiB, a reader in another process reads it, a third
+// process cuts the segment short; the reader's next get fails (-1, dest
+// empty) instead of dying of SIGBUS, and so does every later one, and the
+// owner's own get fails the same way while the owner lives on.
+TEST_P(ShmStringCut, ReaderAndOwnerFailInsteadOfDying) {
+  startOwner();
+  const OwnedName& name = name_;
+  OwnerProcess& owner = *owner_;
+  Pipe toReader, fromReader;
+  const pid_t reader = forkChild([&] {
+    toReader.closeWrite();
+    fromReader.closeRead();
+    ShmString shm(name.c_str());
+    char text[64];
+    if (shm.get(text, sizeof text) != 5 || std::strcmp(text, "hello") != 0) _exit(1);
+    writeAll(fromReader.write, "read\n");
+    if (readLine(toReader.read, patience()) != "cut") _exit(2);
+    // Still mapped, but no longer a valid string: its capacity is 0.
+    if (shm.capacity() != 0) _exit(6);
+    for (int i = 0; i < 3; ++i) {
+      std::memset(text, 'x', sizeof text);
+      if (shm.get(text, sizeof text) != -1 || text[0] != '\0') _exit(3);
+      if (shm.set("again")) _exit(4);
+    }
+    if (shm.capacity() != 0 || shm.isAttached() || shm.isOwnerAlive()) _exit(5);
+    _exit(0);
+  });
+  toReader.closeRead();
+  fromReader.closeWrite();
+  ASSERT_EQ(readLine(fromReader.read, patience()), "read");
+  ASSERT_TRUE(cutSegment(name.c_str(), GetParam()));
+  writeAll(toReader.write, "cut\n");
+  const int status = waitForExit(reader, patience());
+  ASSERT_TRUE(WIFEXITED(status)) << "reader ended by signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+
+  EXPECT_EQ(owner.ask("get"), "-1 ");
+  EXPECT_EQ(owner.ask("set x"), "not set");
+  const int ownerStatus = owner.stop();
+  ASSERT_TRUE(WIFEXITED(ownerStatus)) << "owner ended by signal " << WTERMSIG(ownerStatus);
+  EXPECT_EQ(WEXITSTATUS(ownerStatus), 0);
+}
+
+// A reader that keeps reading while the segment is cut under it: every get
+// returns the text or fails, none kills the reader, and once the cut is
+// seen no later get succeeds.
+TEST_P(ShmStringCut, ReaderInALoopSurvivesTheCut) {
+  if (cutToNothingUnderEmulation()) GTEST_SKIP() << kNoSigbusUnderEmulation;
+  startOwner();
+  const OwnedName& name = name_;
+  Pipe fromReader;
+  const int reads = vorta_test::underEmulation() ? 20000 : 200000;
+  const pid_t reader = forkChild([&] {
+    fromReader.closeRead();
+    ShmString shm(name.c_str());
+    char text[64];
+    // Reads on until a thousand reads after the first that failed.
+    int failed = 0;
+    for (int i = 0; i < reads && failed < 1000; ++i) {
+      const int n = shm.get(text, sizeof text);
+      if (i == 100) writeAll(fromReader.write, "reading\n");
+      if (n == 5 && failed == 0 && std::strcmp(text, "hello") == 0) continue;
+      if (n != -1 || text[0] != '\0') _exit(1);
+      ++failed;
+    }
+    _exit(failed > 0 ? 0 : 2);
+  });
+  fromReader.closeWrite();
+  ASSERT_EQ(readLine(fromReader.read, patience()), "reading");
+  ASSERT_TRUE(cutSegment(name.c_str(), GetParam()));
+  const int status = waitForExit(reader, 4 * patience());
+  ASSERT_TRUE(WIFEXITED(status)) << "reader ended by signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "1: a read neither the text nor a failure; 2: the cut never seen";
+}
+
+// The cut and the regrowth of the segment, over and over, under a reader
+// and a writer that never stop: whatever each call returns, neither process
+// dies nor hangs, and a read gives the text, a part of it or a failure.
+TEST_P(ShmStringCut, ReaderAndWriterSurviveRepeatedCuts) {
+  if (cutToNothingUnderEmulation()) GTEST_SKIP() << kNoSigbusUnderEmulation;
+  startOwner();
+  const OwnedName& name = name_;
+  Pipe stop;
+  auto loop = [&](bool writing) {
+    return forkChild([&, writing] {
+      stop.closeWrite();
+      ShmString shm(name.c_str());
+      char text[64];
+      for (;;) {
+        pollfd entry{stop.read, POLLIN, 0};
+        if (poll(&entry, 1, 0) != 0) _exit(0);
+        if (writing) {
+          shm.set("hello");
+          continue;
+        }
+        // A cut zeroes the lock too, so a read may overlap a write and
+        // see the text being written: a prefix of it, still terminated.
+        const int n = shm.get(text, sizeof text);
+        const bool expected = n >= -1 && n <= 5 &&
+                              std::strlen(text) == static_cast<std::size_t>(n < 0 ? 0 : n) &&
+                              std::strncmp(text, "hello", std::strlen(text)) == 0;
+        if (!expected) _exit(1);
+      }
+    });
+  };
+  const pid_t reader = loop(false);
+  const pid_t writer = loop(true);
+  stop.closeRead();
+  const off_t whole = static_cast<off_t>(kMegabyte + ShmString::kOverhead);
+  const int rounds = vorta_test::underEmulation() ? 50 : 300;
+  for (int i = 0; i < rounds; ++i) {
+    ASSERT_TRUE(cutSegment(name.c_str(), GetParam()));
+    usleep(200);
+    ASSERT_TRUE(cutSegment(name.c_str(), whole));
+    usleep(200);
+  }
+  stop.closeWrite();
+  for (const pid_t child : {reader, writer}) {
+    const int status = waitForExit(child, patience());
+    ASSERT_TRUE(WIFEXITED(status)) << (child == reader ? "reader" : "writer") << " ended by signal "
+                                   << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+  }
+}
+
+// More strings than the process watches for cuts (256): those past that
+// are not protected against a cut, but read and write as any other, their
+// lock taken and given back each time.
+TEST(ShmStringCutOthers, StringsPastTheWatchedOnesWorkAsAnyOther) {
+  std::vector<std::string> names;
+  for (int i = 0; i < 300; ++i) names.push_back("/" + uniqueName("vorta_shmmany"));
+  const int code = inChild([&] {
+    std::vector<std::unique_ptr<ShmString>> strings;
+    for (const std::string& name : names) {
+      strings.emplace_back(new ShmString(name.c_str()));
+      if (!strings.back()->create(16)) return 1;
+    }
+    char text[16];
+    for (int round = 0; round < 2; ++round)
+      for (auto& shm : strings) {
+        if (!shm->set(round == 0 ? "first" : "second")) return 2;
+        if (shm->get(text, sizeof text) != (round == 0 ? 5 : 6)) return 3;
+      }
+    return 0;
+  });
+  for (const std::string& name : names) shm_unlink(name.c_str());
+  EXPECT_EQ(code, 0) << "-1: a string past the watched ones hung on its lock";
+}
+
+// Only the strings' own mappings are spared: any other SIGBUS of the process
+// (here a file mapping cut short) still ends it, and a handler the program
+// had installed before still gets it.
+TEST(ShmStringCutOthers, OtherBusErrorsKeepTheirEffect) {
+  if (vorta_test::underEmulation()) GTEST_SKIP() << kNoSigbusUnderEmulation;
+  vorta_test::TempDir dir;
+  const std::string path = dir.file("mapped");
+  auto faultOnCutFile = [&] {
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    if (fd == -1 || ftruncate(fd, 4096) != 0) _exit(90);
+    volatile char* map =
+        static_cast<volatile char*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    if (map == MAP_FAILED || ftruncate(fd, 0) != 0) _exit(91);
+    return map[10];
+  };
+  OwnedName name;
+  const int defaultAction = inChild([&] {
+    ShmString shm(name.c_str());
+    if (!shm.create(16)) return 92;
+    // A reader too: every mapping watched after the first leaves the
+    // handler chain as it was.
+    ShmString reader(name.c_str());
+    if (!reader.attach(false, 0)) return 93;
+    faultOnCutFile();
+    return 0;
+  });
+  // A sanitizer's runtime handles SIGBUS itself: it reports and aborts.
+  const int busEnd = vorta_test::builtWithSanitizer() ? 128 + SIGABRT : 128 + SIGBUS;
+  EXPECT_EQ(defaultAction, busEnd);
+
+  const int programHandler = inChild([&] {
+    struct sigaction action = {};
+    action.sa_handler = [](int) { _exit(77); };
+    sigaction(SIGBUS, &action, nullptr);
+    ShmString shm(name.c_str());
+    if (!shm.create(16)) return 92;
+    faultOnCutFile();
+    return 0;
+  });
+  EXPECT_EQ(programHandler, 77);
+
+  // Ignoring SIGBUS does not ignore a fault: the process still ends.
+  const int ignored = inChild([&] {
+    signal(SIGBUS, SIG_IGN);
+    ShmString shm(name.c_str());
+    if (!shm.create(16)) return 92;
+    faultOnCutFile();
+    return 0;
+  });
+  EXPECT_EQ(ignored, 128 + SIGBUS);  // a sanitizer's handler too was put aside
+
+  // A SIGBUS that another process sends (not a fault) ends the process too.
+  const int sent = inChild([&] {
+    ShmString shm(name.c_str());
+    if (!shm.create(16)) return 92;
+    kill(getpid(), SIGBUS);
+    return 0;
+  });
+  EXPECT_EQ(sent, busEnd);
 }

@@ -2,6 +2,7 @@
 // Tests of ShmString: segment layout, bounded text, owner and readers in real processes.
 #include "shmstring.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -12,6 +13,7 @@
 
 #include <climits>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -208,6 +210,104 @@ TEST(ShmString, AfterOwnerCloseReaderSeesNoOwnerAndGetFails) {
   EXPECT_FALSE(reader.set("again"));
 }
 
+// Descriptors the process has open now, from /proc/self/fd (the one that
+// reads the directory included, the same every time).
+int openDescriptors() {
+  DIR* dir = opendir("/proc/self/fd");
+  if (dir == nullptr) return -1;
+  int count = 0;
+  while (const dirent64* entry = readdir64(dir))
+    if (entry->d_name[0] != '.') ++count;
+  closedir(dir);
+  return count;
+}
+
+// Mappings of the process whose file is the segment named name, from
+// /proc/self/maps.
+int mappingsOf(const char* name) {
+  std::ifstream maps("/proc/self/maps");
+  const std::string file = std::string("/dev/shm") + name;
+  int count = 0;
+  for (std::string line; std::getline(maps, line);)
+    if (line.size() >= file.size() && line.compare(line.size() - file.size(), file.size(), file) == 0)
+      ++count;
+  return count;
+}
+
+// close() gives back the segment's descriptor and mapping, the owner's and
+// a reader's, and so does the destructor; the objects can be used again
+// after it.
+TEST(ShmString, CloseGivesBackTheDescriptorAndTheMapping) {
+  SegmentName name;
+  const int before = openDescriptors();
+  ShmString owner(name.c_str());
+  ShmString reader(name.c_str());
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_TRUE(owner.create(16)) << round;
+    ASSERT_TRUE(reader.attach(false, 0)) << round;
+    EXPECT_GT(openDescriptors(), before);
+    EXPECT_EQ(mappingsOf(name.c_str()), 2);
+    EXPECT_TRUE(ShmString::hasLiveOwner(name.c_str()));  // opens and closes the name itself
+    reader.close();
+    EXPECT_EQ(mappingsOf(name.c_str()), 1);
+    owner.close();
+    EXPECT_EQ(mappingsOf(name.c_str()), 0);
+    EXPECT_EQ(openDescriptors(), before) << round;
+  }
+  {
+    ShmString scoped(name.c_str());
+    ASSERT_TRUE(scoped.create(16));
+  }
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_FALSE(name.exists());
+}
+
+// The segment is made readable and writable by every user (mode 0666,
+// whatever the process's file-creation mask), so that the recorder's
+// processes of other users can read and write the text; the mask is put
+// back afterwards.
+TEST(ShmString, SegmentIsMadeForEveryUserWhateverTheMask) {
+  SegmentName name;
+  const mode_t previous = umask(077);
+  ShmString owner(name.c_str());
+  const bool created = owner.create(16);
+  const mode_t during = umask(previous);
+  ASSERT_TRUE(created);
+  EXPECT_EQ(during, 077u);
+  struct stat status;
+  ASSERT_EQ(stat((std::string("/dev/shm") + name.c_str()).c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0666u);
+}
+
+// The lock in the segment is made for processes: a process that waits on it
+// with the plain blocking call (as any of the recorder's programs may) is
+// woken when another process releases it.
+TEST(ShmString, TheLockWakesAWaiterInAnotherProcess) {
+  SegmentName name;
+  ShmString owner(name.c_str());
+  ASSERT_TRUE(owner.create(16));
+  const int fd = shm_open(name.c_str(), O_RDWR, 0);
+  ASSERT_NE(fd, -1);
+  void* map = mmap(nullptr, 16 + ShmString::kOverhead, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  ::close(fd);
+  ASSERT_NE(map, MAP_FAILED);
+  pthread_rwlock_t* lock = static_cast<pthread_rwlock_t*>(map);
+  ASSERT_EQ(pthread_rwlock_wrlock(lock), 0);
+  Pipe started;
+  const pid_t waiter = forkChild([&] {
+    started.closeRead();
+    writeAll(started.write, "waiting\n");
+    _exit(pthread_rwlock_rdlock(lock) == 0 && pthread_rwlock_unlock(lock) == 0 ? 0 : 1);
+  });
+  started.closeWrite();
+  EXPECT_EQ(readLine(started.read, patience()), "waiting");
+  usleep(100000);  // the waiter is asleep on the lock by now, as a rule
+  ASSERT_EQ(pthread_rwlock_unlock(lock), 0);
+  const int status = waitForExit(waiter, patience());
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the waiter was never woken";
+  munmap(map, 16 + ShmString::kOverhead);
+}
+
 // Deliberate: a reader that closes clears the owner pid too, so every other
 // reader finds the owner gone and re-attaches on its next get or set.
 TEST(ShmString, ReaderCloseClearsOwnerPid) {
@@ -297,6 +397,7 @@ TEST(ShmString, GetRefusesNullDestAndNegativeSize) {
   EXPECT_EQ(owner.get(nullptr, 4), -1);
   EXPECT_EQ(owner.get(dest, 0), 0);  // min(0, capacity): nothing read
   EXPECT_EQ(owner.get(dest, -5), -1);
+  EXPECT_EQ(owner.get(dest, -1), -1);
   EXPECT_STREQ(dest, "qqq");  // untouched
   EXPECT_FALSE(owner.set(nullptr));
   EXPECT_EQ(owner.get(dest, 4), 3);

@@ -37,8 +37,11 @@ TEST(ThreadSleep, FiftyMillisecondsSleepsAtLeastThatLong) {
   ThreadSleep sleeper;
   // The deadline is on the real-time clock, so the elapsed time is measured there.
   const double start = realtimeNow();
+  testing::internal::CaptureStderr();
   sleeper.sleep(50000000L);
   const double elapsed = realtimeNow() - start;
+  // A sleep that could read the clock has nothing to say.
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   EXPECT_GE(elapsed, 0.050);
   EXPECT_LT(elapsed, kUpperBoundSeconds);
 }
@@ -87,6 +90,25 @@ TEST(AddNanosecondsToTimespec, ExactSecondsLeaveNanosecondsUnchanged) {
   sleeper.addNanosecondsToTimespec(2000000000L, &ts);
   EXPECT_EQ(ts.tv_sec, 12);
   EXPECT_EQ(ts.tv_nsec, 600000000L);
+}
+
+// The boundary of whole seconds: one second exactly carries one second,
+// one nanosecond less carries none; a single nanosecond is added too.
+TEST(AddNanosecondsToTimespec, OneSecondExactlyAndJustBelow) {
+  const struct {
+    timespec start;
+    long interval;
+    timespec end;
+  } cases[] = {{at(10, 600000000L), 1000000000L, at(11, 600000000L)},
+               {at(10, 0), 999999999L, at(10, 999999999L)},
+               {at(10, 5), 1L, at(10, 6)}};
+  ThreadSleep sleeper;
+  for (const auto& c : cases) {
+    timespec ts = c.start;
+    sleeper.addNanosecondsToTimespec(c.interval, &ts);
+    EXPECT_EQ(ts.tv_sec, c.end.tv_sec) << c.interval;
+    EXPECT_EQ(ts.tv_nsec, c.end.tv_nsec) << c.interval;
+  }
 }
 
 TEST(AddNanosecondsToTimespec, ZeroChangesNothing) {

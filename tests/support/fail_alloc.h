@@ -5,8 +5,9 @@
 
 namespace vorta_test {
 
-/// True when this build can make allocations fail: not under a sanitizer,
-/// which owns malloc itself.
+/// True when this build can make allocations fail: not under a sanitizer or
+/// valgrind, which own malloc themselves (allocationFailureUnavailable()
+/// says which).
 bool allocationFailureAvailable();
 
 /// True in a sanitizer build. Such a runtime also needs descriptors of its

@@ -116,10 +116,14 @@ double monotonicSeconds() {
   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
 }
 
+pid_t forkFlushed() {
+  std::fflush(nullptr);
+  return fork();
+}
+
 int inChild(const std::function<int()>& body, double seconds) {
   if (seconds <= 0) seconds = underEmulation() ? 120.0 : 30.0;
-  std::fflush(nullptr);  // nothing buffered is written twice
-  const pid_t pid = fork();
+  const pid_t pid = forkFlushed();
   if (pid < 0) return -2;
   if (pid == 0) {
     int code = 98;
@@ -146,3 +150,19 @@ int inChild(const std::function<int()>& body, double seconds) {
 }
 
 }  // namespace vorta_test
+
+#ifdef VORTA_COVERAGE
+// A coverage build links the test binaries with -Wl,--wrap=_exit, so that a
+// forked child that leaves with _exit (as children must, to run no
+// destructors and flush nothing of the parent's) first writes its coverage
+// counts, which only exit() would write otherwise. Children that die of a
+// signal still lose theirs.
+extern "C" {
+void __gcov_dump(void);
+[[noreturn]] void __real__exit(int status);
+[[noreturn]] void __wrap__exit(int status) {
+  __gcov_dump();
+  __real__exit(status);
+}
+}
+#endif

@@ -2,6 +2,8 @@
 // vorta tests: temporary directories, unique names and small file helpers.
 #pragma once
 
+#include <sys/types.h>
+
 #include <functional>
 #include <string>
 
@@ -49,5 +51,10 @@ double monotonicSeconds();
 /// emulation), blocked on a FIFO say, is killed and -1 comes back, so a hang fails the test
 /// instead of hanging the run; -2 when the child cannot be made or waited for.
 int inChild(const std::function<int()>& body, double seconds = 0);
+
+/// fork() with nothing left in the C library's stream buffers: a line
+/// buffered before the fork (standard output to a file or pipe is fully
+/// buffered) would otherwise be written by both processes.
+pid_t forkFlushed();
 
 }  // namespace vorta_test

@@ -80,6 +80,16 @@ TEST(TrailingBytes, FollowTheLeadByteRanges) {
   EXPECT_EQ(trailingBytesForUTF8[0xFB], 4);
   EXPECT_EQ(trailingBytesForUTF8[0xFC], 5);
   EXPECT_EQ(trailingBytesForUTF8[0xFF], 5);
+  // Every byte, not only the ends of each range.
+  for (int byte = 0; byte < 256; ++byte) {
+    const int expected = byte < 0xC0   ? 0
+                         : byte < 0xE0 ? 1
+                         : byte < 0xF0 ? 2
+                         : byte < 0xF8 ? 3
+                         : byte < 0xFC ? 4
+                                       : 5;
+    EXPECT_EQ(trailingBytesForUTF8[byte], expected) << "byte " << byte;
+  }
 }
 
 TEST(Cp437Table, EveryCodeFrom128To254MapsBackFromItsUtf8Form) {

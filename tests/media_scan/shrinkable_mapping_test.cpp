@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: MIT
+// Tests of the watched mappings: a fault in a mapping whose file was cut short gives zero pages and marks it
+// lost.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "internal/shrinkable_mapping.h"
+#include "test_support.h"
+
+namespace {
+
+using zev::detail::kMaxWatched;
+using zev::detail::mappingKept;
+using zev::detail::mappingLost;
+using zev::detail::unwatchMapping;
+using zev::detail::watchMapping;
+
+// A file of three pages cut short under its watched mapping, step by step:
+// the pages still in the file keep their bytes; a read past the new end
+// gives 0 instead of SIGBUS and loses the mapping from that page on; a cut
+// to nothing loses it all, down to its first byte.
+TEST(ShrinkableMapping, ReadsPastACutGiveZerosAndLoseTheRest) {
+  if (vorta_test::underEmulation())
+    GTEST_SKIP()
+        << "qemu-user ends the process on a SIGBUS from a mapping cut short (uncaught target signal 7) "
+           "instead of handing it to the program's handler; make test-ppc-system runs this on a "
+           "PowerPC kernel";
+  vorta_test::TempDir dir;
+  const std::string path = dir.file("cut");
+  const int code = vorta_test::inChild([&] {
+    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT, 0600);
+    if (fd < 0 || ftruncate(fd, static_cast<off_t>(3 * page)) != 0) return 90;
+    void* mapped = mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (mapped == MAP_FAILED) return 91;
+    volatile char* bytes = static_cast<volatile char*>(mapped);
+    for (std::size_t i = 0; i < 3; ++i) bytes[i * page] = static_cast<char>('a' + i);
+    if (!watchMapping(mapped, 3 * page)) return 1;
+    if (mappingLost(mapped) || mappingKept(mapped) != 3 * page) return 2;
+
+    if (ftruncate(fd, static_cast<off_t>(page)) != 0) return 92;
+    if (bytes[0] != 'a' || mappingLost(mapped)) return 3;  // the first page is still the file's
+    if (bytes[2 * page + 5] != 0 || !mappingLost(mapped) || mappingKept(mapped) != 2 * page) return 4;
+    if (bytes[page] != 0 || mappingKept(mapped) != page) return 5;
+    if (bytes[0] != 'a') return 6;
+
+    if (ftruncate(fd, 0) != 0) return 93;
+    if (bytes[0] != 0 || mappingKept(mapped) != 0) return 7;
+    bytes[1] = 'z';  // writes land in the zero pages
+    if (bytes[1] != 'z') return 8;
+    unwatchMapping(mapped);
+    munmap(mapped, 3 * page);
+    close(fd);
+    return 0;
+  });
+  EXPECT_EQ(code, 0) << (code > 128 ? "ended by a signal" : "a step failed");
+}
+
+// What is not watched is not found: lost never, all of it kept; nothing and
+// an empty range cannot be watched.
+TEST(ShrinkableMapping, UnwatchedMappingsAreWholeAndNothingIsWatchable) {
+  static char notMapped[64];
+  EXPECT_FALSE(mappingLost(notMapped));
+  EXPECT_EQ(mappingKept(notMapped), static_cast<std::size_t>(-1));
+  EXPECT_FALSE(mappingLost(nullptr));
+  EXPECT_FALSE(watchMapping(nullptr, 4096));
+  EXPECT_FALSE(watchMapping(notMapped, 0));
+}
+
+// At most kMaxWatched mappings are watched at once; a slot given back is
+// taken by the next.
+TEST(ShrinkableMapping, AtMostTheLimitAreWatchedAtOnce) {
+  const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  const std::size_t count = static_cast<std::size_t>(kMaxWatched) + 1;
+  void* mapped = mmap(nullptr, count * page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(mapped, MAP_FAILED);
+  unsigned char* base = static_cast<unsigned char*>(mapped);
+  int watched = 0;
+  for (std::size_t i = 0; i < count; ++i) watched += watchMapping(base + i * page, page) ? 1 : 0;
+  // Other watches of this process (none in this test binary) would take slots too.
+  EXPECT_EQ(watched, kMaxWatched);
+  EXPECT_EQ(mappingKept(base + (count - 1) * page), static_cast<std::size_t>(-1));
+  unwatchMapping(base);
+  EXPECT_EQ(mappingKept(base), static_cast<std::size_t>(-1));
+  EXPECT_TRUE(watchMapping(base + (count - 1) * page, page));
+  EXPECT_EQ(mappingKept(base + (count - 1) * page), page);
+  for (std::size_t i = 0; i < count; ++i) unwatchMapping(base + i * page);
+  munmap(mapped, count * page);
+}
+
+}  // namespace
