@@ -6,6 +6,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -53,23 +54,47 @@ void unlockSegment(unsigned char* segment) {
   if (zev::detail::mappingKept(segment) >= ShmString::kLockSize) pthread_rwlock_unlock(lockOf(segment));
 }
 
-// Takes the segment's lock. A wait that lasts is woken every second to see
-// whether the segment has been cut short meanwhile: a waiter on the lock of a
-// cut segment would otherwise never be woken. False when the lock cannot be
-// had or the segment is no longer whole (the lock is then not held).
+// Takes the segment's lock, waiting at most kLockWaitSeconds. Only the try
+// forms of the lock calls are used, with a wait of this unit's own between
+// tries: the lock's words lie in memory any process that can open the
+// segment may write or cut short, and glibc's blocking and timed calls spin
+// or sleep without bound on some of the states such words can be left in
+// (a writer bit with no writer behind it, say). A lock that cannot be had
+// for that long was left taken by a process that died holding it, or was
+// overwritten: the call fails rather than hang its caller. The segment is
+// checked between tries for a cut, after which no try could succeed. False
+// when the lock cannot be had or the segment is no longer whole (the lock is
+// then not held).
 bool lockSegment(int fd, unsigned char* segment, std::size_t mappedSize, bool forWriting) {
-  for (;;) {
-    struct timespec deadline;
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += 1;
-    const int result = forWriting ? pthread_rwlock_timedwrlock(lockOf(segment), &deadline)
-                                  : pthread_rwlock_timedrdlock(lockOf(segment), &deadline);
+  constexpr int kYields = 64;
+  constexpr long kFirstNapNs = 20 * 1000L;
+  constexpr long kLongestNapNs = 2 * 1000 * 1000L;
+  struct timespec start;
+  clock_gettime(CLOCK_MONOTONIC, &start);
+  long nap = kFirstNapNs;
+  for (int tries = 0;; ++tries) {
+    const int result =
+        forWriting ? pthread_rwlock_trywrlock(lockOf(segment)) : pthread_rwlock_tryrdlock(lockOf(segment));
     if (result == 0) {
       if (!zev::detail::mappingLost(segment)) return true;
       unlockSegment(segment);  // taken, but in a segment cut short meanwhile
       return false;
     }
-    if (result != ETIMEDOUT || !segmentWhole(fd, segment, mappedSize)) return false;
+    // EAGAIN: a reader count at its limit, which only a written-over lock has.
+    if (result != EBUSY) return false;
+    if (tries < kYields) {
+      sched_yield();
+      continue;
+    }
+    if (!segmentWhole(fd, segment, mappedSize)) return false;
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const double waited = static_cast<double>(now.tv_sec - start.tv_sec) +
+                          static_cast<double>(now.tv_nsec - start.tv_nsec) / 1e9;
+    if (waited >= ShmString::kLockWaitSeconds) return false;
+    const struct timespec pause = {0, nap};
+    nanosleep(&pause, nullptr);
+    nap = std::min(nap * 2, kLongestNapNs);
   }
 }
 

@@ -35,6 +35,11 @@ class ShmString {
   static constexpr std::size_t kOverhead = kTextOffset + 4;
   /// Largest capacity create() accepts, and attaching accepts in a segment.
   static constexpr int kMaxCapacity = 16 * 1024 * 1024;
+  /// Longest that get and set wait for the segment's lock. It is held only
+  /// around a copy of at most kMaxCapacity bytes; a lock not given back in
+  /// that time was left taken by a process that died holding it, or written
+  /// over, and the call fails (set false, get -1) instead of waiting for ever.
+  static constexpr double kLockWaitSeconds = 3.0;
 
   /// Copies at most 256 characters of the name (all zero for null); opens nothing.
   explicit ShmString(const char* shmName);
@@ -72,15 +77,17 @@ class ShmString {
   /// no longer matches its mapping (cut short, its header overwritten).
   int capacity() const;
   /// Stores text (attaching first when needed), cut to capacity - 1
-  /// characters; false when text is null or attaching fails.
+  /// characters; false when text is null, attaching fails or the lock
+  /// cannot be had within kLockWaitSeconds.
   bool set(const char* text);
   /// Copies the text into dest (attaching first when needed), at most
   /// min(size, capacity) bytes with dest[that - 1] forced to NUL. Returns the
   /// text length when the text ended within those bytes, else their number,
   /// which is one more than the length left in dest. Size 0 reads nothing
   /// and returns 0 (dest may then be null). -1 when attaching fails (dest[0]
-  /// is then NUL, unless size is 0) and when size < 0 or dest is null with a
-  /// positive size (dest untouched).
+  /// is then NUL, unless size is 0) or the lock cannot be had within
+  /// kLockWaitSeconds (dest[0] NUL too), and when size < 0 or dest is null
+  /// with a positive size (dest untouched).
   int get(char* dest, int size);
   /// Clears the owner pid in the segment (any process does, readers too),
   /// unmaps, closes the descriptor and, in the owner, unlinks the name.

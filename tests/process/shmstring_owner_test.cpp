@@ -641,3 +641,125 @@ TEST(ShmStringCutOthers, OtherBusErrorsKeepTheirEffect) {
   });
   EXPECT_EQ(sent, busEnd);
 }
+
+namespace {
+
+// The segment's lock as another process sees it: the first page of the
+// segment mapped on its own.
+class LockPage {
+ public:
+  explicit LockPage(const char* name) {
+    const int fd = shm_open(name, O_RDWR, 0);
+    if (fd == -1) return;
+    void* at = mmap(nullptr, ShmString::kLockSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ::close(fd);
+    if (at != MAP_FAILED) page_ = static_cast<unsigned char*>(at);
+  }
+  ~LockPage() {
+    if (page_ != nullptr) munmap(page_, ShmString::kLockSize);
+  }
+  bool mapped() const { return page_ != nullptr; }
+  pthread_rwlock_t* lock() const { return reinterpret_cast<pthread_rwlock_t*>(page_); }
+  // The lock's first 32-bit word in native order (glibc's reader count and
+  // phase bits, on every target).
+  void setFirstWord(std::uint32_t value) const { std::memcpy(page_, &value, sizeof value); }
+
+ private:
+  unsigned char* page_ = nullptr;
+};
+
+// A reader in a child: get and set once each. 0 when get gave -1 with dest
+// empty and set false; 1 when both worked ("hello" read); 2 when get read
+// "hello" and set failed; 3 for anything else.
+int getAndSetOnce(const char* name) {
+  return inChild(
+      [&] {
+        ShmString shm(name);
+        char text[16];
+        std::memset(text, 'x', sizeof text);
+        const int n = shm.get(text, sizeof text);
+        const bool stored = shm.set("hello");
+        if (n == -1 && text[0] == '\0' && !stored) return 0;
+        const bool read = n == 5 && std::strcmp(text, "hello") == 0;
+        if (read && stored) return 1;
+        if (read) return 2;
+        return 3;
+      },
+      4 * ShmString::kLockWaitSeconds + 10);
+}
+
+}  // namespace
+
+// A process that dies holding the lock for writing never gives it back: get
+// and set in every other process fail after waiting kLockWaitSeconds,
+// instead of waiting for ever, and work again once the lock is made anew.
+TEST(ShmStringLock, AWriterThatDiedHoldingTheLockMakesCallsFailNotHang) {
+  OwnedName name;
+  OwnerProcess owner(name.c_str(), 64, "hello");
+  ASSERT_TRUE(owner.ready());
+  {
+    LockPage page(name.c_str());
+    ASSERT_TRUE(page.mapped());
+    const int died = inChild([&] { return pthread_rwlock_wrlock(page.lock()) == 0 ? 0 : 1; });
+    ASSERT_EQ(died, 0);
+    EXPECT_EQ(getAndSetOnce(name.c_str()), 0);
+    EXPECT_EQ(owner.ask("get"), "-1 ");
+    // Made anew (as an owner that creates the name again would).
+    pthread_rwlockattr_t attributes;
+    pthread_rwlockattr_init(&attributes);
+    pthread_rwlockattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+    pthread_rwlock_init(page.lock(), &attributes);
+    pthread_rwlockattr_destroy(&attributes);
+  }
+  EXPECT_EQ(getAndSetOnce(name.c_str()), 1);
+  EXPECT_EQ(owner.ask("get"), "5 hello");
+}
+
+// The lock's words written over with states glibc's own blocking and timed
+// calls spin or sleep on without end (a writer bit with no writer, phase
+// bits with no one in the phase, every bit set): set fails within its wait,
+// get reads the text (where the state still lets readers in) or fails within
+// its wait, and the process lives on.
+class ShmStringLockWord : public ::testing::TestWithParam<std::uint32_t> {};
+
+INSTANTIATE_TEST_SUITE_P(States, ShmStringLockWord,
+                         ::testing::Values(std::uint32_t{0x2}, std::uint32_t{0x3},
+                                           std::uint32_t{0xffffffff}));
+
+TEST_P(ShmStringLockWord, WrittenOverLockFailsWithinTheWait) {
+  OwnedName name;
+  OwnerProcess owner(name.c_str(), 64, "hello");
+  ASSERT_TRUE(owner.ready());
+  LockPage page(name.c_str());
+  ASSERT_TRUE(page.mapped());
+  page.setFirstWord(GetParam());
+  const int code = getAndSetOnce(name.c_str());
+  ASSERT_NE(code, -1) << "get or set hung on the lock";
+  // 0: get -1 and set false; 2: get read the text, set false.
+  EXPECT_TRUE(code == 0 || code == 2) << code;
+  page.setFirstWord(0);
+  EXPECT_EQ(getAndSetOnce(name.c_str()), 1);
+}
+
+// A holder that keeps the lock for a moment is waited for: get and set in
+// another process succeed once it gives the lock back.
+TEST(ShmStringLock, AHolderThatGivesTheLockBackIsWaitedFor) {
+  OwnedName name;
+  OwnerProcess owner(name.c_str(), 64, "hello");
+  ASSERT_TRUE(owner.ready());
+  LockPage page(name.c_str());
+  ASSERT_TRUE(page.mapped());
+  Pipe held;
+  const pid_t holder = forkChild([&] {
+    held.closeRead();
+    if (pthread_rwlock_wrlock(page.lock()) != 0) _exit(1);
+    writeAll(held.write, "held\n");
+    usleep(300 * 1000);
+    pthread_rwlock_unlock(page.lock());
+    _exit(0);
+  });
+  held.closeWrite();
+  ASSERT_EQ(readLine(held.read, patience()), "held");
+  EXPECT_EQ(getAndSetOnce(name.c_str()), 1);
+  EXPECT_EQ(waitForExit(holder, patience()), 0);
+}
