@@ -5,7 +5,13 @@
 # source packages: cJSON, the ANTLR 3 C runtime (libantlr3c) and GoogleTest.
 # Boost is header-only for vorta: the host's headers are linked in.
 #
-#   scripts/ppc-deps.sh [STAGING]     default: build/ppc-staging
+#   scripts/ppc-deps.sh [--guest-tools] [STAGING]     default: build/ppc-staging
+#
+# --guest-tools also builds, static, the shell and utilities of the PowerPC
+# test guest (scripts/ppc-system.sh) into STAGING/guest: busybox with Debian's
+# busybox-static configuration (its sh runs the library's shell commands; its
+# applets are the utilities of the tool's test scripts) and bash (the tool's
+# test scripts are bash scripts: arrays, here-strings, mapfile).
 #
 # Idempotent: a dependency whose stamp matches is not rebuilt, and the
 # source packages are fetched only once (into build/ppc-deps). Needs the
@@ -14,6 +20,11 @@
 set -eEuo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
+guest_tools=0
+if [ "${1:-}" = --guest-tools ]; then
+  guest_tools=1
+  shift
+fi
 staging=$(realpath -m "${1:-build/ppc-staging}")
 work=$root/build/ppc-deps
 toolchain=$root/cmake/toolchain-ppc32.cmake
@@ -64,8 +75,8 @@ stamp_set() { printf '%s\n' "$2" >"$staging/.stamps/$1"; }
 # add the source twin of every Debian entry the machine has, once.
 ensure_deb_src() {
   local known
-  known=$(apt-cache showsrc cjson libantlr3c 2>/dev/null || true)
-  if [ "$(grep -c '^Package:' <<<"$known")" -ge 2 ]; then
+  known=$(apt-cache showsrc cjson libantlr3c busybox bash 2>/dev/null || true)
+  if [ "$(grep -c '^Package:' <<<"$known")" -ge 4 ]; then
     return
   fi
   step="adding deb-src entries for apt"
@@ -207,6 +218,61 @@ else
   quiet cmake --build "$work/build-googletest" -j "$jobs"
   quiet cmake --install "$work/build-googletest"
   stamp_set googletest "$key"
+fi
+
+# --- The test guest's shell and utilities, static.
+if [ "$guest_tools" -eq 1 ]; then
+  guest=$staging/guest
+  mkdir -p "$guest"
+  cross_type=powerpc-linux-gnu
+
+  log=$work/logs/busybox.log
+  : >"$log"
+  key="recipe=$recipe $(dsc_version busybox)"
+  if stamp_ok busybox "$key" && [ -f "$guest/busybox" ] && [ -f "$guest/busybox.links" ]; then
+    say "busybox: up to date"
+  else
+    say "busybox: building for the test guest"
+    source_tree busybox
+    key="recipe=$recipe $(dsc_version busybox)"
+    step="building busybox (log: $log)"
+    # Debian's busybox-static configuration, as it stands. It has no
+    # `script` applet, which suits a guest without a terminal: a test that
+    # looks for one finds none, as it should.
+    cp "$src/debian/config/pkg/static" "$src/.config"
+    quiet make -C "$src" CROSS_COMPILE="$cross_type-" silentoldconfig </dev/null
+    grep -qx 'CONFIG_STATIC=y' "$src/.config"
+    quiet make -C "$src" CROSS_COMPILE="$cross_type-" -j "$jobs" busybox busybox.links
+    cp "$src/busybox" "$guest/busybox"
+    cp "$src/busybox.links" "$guest/busybox.links"
+    stamp_set busybox "$key"
+  fi
+
+  log=$work/logs/bash.log
+  : >"$log"
+  key="recipe=$recipe $(dsc_version bash)"
+  if stamp_ok bash "$key" && [ -f "$guest/bash" ]; then
+    say "bash: up to date"
+  else
+    say "bash: building for the test guest"
+    source_tree bash
+    key="recipe=$recipe $(dsc_version bash)"
+    step="building bash (log: $log)"
+    cd "$src"
+    quiet ./configure --host="$cross_type" --build="$(dpkg-architecture -qDEB_BUILD_GNU_TYPE)" \
+      --prefix=/usr --enable-static-link --without-bash-malloc --disable-nls
+    quiet make -j "$jobs"
+    cd "$root"
+    cp "$src/bash" "$guest/bash"
+    stamp_set bash "$key"
+  fi
+  step="checking the guest's tools"
+  for tool in busybox bash; do
+    if powerpc-linux-gnu-readelf -d "$guest/$tool" 2>/dev/null | grep -q '(NEEDED)'; then
+      say "$guest/$tool is not static"
+      exit 1
+    fi
+  done
 fi
 
 say "staging prefix ready: $staging"
