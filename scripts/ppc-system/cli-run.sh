@@ -132,7 +132,7 @@ run_case() {
     if [ ${#missing[@]} -gt 0 ] && [ "$known" -eq 1 ]; then
       local joined
       joined=$(printf '%s; ' "${why[@]}")
-      host+=("$name: ${joined%; } (ran in the guest up to there)")
+      host+=("$name: ${joined%; }")
       ran=$((ran - 1))
       echo "[ HOST ONLY ] $name: ${joined%; } ($took ms)"
       return
