@@ -43,6 +43,10 @@ step() {
   fi
 }
 
+# Playlists are added from the medium only: the work directory is one.
+export VORTA_PARAMS="$W/params.json"
+"${emulator[@]}" "$vorta" param set media-dir "$W" || { echo "param set media-dir failed" >&2; exit 1; }
+
 playlist="$W/Day 1.playlist"
 printf '%s' '{"name":"Day 1","cliplist":["A.mov","B.mov",7]}' >"$playlist"
 printf '%s' '{"name":"Best","cliplist":["A.mov"]}' >"$W/Best.playlist"
@@ -59,9 +63,9 @@ printf '%s' '{"name":"Day 1","cliplist":["A.mov","B.mov"]}' >"$playlist"
 step 0 $'^added Day 1 \\('"$W"$'/Day 1.playlist\\)\nadded Best \\('"$W"$'/Best.playlist\\)\n$' '^$' \
   playlists add "$playlist" "$W/Best.playlist"
 step 1 '^$' $'^vorta playlists: '"$W"$'/bad.playlist is not a playlist file\n$' playlists add "$W/bad.playlist"
-step 0 $'^NAME +CLIPS +MODIFIED +PATH\nAll Clips +0 +- *\nBest +1 +[0-9-]+T[0-9:+-]+ +'"$W"$'/Best.playlist\nDay 1 +2 +[0-9-]+T[0-9:+-]+ +'"$W"$'/Day 1.playlist\n$' \
-  '^$' playlists
-step 0 $'"name":\t"All Clips",\n\t\t"path":\t"",\n\t\t"clips":\t0,\n\t\t"modified":\tnull' '^$' playlists --json
+step 0 $'^NAME +CLIPS +MODIFIED +PATH\nAll Clips +0  -\nBest +1  [0-9-]+T[0-9:+-]+ +'"$W"$'/Best.playlist\nDay 1 +2  [0-9-]+T[0-9:+-]+ +'"$W"$'/Day 1.playlist\n$' \
+  '^$' playlists --wide
+step 0 $'"name":\t"All Clips",\n\t\t"clips":\t0,\n\t\t"modified":\tnull,\n\t\t"path":\t""' '^$' playlists --json
 step 0 $'"playlists":\t\\{\n\t\t"segment":\t"'"$P"$'.playlists",\n\t\t"read":\ttrue,\n\t\t"valid":\ttrue,\n\t\t"count":\t2,\n\t\t"imageBytes":\t106655,.*"names":\t\\["Best", "Day 1"\\]' \
   '^$' cache info --json
 step 1 '^$' $'^vorta playlists: no cached playlist has its path in \'nothing\'\n$' playlists remove nothing
@@ -72,7 +76,7 @@ step 0 $'^took over 0 locks left held by processes that ended\n$' '^$' cache rep
 step 0 $'"lock":\t\\{\n\t\t\t"state":\t"free",\n\t\t\t"recorded":\tfalse,\n\t\t\t"takeovers":\t0,\n\t\t\t"mutexMode":\t"0[0-7]+",\n\t\t\t"recordMode":\t"0[0-7]+"\n\t\t\\}' \
   '^$' cache info --json
 step 0 $'^flushed '"$P"$'.clips and '"$P"$'.playlists\n$' '^$' cache flush
-step 0 $'^NAME +CLIPS +MODIFIED +PATH\nAll Clips +0 +- *\n$' '^$' playlists
+step 0 $'^NAME +CLIPS +MODIFIED\nAll Clips +0  -\n$' '^$' playlists
 step 0 'playlist image in '"$P"'.playlists: invalid' '^$' cache info
 step 0 $'^removed 4 of 4 \\('"$P"'.clips, '"$P"'.clips.lock, '"$P"'.playlists, '"$P"$'.playlists.lock\\)\n$' '^$' cache remove
 step 0 '^removed 0 of 4' '^$' cache remove
