@@ -94,7 +94,7 @@ make_hostile_medium() {
     i=$((i + 1))
     name=$(printf '%b.' "$name") && name=${name%.}
     cp "$data/qt/hd1080_p25.mov" "$media/$name"
-    touch -d "2026-01-02 10:0$i:00 UTC" "$media/$name"
+    TZ=UTC touch -d "2026-01-02 10:0$i:00" "$media/$name"
   done <<<"$hostile_names"
   printf '{"name":"Bad","cliplist":["bad\377name.mov","esc\\u001b[2Jred.mov"]}' >"$media/$(printf 'title\033]0;owned\007.playlist')"
   printf '{"name":"Raw","cliplist":["ClipTK1.mov"]}' >"$media/$(printf 'raw\376.playlist')"
