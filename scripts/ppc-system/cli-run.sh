@@ -1,8 +1,8 @@
 #!/bin/bash
 # SPDX-License-Identifier: MIT
-# Runs the vorta tool's command-line cases listed by cli-cases.py, one after
-# the other: inside the PowerPC test guest (as /tests/cli-cases), or on any
-# machine for a look at the list's verdicts.
+# Runs the vorta tool's command-line cases listed by cli-cases.py: inside the
+# PowerPC test guest (as /tests/cli-cases), or on any machine for a look at
+# the list's verdicts.
 #
 #   cli-run.sh [CASES_FILE]        default: /etc/vorta-cli/cases
 #
@@ -18,11 +18,16 @@
 # counts as host only with that reason; any other missing program is a
 # failure.
 #
+# The cases run as many at a time as there are processors (as ctest -j runs
+# them on the host), each case's report printed whole when it ends.
+#
 # Environment: GTEST_FILTER (GoogleTest's syntax, matched against the case
-# names), VORTA_CLI_TIMEOUT_SCALE (ctest's limits are for the host; default 4).
+# names), VORTA_CLI_TIMEOUT_SCALE (ctest's limits are for the host; default 4),
+# VORTA_CLI_JOBS (cases at a time; default: the processors online).
 set -u
-cases=${1:-/etc/vorta-cli/cases}
+cases_file=${1:-/etc/vorta-cli/cases}
 scale=${VORTA_CLI_TIMEOUT_SCALE:-4}
+jobs=${VORTA_CLI_JOBS:-$(nproc 2>/dev/null || echo 1)}
 filter=${GTEST_FILTER:-*}
 declare -A absent=(
   [python3]="needs python3, which the guest has not"
@@ -34,7 +39,7 @@ declare -A absent=(
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/vorta-cli-run.XXXXXX") || exit 1
 trap 'rm -rf "$work"' EXIT
-export BASH_ENV=$work/bash-env VORTA_CLI_MISSING=$work/missing
+export BASH_ENV=$work/bash-env
 cat >"$BASH_ENV" <<'EOF'
 command_not_found_handle() {
   printf '%s\n' "$1" >>"$VORTA_CLI_MISSING"
@@ -65,34 +70,19 @@ now_ms() { ms=$((${EPOCHREALTIME/./} / 1000)); }
 read_text() {
   IFS= read -r -d '' "$1" <"$2" || true
 }
-show() { # show WHY: the verdict's details, as run_cli.cmake gives them
-  echo "$1"
-  echo "--- command: ${args[*]}"
-  echo "--- exit status: $rc"
-  echo "--- stdout:"
-  cat "$work/out"
-  echo "--- stderr:"
-  cat "$work/err"
-}
 
-passed=0 ran=0
-failures=() skips=() host=()
-now_ms
-started=$ms
-
+# run_case DIR: runs the case just read, in the background, with its
+# outputs in DIR; leaves there its report (the lines to print) and its
+# verdict, one line: "pass", "fail", "skip" or "host REASON".
 run_case() {
-  if ! selected "$name"; then return; fi
-  if [ "$kind" = host ]; then
-    host+=("$name: $reason")
-    return
-  fi
-  ran=$((ran + 1))
-  echo "[ RUN      ] $name"
+  local d=$1 limit=$((timeout * scale)) begin took rc verdict=""
+  export VORTA_CLI_MISSING=$d/missing
   : >"$VORTA_CLI_MISSING"
-  local limit=$((timeout * scale)) begin verdict="" took
+  exec >"$d/report"
+  echo "[ RUN      ] $name"
   now_ms
   begin=$ms
-  (cd "$dir" && exec timeout "$limit" "${args[@]}") </dev/null >"$work/out" 2>"$work/err"
+  (cd "$dir" && exec timeout "$limit" "${args[@]}") </dev/null >"$d/out" 2>"$d/err"
   rc=$?
   now_ms
   took=$((ms - begin))
@@ -100,8 +90,8 @@ run_case() {
     verdict="timed out after $limit s"
   elif [ "$kind" = check ]; then
     local out err
-    read_text out "$work/out"
-    read_text err "$work/err"
+    read_text out "$d/out"
+    read_text err "$d/err"
     if [ "$rc" != "$status" ]; then
       verdict="expected exit status $status"
     elif [ -n "$stdout_re" ] && ! [[ $out =~ $stdout_re ]]; then
@@ -112,8 +102,8 @@ run_case() {
       verdict="unexpected output on stderr"
     fi
   elif [ -n "$skip" ] && [ "$rc" = "$skip" ]; then
-    skips+=("$name")
     echo "[  SKIPPED ] $name ($took ms)"
+    echo skip >"$d/verdict"
     return
   elif [ -n "$will_fail" ]; then
     [ "$rc" -ne 0 ] || verdict="expected to fail, but exited 0"
@@ -132,20 +122,67 @@ run_case() {
     if [ ${#missing[@]} -gt 0 ] && [ "$known" -eq 1 ]; then
       local joined
       joined=$(printf '%s; ' "${why[@]}")
-      host+=("$name: ${joined%; }")
-      ran=$((ran - 1))
       echo "[ HOST ONLY ] $name: ${joined%; } ($took ms)"
+      echo "host ${joined%; }" >"$d/verdict"
       return
     fi
   fi
   if [ -n "$verdict" ]; then
-    show "$name: $verdict"
-    failures+=("$name")
+    # The details, as run_cli.cmake gives them.
+    echo "$name: $verdict"
+    echo "--- command: ${args[*]}"
+    echo "--- exit status: $rc"
+    echo "--- stdout:"
+    cat "$d/out"
+    echo "--- stderr:"
+    cat "$d/err"
     echo "[  FAILED  ] $name ($took ms)"
+    echo fail >"$d/verdict"
   else
-    passed=$((passed + 1))
     echo "[       OK ] $name ($took ms)"
+    echo pass >"$d/verdict"
   fi
+}
+
+passed=0 ran=0 cases=0
+failures=() skips=() host=()
+declare -A running=() # pid -> the case's directory
+now_ms
+started=$ms
+
+# Prints a finished case's report and counts its verdict.
+collect() {
+  local d=$1 name verdict reason=""
+  name=$(<"$d/name")
+  read -r verdict reason <"$d/verdict" || verdict="fail"
+  cat "$d/report"
+  case "$verdict" in
+    pass) passed=$((passed + 1)) ran=$((ran + 1)) ;;
+    skip) skips+=("$name") ran=$((ran + 1)) ;;
+    host) host+=("$name: $reason") ;;
+    *) failures+=("$name") ran=$((ran + 1)) ;;
+  esac
+  rm -rf "$d"
+}
+finish_one() {
+  local pid
+  wait -n -p pid
+  collect "${running[$pid]}"
+  unset "running[$pid]"
+}
+start_case() {
+  if ! selected "$name"; then return; fi
+  if [ "$kind" = host ]; then
+    host+=("$name: $reason")
+    return
+  fi
+  while [ ${#running[@]} -ge "$jobs" ]; do finish_one; done
+  cases=$((cases + 1))
+  local d=$work/$cases
+  mkdir "$d"
+  printf '%s' "$name" >"$d/name"
+  run_case "$d" &
+  running[$!]=$d
 }
 
 reset() {
@@ -155,7 +192,7 @@ reset() {
 reset
 while IFS= read -r line || [ -n "$line" ]; do
   if [ -z "$line" ]; then
-    [ -n "$name" ] && run_case
+    [ -n "$name" ] && start_case
     reset
     continue
   fi
@@ -175,10 +212,11 @@ while IFS= read -r line || [ -n "$line" ]; do
     will_fail) will_fail=$value ;;
     reason) reason=$value ;;
     arg) args+=("$value") ;;
-    *) echo "cli-run: $cases: unknown key '$key'" >&2 && exit 1 ;;
+    *) echo "cli-run: $cases_file: unknown key '$key'" >&2 && exit 1 ;;
   esac
-done <"$cases"
-[ -n "$name" ] && run_case
+done <"$cases_file"
+[ -n "$name" ] && start_case
+while [ ${#running[@]} -gt 0 ]; do finish_one; done
 
 plural() { [ "$1" -eq 1 ] && echo "$1 $2" || echo "$1 ${2}s"; }
 echo
