@@ -65,7 +65,7 @@ any_of() { # any_of NAME GLOBS
 selected() { any_of "$1" "$positive" && { [ -z "$negative" ] || ! any_of "$1" "$negative"; }; }
 
 # Milliseconds, in MS, without a subshell: every fork costs under emulation.
-now_ms() { ms=$((${EPOCHREALTIME/./} / 1000)); }
+now_ms() { ms=$((10#${EPOCHREALTIME/./} / 1000)); }
 # read_text NAME FILE: sets NAME to the file's text, trailing newlines kept.
 read_text() {
   IFS= read -r -d '' "$1" <"$2" || true
@@ -82,7 +82,7 @@ run_case() {
   echo "[ RUN      ] $name"
   now_ms
   begin=$ms
-  (cd "$dir" && exec timeout "$limit" "${args[@]}") </dev/null >"$d/out" 2>"$d/err"
+  (cd "$dir" && exec timeout -k 10 "$limit" "${args[@]}") </dev/null >"$d/out" 2>"$d/err"
   rc=$?
   now_ms
   took=$((ms - begin))
