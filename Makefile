@@ -7,8 +7,8 @@
 #   make test-asan   the test suite under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make test-ppc    the test suite built for the recorder's 32-bit big-endian
 #                    PowerPC and run under qemu-user
-#   make test-ppc-system  the process, cache, lock, daemon, sleep, burn-in and
-#                    other unit tests on a PowerPC kernel under qemu-system-ppc
+#   make test-ppc-system  every test binary and the tool's command-line cases
+#                    on a PowerPC kernel under qemu-system-ppc
 #   make package     the Debian packages libvorta0, libvorta-dev and vorta, in
 #                    build/package (make package-ppc: the same for PowerPC)
 #   make bench       run the benchmarks
@@ -66,9 +66,11 @@ test-ppc: deps-ppc
 	@ctest --preset ppc
 	@bash scripts/ctest-skips.sh build/ppc
 
-# The kernel is built once per machine and cached outside the build tree
-# (see scripts/ppc-system.sh); PPC_SYSTEM_FLAGS passes options to the script,
-# e.g. PPC_SYSTEM_FLAGS="--only test_process --filter 'Daemonizer.*'".
+# The kernel is built once per machine and cached outside the build tree,
+# the guest's busybox and bash once into build/ppc-staging (see
+# scripts/ppc-system.sh); PPC_SYSTEM_FLAGS passes options to the script,
+# e.g. PPC_SYSTEM_FLAGS="--only test_process --filter 'Daemonizer.*'" or
+# PPC_SYSTEM_FLAGS="--only cli".
 test-ppc-system: deps-ppc
 	@bash scripts/install-deps.sh ppc-system
 	@bash scripts/ppc-system.sh $(PPC_SYSTEM_FLAGS)

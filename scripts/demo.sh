@@ -31,7 +31,7 @@ for entry in \
   name=${entry%%:*}
   fixture=${entry#*:}
   cp "$clips/$fixture" "$media/$name"
-  touch -d "2026-11-22 09:00:00 UTC + $((i * 7)) minutes" "$media/$name"
+  TZ=UTC touch -d "$(printf '2026-11-22 09:%02d:00' $((i * 7)))" "$media/$name"
   i=$((i + 1))
 done
 printf '%s' '{"name":"Reel 1","cliplist":["SC12ATK2.mov","ClipTK1.mov","SC12ATK1.mov"]}' > "$media/Reel 1.playlist"

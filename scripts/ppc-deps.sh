@@ -5,7 +5,13 @@
 # source packages: cJSON, the ANTLR 3 C runtime (libantlr3c) and GoogleTest.
 # Boost is header-only for vorta: the host's headers are linked in.
 #
-#   scripts/ppc-deps.sh [STAGING]     default: build/ppc-staging
+#   scripts/ppc-deps.sh [--guest-tools] [STAGING]     default: build/ppc-staging
+#
+# --guest-tools also builds, static, the shell and utilities of the PowerPC
+# test guest (scripts/ppc-system.sh) into STAGING/guest: busybox with Debian's
+# busybox-static configuration (its sh runs the library's shell commands; its
+# applets are the utilities of the tool's test scripts) and bash (the tool's
+# test scripts are bash scripts: arrays, here-strings, mapfile).
 #
 # Idempotent: a dependency whose stamp matches is not rebuilt, and the
 # source packages are fetched only once (into build/ppc-deps). Needs the
@@ -14,6 +20,11 @@
 set -eEuo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
+guest_tools=0
+if [ "${1:-}" = --guest-tools ]; then
+  guest_tools=1
+  shift
+fi
 staging=$(realpath -m "${1:-build/ppc-staging}")
 work=$root/build/ppc-deps
 toolchain=$root/cmake/toolchain-ppc32.cmake
@@ -64,8 +75,8 @@ stamp_set() { printf '%s\n' "$2" >"$staging/.stamps/$1"; }
 # add the source twin of every Debian entry the machine has, once.
 ensure_deb_src() {
   local known
-  known=$(apt-cache showsrc cjson libantlr3c 2>/dev/null || true)
-  if [ "$(grep -c '^Package:' <<<"$known")" -ge 2 ]; then
+  known=$(apt-cache showsrc cjson libantlr3c busybox bash 2>/dev/null || true)
+  if [ "$(grep -c '^Package:' <<<"$known")" -ge 4 ]; then
     return
   fi
   step="adding deb-src entries for apt"
@@ -127,40 +138,46 @@ cmake_cross() {
     -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$staging" -DCMAKE_INSTALL_LIBDIR=lib "$@"
 }
 
+# from_source PACKAGE LABEL FOR BUILD FILE...: runs the function BUILD in
+# the package's extracted source tree ($src) and stamps it, unless the stamp
+# matches the package's version and every FILE it makes exists.
+from_source() {
+  local pkg=$1 label=$2 target=$3 build=$4 file fresh=1
+  shift 4
+  log=$work/logs/$pkg.log
+  : >"$log"
+  key="recipe=$recipe $(dsc_version "$pkg")"
+  stamp_ok "$pkg" "$key" || fresh=0
+  for file in "$@"; do [ -f "$file" ] || fresh=0; done
+  if [ "$fresh" -eq 1 ]; then
+    say "$label: up to date"
+    return
+  fi
+  say "$label: building for $target"
+  source_tree "$pkg"
+  key="recipe=$recipe $(dsc_version "$pkg")"
+  step="building $label (log: $log)"
+  "$build"
+  cd "$root"
+  stamp_set "$pkg" "$key"
+}
+
 # --- Boost: headers only, the host's are byte-order neutral.
 step="linking the Boost headers"
 ln -sfn /usr/include/boost "$staging/include/boost"
 
 # --- cJSON
-log=$work/logs/cjson.log
-: >"$log"
-key="recipe=$recipe $(dsc_version cjson)"
-if stamp_ok cjson "$key" && [ -f "$staging/lib/libcjson.so" ]; then
-  say "cJSON: up to date"
-else
-  say "cJSON: building for the target"
-  source_tree cjson
-  key="recipe=$recipe $(dsc_version cjson)"
-  step="building cJSON (log: $log)"
+build_cjson() {
   rm -rf "$work/build-cjson"
   quiet cmake_cross -S "$src" -B "$work/build-cjson" \
     -DENABLE_CJSON_TEST=OFF -DENABLE_CJSON_UTILS=ON -DBUILD_SHARED_AND_STATIC_LIBS=ON
   quiet cmake --build "$work/build-cjson" -j "$jobs"
   quiet cmake --install "$work/build-cjson"
-  stamp_set cjson "$key"
-fi
+}
+from_source cjson cJSON "the target" build_cjson "$staging/lib/libcjson.so"
 
 # --- The ANTLR 3 C runtime, configured for 32-bit pointers.
-log=$work/logs/libantlr3c.log
-: >"$log"
-key="recipe=$recipe $(dsc_version libantlr3c)"
-if stamp_ok libantlr3c "$key" && [ -f "$staging/lib/libantlr3c.so" ]; then
-  say "libantlr3c: up to date"
-else
-  say "libantlr3c: building for the target"
-  source_tree libantlr3c
-  key="recipe=$recipe $(dsc_version libantlr3c)"
-  step="building libantlr3c (log: $log)"
+build_libantlr3c() {
   # The release tarball's build files are incomplete (antlr3convertutf.c is
   # missing from the generated Makefile): regenerate them.
   cd "$src"
@@ -170,9 +187,8 @@ else
     --disable-64bit --disable-abiflags --disable-antlrdebug
   quiet make -j "$jobs"
   quiet make install
-  cd "$root"
-  stamp_set libantlr3c "$key"
-fi
+}
+from_source libantlr3c libantlr3c "the target" build_libantlr3c "$staging/lib/libantlr3c.so"
 # Whatever was built, the staged runtime must be the 32-bit one: its
 # markers and keys hold pointers. Checked with the staging headers first,
 # exactly as the project's own build includes them.
@@ -207,6 +223,40 @@ else
   quiet cmake --build "$work/build-googletest" -j "$jobs"
   quiet cmake --install "$work/build-googletest"
   stamp_set googletest "$key"
+fi
+
+# --- The test guest's shell and utilities, static.
+if [ "$guest_tools" -eq 1 ]; then
+  guest=$staging/guest
+  mkdir -p "$guest"
+  build_busybox() {
+    # Debian's busybox-static configuration, as it stands. It has no
+    # `script` applet, which suits a guest without a terminal: a test that
+    # looks for one finds none, as it should.
+    cp "$src/debian/config/pkg/static" "$src/.config"
+    quiet make -C "$src" CROSS_COMPILE=powerpc-linux-gnu- silentoldconfig </dev/null
+    grep -qx 'CONFIG_STATIC=y' "$src/.config"
+    quiet make -C "$src" CROSS_COMPILE=powerpc-linux-gnu- -j "$jobs" busybox busybox.links
+    cp "$src/busybox" "$src/busybox.links" "$guest/"
+  }
+  from_source busybox busybox "the test guest" build_busybox "$guest/busybox" "$guest/busybox.links"
+
+  build_bash() {
+    cd "$src"
+    quiet ./configure --host=powerpc-linux-gnu --build="$(dpkg-architecture -qDEB_BUILD_GNU_TYPE)" \
+      --prefix=/usr --enable-static-link --without-bash-malloc --disable-nls
+    quiet make -j "$jobs"
+    cp bash "$guest/bash"
+  }
+  from_source bash bash "the test guest" build_bash "$guest/bash"
+
+  step="checking the guest's tools"
+  for tool in busybox bash; do
+    if powerpc-linux-gnu-readelf -d "$guest/$tool" 2>/dev/null | grep -q '(NEEDED)'; then
+      say "$guest/$tool is not static"
+      exit 1
+    fi
+  done
 fi
 
 say "staging prefix ready: $staging"

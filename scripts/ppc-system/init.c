@@ -3,14 +3,18 @@
 // scripts/ppc-system.sh boots under qemu-system-ppc.
 //
 // It mounts what the tests use (proc, sysfs, devtmpfs, tmpfs on /dev/shm),
-// opens /tmp to everyone, runs every GoogleTest binary listed in /etc/vorta-tests once, copies
-// their output to the serial console while counting passed, failed and
-// skipped tests from GoogleTest's summary lines, prints
+// opens /tmp to everyone, runs every program listed in /etc/vorta-tests once
+// (the GoogleTest binaries, then /tests/cli-cases, the runner of the tool's
+// command-line cases, which reports the same way), copies their output to the
+// serial console while counting passed, failed and skipped tests from
+// GoogleTest's summary lines and host-only cases from the runner's
+// "[ HOST ONLY ]" lines, prints a summary with one line per program and the
+// host-only cases with their reasons, ending in
 //
 //   N skipped
 //   N passed, N failed
 //
-// and powers the machine off. A binary that ends without its summary (a
+// and powers the machine off. A program that ends without its summary (a
 // crash, a signal, a time-out) counts as one failed test.
 //
 // Settings come from the kernel command line, which hands unknown name=value
@@ -68,6 +72,12 @@ static void setUp(void) {
     if (console > STDERR_FILENO) close(console);
   }
   mountOrSay("proc", "/proc", "proc", NULL);
+  // What a shell expects beside the devices: bash's process substitution
+  // reads /dev/fd/N.
+  symlink("/proc/self/fd", "/dev/fd");
+  symlink("/proc/self/fd/0", "/dev/stdin");
+  symlink("/proc/self/fd/1", "/dev/stdout");
+  symlink("/proc/self/fd/2", "/dev/stderr");
   mountOrSay("sysfs", "/sys", "sysfs", NULL);
   mountOrSay("tmpfs", "/dev/shm", "tmpfs", "mode=1777");
   // /tmp stays the initramfs's own directory, already in memory: a checkout
@@ -82,6 +92,8 @@ static void setUp(void) {
   setenv("HOME", "/root", 1);
   setenv("TMPDIR", "/tmp", 1);
   setenv("TERM", "dumb", 1);
+  // GoogleTest's colours would only garble the console log.
+  setenv("GTEST_COLOR", "no", 1);
   // The cross build's tests expect to be started by qemu-user; here they run
   // on a real PowerPC kernel, and say so to the test that checks the answer.
   setenv("VORTA_TEST_RUN_BY_EMULATOR", "0", 1);
@@ -93,15 +105,33 @@ static void setUp(void) {
 }
 
 struct Counts {
-  int ran, passed, failed, skipped;
+  int ran, passed, failed, skipped, hostOnly;
   int sawSummary;
+  double seconds;
 };
+
+// The host-only cases' lines, kept for the summary.
+#define HOST_ONLY_TEXT 16384
+static char hostOnlyLines[HOST_ONLY_TEXT];
+static size_t hostOnlyUsed;
+
+static void keepHostOnlyLine(const char* line) {
+  const size_t length = strlen(line);
+  if (hostOnlyUsed + length + 2 > sizeof hostOnlyLines) return;
+  memcpy(hostOnlyLines + hostOnlyUsed, line, length);
+  hostOnlyUsed += length;
+  hostOnlyLines[hostOnlyUsed++] = '\n';
+  hostOnlyLines[hostOnlyUsed] = '\0';
+}
 
 // Reads GoogleTest's summary lines:
 //   [==========] 12 tests from 3 test suites ran. (40 ms total)
 //   [  PASSED  ] 10 tests.
 //   [  SKIPPED ] 1 test, listed below:
 //   [  FAILED  ] 1 test, listed below:
+// and the CLI runner's
+//   [ HOST ONLY ] 2 cases, listed below:
+//   [ HOST ONLY ] cli.name: reason
 // Per-test lines ("[  FAILED  ] Suite.Name") carry no number and are ignored.
 static void readLine(const char* line, struct Counts* counts) {
   int n = 0;
@@ -114,13 +144,17 @@ static void readLine(const char* line, struct Counts* counts) {
     counts->skipped = n;
   } else if (sscanf(line, "[  FAILED  ] %d test", &n) == 1) {
     counts->failed = n;
+  } else if (sscanf(line, "[ HOST ONLY ] %d case", &n) == 1) {
+    counts->hostOnly = n;
+  } else if (counts->sawSummary && strncmp(line, "[ HOST ONLY ] ", 14) == 0) {
+    keepHostOnlyLine(line);
   }
 }
 
-// Runs one test binary in its own process group with its output on a pipe,
+// Runs one test program in its own process group with its output on a pipe,
 // copied to the console and scanned line by line.
 static struct Counts runBinary(const char* path, double limit) {
-  struct Counts counts = {0, 0, 0, 0, 0};
+  struct Counts counts = {0, 0, 0, 0, 0, 0, 0.0};
   int out[2];
   if (pipe2(out, O_CLOEXEC) != 0) {
     say("init: pipe: %s\n", strerror(errno));
@@ -137,7 +171,7 @@ static struct Counts runBinary(const char* path, double limit) {
     setpgid(0, 0);
     dup2(out[1], STDOUT_FILENO);
     dup2(out[1], STDERR_FILENO);
-    char* const argv[] = {(char*)path, (char*)"--gtest_color=no", NULL};
+    char* const argv[] = {(char*)path, NULL};
     execv(path, argv);
     dprintf(STDERR_FILENO, "init: cannot run %s: %s\n", path, strerror(errno));
     _exit(127);
@@ -199,7 +233,7 @@ static struct Counts runBinary(const char* path, double limit) {
   while (waitpid(-1, NULL, WNOHANG) > 0) {
   }
 
-  const double seconds = now() - start;
+  counts.seconds = now() - start;
   if (timedOut) {
     counts.failed += 1;
   } else if (!counts.sawSummary || !WIFEXITED(status) || (WEXITSTATUS(status) != 0 && counts.failed == 0)) {
@@ -212,7 +246,7 @@ static struct Counts runBinary(const char* path, double limit) {
     counts.failed += 1;
   }
   say("init: %s: %d passed, %d failed, %d skipped in %.1f s\n", path, counts.passed, counts.failed,
-      counts.skipped, seconds);
+      counts.skipped, counts.seconds);
   return counts;
 }
 
@@ -240,17 +274,30 @@ int main(void) {
     fclose(list);
   }
 
-  struct Counts total = {0, 0, 0, 0, 0};
+  struct Counts total = {0, 0, 0, 0, 0, 0, 0.0};
+  static struct Counts each[MAX_TESTS];
   const double start = now();
   if (count == 0) total.failed = 1;
   for (int i = 0; i < count; ++i) {
     say("\ninit: === %s\n", tests[i]);
-    const struct Counts c = runBinary(tests[i], limit);
-    total.passed += c.passed;
-    total.failed += c.failed;
-    total.skipped += c.skipped;
+    each[i] = runBinary(tests[i], limit);
+    total.passed += each[i].passed;
+    total.failed += each[i].failed;
+    total.skipped += each[i].skipped;
+    total.hostOnly += each[i].hostOnly;
   }
-  say("\ninit: %d binaries in %.1f s\n", count, now() - start);
+  say("\ninit: summary, %d programs in %.1f s\n", count, now() - start);
+  for (int i = 0; i < count; ++i) {
+    const char* slash = strrchr(tests[i], '/');
+    say("  %s: %d passed, %d failed, %d skipped", slash != NULL ? slash + 1 : tests[i], each[i].passed,
+        each[i].failed, each[i].skipped);
+    if (each[i].hostOnly > 0) say(", %d host only", each[i].hostOnly);
+    say(" (%.1f s)\n", each[i].seconds);
+  }
+  if (total.hostOnly > 0) {
+    say("init: %d cases keep their host runs only:\n", total.hostOnly);
+    say("%s", hostOnlyLines);
+  }
   say("%d skipped\n", total.skipped);
   say("%d passed, %d failed\n", total.passed, total.failed);
   sync();

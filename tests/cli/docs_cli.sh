@@ -99,9 +99,12 @@ completion)
   expect "take" vorta param --params p.json set tak
   expect "" vorta param list ""
   expect "24 25 30 30df 50 60 60df" vorta tc --format ""
-  expect "30 30df" vorta burn --format 3
-  expect "argb rgb10 rgba v210 ycbcr8" vorta burn --pixel ""
-  expect "counter dashes timecode userbits" vorta burn --mode ""
+  # burn only where the tool was built with libpng (not the PowerPC cross build).
+  if printf '%s\n' "${commands[@]}" | grep -qx burn; then
+    expect "30 30df" vorta burn --format 3
+    expect "argb rgb10 rgba v210 ycbcr8" vorta burn --pixel ""
+    expect "counter dashes timecode userbits" vorta burn --mode ""
+  fi
   # A command's options, and the words an option's value or the first argument is one of.
   expect "--clip-lock --clip-segment --clips" vorta cache --cl
   expect "clip playlist" vorta cache --lock ""

@@ -7,7 +7,7 @@
 # Python's csv, TSV with a split at tabs, each with the table's header, one
 # row a clip, and the name back from its escapes.
 . "$(dirname "$0")/face/common.sh"
-command -v python3 >/dev/null || fail "python3 is needed"
+python3 -c "" || fail "python3 is needed"
 
 make_hostile_medium
 mkdir -p "$work/runs"

@@ -37,8 +37,8 @@ expect() {  # expect NAME EXPECTED_REGEX OUTPUT
 
 cp "$data/qt/hd1080_p25.mov" "$media/ClipTK1.mov"
 cp "$data/qt/prores_proxy_25.mov" "$media/ClipTK2.mov"
-touch -d "2026-01-01 10:00:00 UTC" "$media/ClipTK1.mov"
-touch -d "2026-01-01 11:00:00 UTC" "$media/ClipTK2.mov"
+TZ=UTC touch -d "2026-01-01 10:00:00" "$media/ClipTK1.mov"
+TZ=UTC touch -d "2026-01-01 11:00:00" "$media/ClipTK2.mov"
 printf '%s' '{"name":"Reel","cliplist":["ClipTK2.mov","ClipTK1.mov"]}' > "$media/Reel.playlist"
 mkfifo "$media/fifo.mov" "$media/fifo.MOV" "$media/fifo.playlist" "$media/held.mov"
 # A writer that holds held.mov open and never writes: reading it would wait.

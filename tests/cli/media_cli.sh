@@ -35,8 +35,8 @@ expect() {  # expect NAME EXPECTED_REGEX OUTPUT
 cp "$data/qt/hd1080_p25.mov" "$media/ClipTK1.mov"
 cp "$data/qt/hd720_p5994.mov" "$media/ClipTK2.mov"
 cp "$data/qt/dnxhd_720p23976.mov" "$media/Dnx.mov"
-touch -d "2026-01-01 10:00:00 UTC" "$media/ClipTK1.mov"
-touch -d "2026-01-01 11:00:00 UTC" "$media/ClipTK2.mov"
+TZ=UTC touch -d "2026-01-01 10:00:00" "$media/ClipTK1.mov"
+TZ=UTC touch -d "2026-01-01 11:00:00" "$media/ClipTK2.mov"
 printf '%s' '{"name":"Reel","cliplist":["ClipTK2.mov","ClipTK1.mov","Gone.mov"]}' > "$media/Reel.playlist"
 printf '%s' '{"name":"Bad","cliplist":[1]}' > "$media/Bad.playlist"
 

@@ -69,8 +69,8 @@ json_check() {
 make_medium() {
   cp "$data/qt/hd1080_p25.mov" "$media/ClipTK1.mov"
   cp "$data/qt/hd720_p5994.mov" "$media/ClipTK2.mov"
-  touch -d "2026-01-01 10:00:00 UTC" "$media/ClipTK1.mov"
-  touch -d "2026-01-01 11:00:00 UTC" "$media/ClipTK2.mov"
+  TZ=UTC touch -d "2026-01-01 10:00:00" "$media/ClipTK1.mov"
+  TZ=UTC touch -d "2026-01-01 11:00:00" "$media/ClipTK2.mov"
   printf '%s' '{"name":"Reel","cliplist":["ClipTK2.mov","ClipTK1.mov"]}' >"$media/Reel.playlist"
   p param set media-dir "$media" >/dev/null || fail "param set media-dir"
   p param set encode-type 1 >/dev/null || fail "param set encode-type"
@@ -94,7 +94,7 @@ make_hostile_medium() {
     i=$((i + 1))
     name=$(printf '%b.' "$name") && name=${name%.}
     cp "$data/qt/hd1080_p25.mov" "$media/$name"
-    touch -d "2026-01-02 10:0$i:00 UTC" "$media/$name"
+    TZ=UTC touch -d "2026-01-02 10:0$i:00" "$media/$name"
   done <<<"$hostile_names"
   printf '{"name":"Bad","cliplist":["bad\377name.mov","esc\\u001b[2Jred.mov"]}' >"$media/$(printf 'title\033]0;owned\007.playlist')"
   printf '{"name":"Raw","cliplist":["ClipTK1.mov"]}' >"$media/$(printf 'raw\376.playlist')"
