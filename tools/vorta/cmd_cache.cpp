@@ -50,31 +50,6 @@ const char* lockKind(const MediaCache::LockState& lock) {
   }
 }
 
-// A process start time in clock ticks after boot as an ISO 8601 local time
-// with its zone; empty when the boot time cannot be read.
-std::string startTimeText(std::uint64_t ticks) {
-  std::ifstream stat("/proc/stat");
-  std::string key;
-  long long boot = -1;
-  while (stat >> key) {
-    if (key == "btime") {
-      stat >> boot;
-      break;
-    }
-    stat.ignore(1 << 20, '\n');
-  }
-  const long hertz = sysconf(_SC_CLK_TCK);
-  if (boot < 0 || hertz <= 0 || ticks == 0) return "";
-  const std::time_t when = static_cast<std::time_t>(boot + static_cast<long long>(ticks / hertz));
-  std::tm local;
-  if (localtime_r(&when, &local) == nullptr) return "";
-  char text[64];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local);
-  std::string out = text;
-  if (out.size() > 5) out.insert(out.size() - 2, ":");  // +0100 -> +01:00
-  return out;
-}
-
 std::string modeText(unsigned mode) {
   char text[8];
   std::snprintf(text, sizeof text, "%04o", mode & 07777);
@@ -83,8 +58,9 @@ std::string modeText(unsigned mode) {
 
 std::string holderText(const MediaCache::LockState& lock) {
   std::string text = "pid " + std::to_string(lock.pid);
-  const std::string started = startTimeText(lock.startTime);
-  if (!started.empty()) text += ", started " + started;
+  if (!lock.program.empty()) text += " (" + lock.program + ")";
+  if (lock.heldSeconds >= 0)
+    text += " for " + std::to_string(static_cast<long long>(lock.heldSeconds)) + " s";
   return text;
 }
 
@@ -95,8 +71,12 @@ std::string lockText(const MediaCache::LockState& lock) {
       text = "lock free";
       break;
     case MediaCache::LockState::Held:
-      if (lock.recorded && lock.pid > 0)
-        text = "lock held by " + holderText(lock) + " (alive)";
+      if (lock.pid > 0)
+        text = "lock held by " + holderText(lock);
+      else if (lock.endedMidway > 0)
+        text = "lock held by a process outside this library, or left by pid " +
+               std::to_string(lock.endedMidway) +
+               ", which ended while taking or releasing it (waited for, never taken over)";
       else
         text = "lock held by a process outside this library (waited for, never taken over)";
       break;
@@ -108,7 +88,6 @@ std::string lockText(const MediaCache::LockState& lock) {
       text = "lock state unknown";
   }
   text += "; mutex mode " + (lock.mutexMode != 0 ? modeText(lock.mutexMode) : std::string("unknown"));
-  text += ", owner record mode " + (lock.recordMode != 0 ? modeText(lock.recordMode) : std::string("none"));
   if (lock.takeovers > 0) text += ", " + std::to_string(lock.takeovers) + " taken over so far";
   return text;
 }
@@ -188,17 +167,16 @@ cJSON* jsonInfo(const ImageInfo& info) {
   cJSON* lock = cJSON_AddObjectToObject(item, "lock");
   cJSON_AddStringToObject(lock, "state", lockKind(info.lock));
   if (info.lock.pid > 0) cJSON_AddNumberToObject(lock, "pid", info.lock.pid);
-  cJSON_AddBoolToObject(lock, "recorded", info.lock.recorded);
-  if (info.lock.recorded) {
-    cJSON_AddBoolToObject(lock, "alive", info.lock.alive);
-    const std::string started = startTimeText(info.lock.startTime);
-    if (!started.empty()) cJSON_AddStringToObject(lock, "startTime", started.c_str());
+  cJSON_AddBoolToObject(lock, "recorded", info.lock.pid > 0);
+  if (info.lock.pid > 0) {
+    cJSON_AddStringToObject(lock, "program", info.lock.program.c_str());
+    if (info.lock.heldSeconds >= 0) cJSON_AddNumberToObject(lock, "heldSeconds", info.lock.heldSeconds);
   }
+  if (info.lock.waiter > 0) cJSON_AddNumberToObject(lock, "waiter", info.lock.waiter);
+  if (info.lock.endedMidway > 0) cJSON_AddNumberToObject(lock, "endedMidway", info.lock.endedMidway);
   cJSON_AddNumberToObject(lock, "takeovers", info.lock.takeovers);
   if (info.lock.mutexMode != 0)
     cJSON_AddStringToObject(lock, "mutexMode", modeText(info.lock.mutexMode).c_str());
-  if (info.lock.recordMode != 0)
-    cJSON_AddStringToObject(lock, "recordMode", modeText(info.lock.recordMode).c_str());
   cJSON* names = cJSON_AddArrayToObject(item, "names");
   for (const std::string& name : info.names) cJSON_AddItemToArray(names, cJSON_CreateString(name.c_str()));
   return item;
@@ -346,12 +324,12 @@ const Command kCache{
     "a 4000-clip segment is 26 MB of address space, but memory is only used for\n"
     "what is written. 'info' shows whether each image is valid, its count, its\n"
     "size, the names in it, who holds its lock (pid, start time, alive or gone)\n"
-    "and the modes of its mutex and owner record. 'flush' invalidates both\n"
+    "and the mode of its mutex. 'flush' invalidates both\n"
     "images. A lock left held by a process that has provably ended is taken\n"
     "over by the next process that uses the cache; 'repair' does that at once.\n"
     "A holder outside this library is always waited for. 'hold' holds one lock\n"
     "for --seconds, to see what others see meanwhile. 'remove' deletes the\n"
-    "segments, mutexes and owner records from the system.",
+    "segments and mutexes from the system.",
     cacheOptions(),
     run,
     1,
