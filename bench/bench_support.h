@@ -73,8 +73,21 @@ inline uint32_t be32(const unsigned char* p) {
   return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | uint32_t(p[3]);
 }
 
+/// True when the moov body holds an 'mvex' child: a fragmented movie.
+inline bool holdsMovieExtends(const std::vector<unsigned char>& moov) {
+  std::size_t at = 0;
+  while (moov.size() - at >= 8) {
+    const uint32_t size = be32(moov.data() + at);
+    if (be32(moov.data() + at + 4) == 0x6D766578) return true;  // 'mvex'
+    if (size < 8 || size > moov.size() - at) return false;
+    at += size;
+  }
+  return false;
+}
+
 /// The least any scanner must do: stat, open, read the top-level atom
-/// headers up to the moov, read the whole moov, close.
+/// headers up to the moov, read the whole moov, and for a fragmented movie
+/// the headers after it and every moof whole; close.
 inline std::size_t ioFloor(const std::string& path, std::vector<unsigned char>& moov) {
   struct stat st;
   if (stat(path.c_str(), &st) != 0) return 0;
@@ -83,6 +96,8 @@ inline std::size_t ioFloor(const std::string& path, std::vector<unsigned char>& 
   const uint64_t size = static_cast<uint64_t>(st.st_size);
   uint64_t offset = 0;
   std::size_t got = 0;
+  bool fragments = false;
+  std::vector<unsigned char> moof;
   while (size - offset >= 8) {
     unsigned char h[16];
     if (pread(fd, h, 16, static_cast<off_t>(offset)) < 8) break;
@@ -95,11 +110,17 @@ inline std::size_t ioFloor(const std::string& path, std::vector<unsigned char>& 
       atomSize = size - offset;
     }
     if (atomSize < header || atomSize > size - offset) break;
-    if (be32(h + 4) == 0x6D6F6F76) {  // 'moov'
+    const uint32_t type = be32(h + 4);
+    if (!fragments && type == 0x6D6F6F76) {  // 'moov'
       moov.resize(static_cast<std::size_t>(atomSize - header));
       const ssize_t n = pread(fd, moov.data(), moov.size(), static_cast<off_t>(offset + header));
       got = n > 0 ? static_cast<std::size_t>(n) : 0;
-      break;
+      if (!holdsMovieExtends(moov)) break;
+      fragments = true;
+    } else if (fragments && type == 0x6D6F6F66) {  // 'moof'
+      moof.resize(static_cast<std::size_t>(atomSize - header));
+      const ssize_t n = pread(fd, moof.data(), moof.size(), static_cast<off_t>(offset + header));
+      got += n > 0 ? static_cast<std::size_t>(n) : 0;
     }
     offset += atomSize;
   }

@@ -90,17 +90,83 @@ file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/debian-copyright
   "Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/\n"
   "Upstream-Name: ${PROJECT_NAME}\n\n"
   "Files: *\nCopyright: ${_vorta_holder}\nLicense: MIT\n ${_vorta_terms}\n")
+
+# The packages' maintainer, in the changelog and the Maintainer field. By
+# default the person Debian's own tools would name (DEBFULLNAME and DEBEMAIL,
+# as dch takes them), else a placeholder; whoever publishes the packages sets
+# it: cmake -DVORTA_DEB_MAINTAINER="Name <address>".
+if(NOT "$ENV{DEBFULLNAME}" STREQUAL "" AND NOT "$ENV{DEBEMAIL}" STREQUAL "")
+  set(_vorta_maintainer "$ENV{DEBFULLNAME} <$ENV{DEBEMAIL}>")
+else()
+  set(_vorta_maintainer "The vorta authors <vorta@example.org>")
+endif()
+set(VORTA_DEB_MAINTAINER "${_vorta_maintainer}" CACHE STRING "Maintainer of the Debian packages (\"Name <address>\")")
+set(VORTA_DEB_REVISION 1)
+
+# Each package's changelogs, as Debian keeps them: the project's own
+# (CHANGELOG.md) as changelog.gz, and changelog.Debian.gz, one entry for the
+# packaging of this version. The entry's date is SOURCE_DATE_EPOCH when set,
+# else the time of the checkout's last commit, else now, so that packages
+# built from one commit are alike.
+set(_vorta_epoch "$ENV{SOURCE_DATE_EPOCH}")
+if(_vorta_epoch STREQUAL "")
+  find_package(Git QUIET)
+  if(GIT_FOUND)
+    execute_process(COMMAND ${GIT_EXECUTABLE} log -1 --format=%ct
+      WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+      OUTPUT_VARIABLE _vorta_epoch OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+  endif()
+endif()
+# string(TIMESTAMP) takes its time from SOURCE_DATE_EPOCH when that is set.
+if("$ENV{SOURCE_DATE_EPOCH}" STREQUAL "" AND _vorta_epoch MATCHES "^[0-9]+$")
+  set(ENV{SOURCE_DATE_EPOCH} ${_vorta_epoch})
+  string(TIMESTAMP _vorta_deb_date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+  unset(ENV{SOURCE_DATE_EPOCH})
+else()
+  string(TIMESTAMP _vorta_deb_date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+endif()
+file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/debian-changelog
+  "${PROJECT_NAME} (${PROJECT_VERSION}-${VORTA_DEB_REVISION}) unstable; urgency=medium\n\n"
+  "  * Packages of ${PROJECT_NAME} ${PROJECT_VERSION}, made by CPack from the project's\n"
+  "    own install rules; the changes of the release are in changelog.gz.\n\n"
+  " -- ${VORTA_DEB_MAINTAINER}  ${_vorta_deb_date}\n")
+# gzip -n: no name or time in the header, as Debian asks.
+set(_vorta_changelogs ${CMAKE_CURRENT_BINARY_DIR}/changelog.gz ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz)
+add_custom_command(
+  OUTPUT ${_vorta_changelogs}
+  COMMAND gzip -9 -n -c ${PROJECT_SOURCE_DIR}/CHANGELOG.md > ${CMAKE_CURRENT_BINARY_DIR}/changelog.gz
+  COMMAND gzip -9 -n -c ${CMAKE_CURRENT_BINARY_DIR}/debian-changelog > ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
+  DEPENDS ${PROJECT_SOURCE_DIR}/CHANGELOG.md ${CMAKE_CURRENT_BINARY_DIR}/debian-changelog
+  COMMENT "Compressing the changelogs for the Debian packages"
+  VERBATIM)
+add_custom_target(vorta_changelogs ALL DEPENDS ${_vorta_changelogs})
+
+# The packaging's only changelog entry is a first one that closes no bug:
+# lintian asks that of an initial upload to Debian's archive, which closes
+# the package's ITP bug. These packages are not uploaded there, so there is
+# no such bug; each package says so to lintian.
 foreach(_component libs dev tool)
   string(TOUPPER ${_component} _upper)
+  set(_package ${VORTA_DEB_${_upper}_PACKAGE})
+  file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/lintian-overrides/${_package}
+    "# Not uploaded to Debian's archive: there is no ITP bug to close.\n"
+    "${_package}: initial-upload-closes-no-bugs\n")
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/debian-copyright
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${VORTA_DEB_${_upper}_PACKAGE}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${_package}
     RENAME copyright COMPONENT ${_component})
+  # Only in the packages: a plain installation (cmake --install) leaves out
+  # what is Debian's own.
+  install(FILES ${_vorta_changelogs}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${_package} COMPONENT ${_component} EXCLUDE_FROM_ALL)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/lintian-overrides/${_package}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides COMPONENT ${_component} EXCLUDE_FROM_ALL)
 endforeach()
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME ${PROJECT_NAME})
 set(CPACK_PACKAGE_VENDOR "The vorta authors")
-set(CPACK_PACKAGE_CONTACT "The vorta authors <vorta@localhost>")
+set(CPACK_PACKAGE_CONTACT "${VORTA_DEB_MAINTAINER}")
+set(CPACK_DEBIAN_PACKAGE_SOURCE ${PROJECT_NAME})
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
@@ -110,7 +176,7 @@ if(TARGET vorta_cli)
   list(APPEND CPACK_COMPONENTS_ALL tool)
 endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_RELEASE ${VORTA_DEB_REVISION})
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # The target's architecture (powerpc for the cross build), not the host's.
 if(CMAKE_CROSSCOMPILING AND CMAKE_SYSTEM_PROCESSOR STREQUAL "powerpc")
@@ -138,9 +204,17 @@ else()
     ${CMAKE_BINARY_DIR}/_CPack_Packages/${CMAKE_SYSTEM_NAME}/DEB/${CPACK_PACKAGE_FILE_NAME}/libs${CMAKE_INSTALL_FULL_LIBDIR})
 endif()
 # A shlibs file in libvorta0, so that other packages' dpkg-shlibdeps find
-# their dependency on it; CPack then also adds the ldconfig trigger.
+# their dependency on it.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+# The dynamic loader's cache is refreshed by dpkg's ldconfig trigger, which
+# libvorta0 activates, rather than by maintainer scripts calling ldconfig.
+# CPack still writes such scripts for any package with libraries in /usr/lib;
+# VortaDebLdconfig.cmake takes them out again once the packages are built.
+file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/debian-control/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_LIBS_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_BINARY_DIR}/debian-control/triggers)
+set(CPACK_DEBIAN_LIBS_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/VortaDebLdconfig.cmake)
 # libvorta-dev and vorta depend on exactly this libvorta0.
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_COMPONENT_DEV_DEPENDS libs)
@@ -158,8 +232,9 @@ libvorta-qt and libvorta-productid.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME ${VORTA_DEB_DEV_PACKAGE})
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-# The public headers include Boost.Interprocess.
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libboost-dev (>= 1.74)")
+# The public headers include Boost.Interprocess, and the LUT recognisers'
+# headers the ANTLR 3 C runtime's.
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libboost-dev (>= 1.74), libantlr3c-dev (>= 3.4)")
 set(CPACK_DEBIAN_DEV_DESCRIPTION "clip catalogue and timecode library for a video recorder (development files)
 The headers of libvorta and its platform libraries, the .so links, the CMake
 package (find_package(vorta)) and the pkg-config file (pkg-config vorta).")

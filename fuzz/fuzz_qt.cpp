@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "qtstreaming.h"
 #include "zevqtfileparams.h"
 
 namespace {
@@ -40,6 +41,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     params->attributes.getAttributesMap();
   }
   delete params;
+
+  // The reader itself: a rate that is its fraction, a known field mode, and
+  // no more bytes read than the file holds (twice over, for the few
+  // headers read again) plus a header window.
+  CQTStreaming reader;
+  if (reader.OpenForReading(path)) {
+    CQTVideoConfiguration video;
+    reader.GetConfiguration(video);
+    if (video.frameRateDenominator == 0 || video.videoLength == 0 || video.fieldMode > 3 ||
+        video.frameRate != static_cast<double>(video.frameRateNumerator) / video.frameRateDenominator)
+      std::abort();
+  }
+  if (reader.BytesRead() > 2 * static_cast<uint64_t>(size) + 4096) std::abort();
   unlink(path.c_str());
   return 0;
 }

@@ -7,7 +7,9 @@
 #   scripts/install-deps.sh ppc        plus the PowerPC cross toolchain and qemu
 #   scripts/install-deps.sh ppc-system plus what building a PowerPC kernel and
 #                                      booting it under qemu-system-ppc needs
-#   scripts/install-deps.sh fixtures   plus ffmpeg, for regenerating test clips
+#   scripts/install-deps.sh package    plus lintian, for checking the Debian packages
+#   scripts/install-deps.sh fixtures   plus ffmpeg, GStreamer, libquicktime's tools and
+#                                      mediainfo, for regenerating test clips
 #   scripts/install-deps.sh all        everything
 set -euo pipefail
 
@@ -29,7 +31,12 @@ ppc=(
 ppc_system=(
   qemu-system-ppc bc bison flex libssl-dev libelf-dev cpio xz-utils
 )
-fixtures=(ffmpeg python3 libfreetype-dev fonts-dejavu-core)
+package=(lintian)
+fixtures=(
+  ffmpeg python3 libfreetype-dev fonts-dejavu-core mediainfo quicktime-utils
+  gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
+  gstreamer1.0-plugins-bad gstreamer1.0-libav
+)
 
 want=("${base[@]}")
 for group in "$@"; do
@@ -37,9 +44,10 @@ for group in "$@"; do
     base) ;;
     ppc) want+=("${ppc[@]}") ;;
     ppc-system) want+=("${ppc[@]}" "${ppc_system[@]}") ;;
+    package) want+=("${package[@]}") ;;
     fixtures) want+=("${fixtures[@]}") ;;
-    all) want+=("${ppc[@]}" "${ppc_system[@]}" "${fixtures[@]}") ;;
-    *) echo "install-deps: unknown group '$group' (base, ppc, ppc-system, fixtures, all)" >&2; exit 2 ;;
+    all) want+=("${ppc[@]}" "${ppc_system[@]}" "${package[@]}" "${fixtures[@]}") ;;
+    *) echo "install-deps: unknown group '$group' (base, ppc, ppc-system, package, fixtures, all)" >&2; exit 2 ;;
   esac
 done
 

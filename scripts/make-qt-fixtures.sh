@@ -1,19 +1,21 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # Regenerates the QuickTime test clips under tests/data/qt/ with Debian's
-# ffmpeg, the malformed variants made from them, and ffprobe.tsv: what
-# ffprobe reports for every well-formed clip. The clips are committed, so
-# the test suite never needs ffmpeg; run this only to change them.
+# ffmpeg, GStreamer (qtmux) and libquicktime, the malformed variants made
+# from them, and probe.tsv: what ffprobe and mediainfo report for every
+# well-formed clip. The clips are committed, so the test suite needs none of
+# these tools; run this only to change them.
 #   scripts/make-qt-fixtures.sh            (needs: scripts/install-deps.sh fixtures)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 out=$root/tests/data/qt
 mkdir -p "$out"
-rm -f "$out"/*.mov "$out"/*.MOV "$out"/ffprobe.tsv
+rm -f "$out"/*.mov "$out"/*.MOV "$out"/ffprobe.tsv "$out"/probe.tsv
 rm -rf "$out/bad"
 mkdir -p "$out/bad"
 
 ff() { ffmpeg -nostdin -hide_banner -loglevel error -y "$@"; }
+gst() { gst-launch-1.0 -q "$@"; }
 
 # clip NAME RATE SIZE FRAMES [ffmpeg output options...]
 # A grey picture (cheap to compress) of FRAMES frames at RATE and SIZE.
@@ -85,24 +87,91 @@ ff -f lavfi -i color=c=gray:s=64x36:r=25 -f lavfi -t 0.2 -i anullsrc=r=96000:cl=
 clip faststart.mov 25 64x36 3 -c:v prores_ks -profile:v 2 -movflags +faststart -timecode 01:00:00:00
 clip UPPER_CASE.MOV 25 64x36 3 -c:v prores_ks -profile:v 0
 
-# What ffprobe reports, one line per clip.
+# Rates a track's time scale cannot hold exactly: the sample durations are
+# rounded to the clock and differ by one unit (16/17 at 1000 for 59.94,
+# 33/34 for 29.97, 41/42 for 23.976), or by one millisecond of a remux from
+# Matroska (256/272 at 16000).
+clip jit_5994_ms.mov 60000/1001 64x36 60 -c:v prores_ks -profile:v 0 -video_track_timescale 1000 \
+  -timecode 01:00:00\;00
+clip jit_2997_ms.mov 30000/1001 64x36 30 -c:v prores_ks -profile:v 0 -video_track_timescale 1000 \
+  -timecode 01:00:00\;00
+clip jit_23976_ms.mov 24000/1001 64x36 24 -c:v prores_ks -profile:v 0 -video_track_timescale 1000
+clip jit_60_ms.mov 60 64x36 60 -c:v prores_ks -profile:v 0 -video_track_timescale 1000 -timecode 01:00:00:00
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+ff -f lavfi -i color=c=gray:s=64x36:r=60000/1001 -frames:v 120 -c:v prores_ks -profile:v 0 "$tmp/remux.mkv"
+ff -i "$tmp/remux.mkv" -c copy "$out/remux_mkv_5994.mov"
+
+# Fragmented movies: an empty moov and one fragment per frame (ProRes has
+# only key frames), a moov holding the first fragment, fragments based on
+# their moof, fragments of several frames; the time code's sample sits in
+# the first fragment.
+clip frag_empty_moov_25.mov 25 64x36 5 -c:v prores_ks -profile:v 0 -movflags frag_keyframe+empty_moov \
+  -timecode 01:00:00:00
+clip frag_keyframe_25.mov 25 64x36 5 -c:v prores_ks -profile:v 0 -movflags frag_keyframe -timecode 10:00:00:00
+clip frag_base_moof_5994.mov 60000/1001 64x36 6 -c:v prores_ks -profile:v 0 \
+  -movflags frag_keyframe+empty_moov+default_base_moof -timecode 01:00:00\;00
+clip frag_duration_2997.mov 30000/1001 64x36 10 -c:v prores_ks -profile:v 0 -movflags empty_moov \
+  -frag_duration 100000 -timecode 01:00:00\;00
+clip frag_jit_5994_ms.mov 60000/1001 64x36 60 -c:v prores_ks -profile:v 0 -video_track_timescale 1000 \
+  -movflags empty_moov+default_base_moof -frag_duration 250000
+
+# Field orders as ffmpeg's -field_order writes them for whole frames.
+clip field_tb_25.mov 25 64x36 3 -c:v prores_ks -profile:v 0 -field_order tb
+clip field_bt_2997.mov 30000/1001 64x36 3 -c:v prores_ks -profile:v 0 -field_order bt
+
+# GStreamer's qtmux: uncompressed 2vuy, interlaced pictures (it writes the
+# field details 9 and 14), a millisecond time scale, fragments, a drop
+# frame time code.
+prores="videoconvert ! video/x-raw,format=I422_10LE ! avenc_prores_ks profile=proxy"
+gray=(videotestsrc pattern=solid-color foreground-color=0xff808080)
+gst "${gray[@]}" num-buffers=4 ! video/x-raw,format=UYVY,width=32,height=18,framerate=30000/1001 \
+  ! qtmux ! filesink location="$out/gst_2vuy_2997.mov"
+gst "${gray[@]}" num-buffers=4 ! video/x-raw,format=UYVY,width=32,height=18,framerate=25/1,interlace-mode=interleaved,field-order=top-field-first \
+  ! qtmux ! filesink location="$out/gst_2vuy_tff_25.mov"
+gst "${gray[@]}" num-buffers=4 ! video/x-raw,width=64,height=36,framerate=30000/1001,interlace-mode=interleaved,field-order=bottom-field-first \
+  ! $prores ! qtmux ! filesink location="$out/gst_prores_bff_2997.mov"
+gst "${gray[@]}" num-buffers=60 ! video/x-raw,width=64,height=36,framerate=60000/1001 \
+  ! $prores ! qtmux trak-timescale=1000 ! filesink location="$out/gst_jit_5994_ms.mov"
+gst "${gray[@]}" num-buffers=10 ! video/x-raw,width=64,height=36,framerate=25/1 \
+  ! $prores ! qtmux fragment-duration=120 ! filesink location="$out/gst_frag_25.mov"
+gst "${gray[@]}" num-buffers=4 ! video/x-raw,width=64,height=36,framerate=30000/1001 \
+  ! timecodestamper set=always drop-frame=true timecode-offset=107892 \
+  ! $prores ! qtmux ! filesink location="$out/gst_tc_df_2997.mov"
+
+# libquicktime's transcoder, from uncompressed ffmpeg clips.
+ff -f lavfi -i color=c=gray:s=32x18:r=30000/1001 -frames:v 4 -c:v rawvideo -pix_fmt uyvy422 "$tmp/lqt_in_2997.mov"
+ff -f lavfi -i color=c=gray:s=32x18:r=25 -frames:v 4 -c:v rawvideo -pix_fmt uyvy422 "$tmp/lqt_in_25.mov"
+lqt_transcode -vc 2vuy "$tmp/lqt_in_2997.mov" "$out/lqt_2vuy_2997.mov" >/dev/null
+lqt_transcode -vc v210 "$tmp/lqt_in_25.mov" "$out/lqt_v210_25.mov" >/dev/null
+
+# What ffprobe and mediainfo report, one line per clip. frames is the count
+# ffprobe reads (its stream header counts only the moov's samples of a
+# fragmented movie); mi_scan is mediainfo's scan type and order.
 probe() {
   ffprobe -v error -select_streams "$1" -show_entries "$2" -of csv=p=0 "$3"
 }
 {
-  printf 'file\tcodec_tag\twidth\theight\tfield_order\trate\tframes\taudio_channels\taudio_streams\ttimecode\n'
+  printf 'file\tcodec_tag\twidth\theight\tfield_order\trate\tframes\taudio_channels\taudio_streams\ttimecode'
+  printf '\tmi_rate\tmi_frames\tmi_scan\tmi_timecode\n'
   for f in "$out"/*.mov "$out"/*.MOV; do
     name=$(basename "$f")
-    IFS=, read -r tag w h order rate frames < <(
-      probe v:0 stream=codec_tag_string,width,height,r_frame_rate,field_order,nb_frames "$f")
+    IFS=, read -r tag w h order rate < <(
+      probe v:0 stream=codec_tag_string,width,height,r_frame_rate,field_order "$f")
     [ -n "$order" ] || order=unknown
+    frames=$(ffprobe -v error -count_frames -select_streams v:0 -show_entries stream=nb_read_frames \
+      -of csv=p=0 "$f")
     chans=$(probe a stream=channels "$f" | paste -sd, -)
     nstreams=$(probe a stream=index "$f" | wc -l)
     tc=$(ffprobe -v error -show_entries stream_tags=timecode -of csv=p=0 "$f" | grep -m1 . || true)
-    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$name" "$tag" "$w" "$h" "$order" "$rate" \
+    IFS='|' read -r mrate mframes mscan < <(
+      mediainfo --Inform='Video;%FrameRate_Num%/%FrameRate_Den%|%FrameCount%|%ScanType%/%ScanOrder%' "$f")
+    mtc=$(mediainfo --Inform='Other;%TimeCode_FirstFrame%' "$f")
+    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s' "$name" "$tag" "$w" "$h" "$order" "$rate" \
       "$frames" "${chans:--}" "$nstreams" "${tc:--}"
+    printf '\t%s\t%s\t%s\t%s\n' "$mrate" "$mframes" "${mscan%/}" "${mtc:--}"
   done
-} > "$out/ffprobe.tsv"
+} > "$out/probe.tsv"
 
 # Malformed variants, all made from real clips.
 bad=$out/bad
@@ -116,9 +185,9 @@ head -c 6 "$src" > "$bad/trunc_header.mov"
 head -c 100 "$src" > "$bad/trunc_mdat.mov"
 head -c $((size - 200)) "$src" > "$bad/trunc_moov.mov"
 head -c 300 "$fast" > "$bad/trunc_fast_moov.mov"
-python3 - "$src" "$fast" "$bad" <<'EOF'
+python3 - "$src" "$fast" "$bad" "$out/frag_empty_moov_25.mov" "$out/gst_frag_25.mov" <<'EOF'
 import struct, sys
-src, fast, bad = sys.argv[1], sys.argv[2], sys.argv[3]
+src, fast, bad, frag, gfrag = sys.argv[1:6]
 data = bytearray(open(src, 'rb').read())
 fdata = bytearray(open(fast, 'rb').read())
 
@@ -189,6 +258,28 @@ b = bytearray(data[:ftyp_size]) + struct.pack('>I4s', 8, b'moov'); save('moov_em
 # A faststart file whose moov is cut in the middle of the sample tables.
 fmoov, fmoov_size = find(fdata, ['moov'])
 save('trunc_moov_mid.mov', fdata[:fmoov + fmoov_size // 2])
+
+# Fragmented movies (empty moov, one fragment per frame, the time code's
+# sample in the first fragment).
+fr = bytearray(open(frag, 'rb').read())
+moofs = [p for p, s, k in atoms(fr, 0, len(fr)) if k == 'moof']
+mdats = [(p, s) for p, s, k in atoms(fr, 0, len(fr)) if k == 'mdat']
+# Cut in the middle of the last fragment's media, as by a power loss: the
+# fragments before it are read.
+last_mdat, last_size = mdats[-1]
+save('frag_cut_last.mov', fr[:last_mdat + last_size // 2])
+# The first video run claims far more samples than the file holds.
+trun, _ = find(fr, ['moof', 'traf', 'trun'])
+b = bytearray(fr); struct.pack_into('>I', b, trun + 12, 0x7FFFFFFF); save('frag_huge_run.mov', b)
+# A fragment whose run lists more per-sample records than its box holds.
+gf = bytearray(open(gfrag, 'rb').read())
+gtrun, _ = find(gf, ['moof', 'traf', 'trun'])
+b = bytearray(gf); struct.pack_into('>I', b, gtrun + 12, 1000); save('frag_run_overflow.mov', b)
+# The mdat after the second fragment has a 64-bit size that runs past the
+# end of the file: the walk ends there, after two fragments.
+p2, s2 = mdats[1]
+b = bytearray(fr[:p2]) + struct.pack('>I4sQ', 1, b'mdat', len(fr) * 2) + fr[p2 + 8:]
+save('frag_size64_past_end.mov', b)
 EOF
 
 du -sh "$out"

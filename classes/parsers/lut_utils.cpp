@@ -17,13 +17,9 @@
 #include <type_traits>
 #include <vector>
 
-#include "LUTLexer.h"
-#include "LUTParser.h"
 #include "internal/regular_file.h"
 #include "internal/work_arena.h"
-
-// The parser's token-name table (generated; "<invalid>" to "COMMENT").
-extern pANTLR3_UINT8 LUTParserTokenNames[8];
+#include "lut_recognizer.h"
 
 int16_t* g_red_lut = nullptr;
 int16_t* g_green_lut = nullptr;

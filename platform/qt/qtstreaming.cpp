@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -24,6 +25,7 @@ constexpr uint32_t fourcc(const char (&s)[5]) {
 
 constexpr uint32_t kMoov = fourcc("moov");
 constexpr uint32_t kTrak = fourcc("trak");
+constexpr uint32_t kTkhd = fourcc("tkhd");
 constexpr uint32_t kMdia = fourcc("mdia");
 constexpr uint32_t kMdhd = fourcc("mdhd");
 constexpr uint32_t kHdlr = fourcc("hdlr");
@@ -38,10 +40,19 @@ constexpr uint32_t kFiel = fourcc("fiel");
 constexpr uint32_t kVide = fourcc("vide");
 constexpr uint32_t kSoun = fourcc("soun");
 constexpr uint32_t kTmcd = fourcc("tmcd");
+constexpr uint32_t kMvex = fourcc("mvex");
+constexpr uint32_t kTrex = fourcc("trex");
+constexpr uint32_t kMoof = fourcc("moof");
+constexpr uint32_t kTraf = fourcc("traf");
+constexpr uint32_t kTfhd = fourcc("tfhd");
+constexpr uint32_t kTrun = fourcc("trun");
 
 // A walk over the top level stops after this many atoms: each is at least
 // eight bytes, but a huge file of tiny atoms must not cost a read per atom.
 constexpr unsigned kMaxTopLevelAtoms = 4096;
+// The walk over the fragments allows a few other atoms ('mdat', 'free',
+// 'sidx', 'styp') per 'moof'.
+constexpr unsigned kMaxFragmentWalkAtoms = 4 * CQTStreaming::kMaxFragments;
 // Smallest sample description entries that hold the fields read.
 constexpr std::size_t kVideoEntryFixedSize = 86;  // up to the colour table ID
 constexpr std::size_t kSoundEntryMinSize = 28;    // up to the sample size
@@ -111,21 +122,40 @@ bool atomHeader(const BigEndianView& region, std::size_t offset, uint32_t& type,
   return size >= header && size <= region.size() - offset;
 }
 
-/// The body of the first child atom of the given type inside region. Stops
-/// at the first malformed child: what follows it cannot be located.
-bool findChild(const BigEndianView& region, uint32_t wanted, BigEndianView& body) {
-  std::size_t offset = 0;
-  while (region.size() - offset >= 8) {
-    uint32_t type;
+/// The child atoms of a region, in order. The walk stops at the first
+/// malformed child: what follows it cannot be located.
+class ChildAtoms {
+ public:
+  explicit ChildAtoms(const BigEndianView& region) : region_(region) {}
+
+  /// The next child's type and body; false at the end or at a malformed child.
+  bool next(uint32_t& type, BigEndianView& body) {
     std::size_t header;
     uint64_t size;
-    if (!atomHeader(region, offset, type, header, size)) return false;
-    if (type == wanted) {
-      body = region.sub(offset + header, static_cast<std::size_t>(size) - header);
-      return true;
+    if (region_.size() - offset_ < 8) return false;
+    if (!atomHeader(region_, offset_, type, header, size)) {
+      malformed_ = true;
+      return false;
     }
-    offset += static_cast<std::size_t>(size);
+    body = region_.sub(offset_ + header, static_cast<std::size_t>(size) - header);
+    offset_ += static_cast<std::size_t>(size);
+    return true;
   }
+  /// True when the walk stopped at a malformed child.
+  bool malformed() const { return malformed_; }
+
+ private:
+  BigEndianView region_;
+  std::size_t offset_ = 0;
+  bool malformed_ = false;
+};
+
+/// The body of the first child atom of the given type inside region.
+bool findChild(const BigEndianView& region, uint32_t wanted, BigEndianView& body) {
+  ChildAtoms children(region);
+  uint32_t type;
+  while (children.next(type, body))
+    if (type == wanted) return true;
   return false;
 }
 
@@ -152,6 +182,7 @@ bool firstSampleEntry(const BigEndianView& stsd, BigEndianView& entry) {
 /// The tables of one track that the reader uses.
 struct Track {
   uint32_t handler = 0;
+  uint32_t trackId = 0;
   uint32_t timescale = 0;
   bool hasStsd = false, hasStts = false, hasStsz = false, hasStco = false, hasCo64 = false;
   BigEndianView stsd, stts, stsz, stco, co64;
@@ -159,7 +190,12 @@ struct Track {
 
 Track parseTrack(const BigEndianView& trak) {
   Track track;
-  BigEndianView mdia, hdlr, mdhd, stbl;
+  BigEndianView tkhd, mdia, hdlr, mdhd, stbl;
+  if (findChild(trak, kTkhd, tkhd)) {
+    uint8_t version = 0;
+    tkhd.u8(0, version);
+    tkhd.u32(version == 1 ? 20 : 12, track.trackId);
+  }
   if (!findChild(trak, kMdia, mdia)) return track;
   if (findChild(mdia, kHdlr, hdlr)) hdlr.u32(8, track.handler);
   if (findChild(mdia, kMdhd, mdhd)) {
@@ -177,54 +213,332 @@ Track parseTrack(const BigEndianView& trak) {
 }
 
 /// The field mode of a video sample description entry from its 'fiel'
-/// extension: 0 when absent or one field; for two fields 1 top first,
-/// 2 bottom first, and any other order as stored.
+/// extension (the values are described with CQTVideoConfiguration).
 uint32_t fieldModeOf(const BigEndianView& entry) {
   BigEndianView extensions = entry.sub(kVideoEntryFixedSize, entry.size() - kVideoEntryFixedSize);
   BigEndianView fiel;
   uint8_t count, order;
   if (!findChild(extensions, kFiel, fiel) || !fiel.u8(0, count) || !fiel.u8(1, order)) return 0;
   if (count != 2) return 0;
-  if (order == 1) return 1;
-  if (order == 6) return 2;
-  return order;
+  if (order == 1 || order == 9) return 1;
+  if (order == 6 || order == 14) return 2;
+  return 3;
 }
 
-/// Fills the video record from a video track; false when the track lacks
-/// what a picture track must have.
-bool readVideoTrack(const Track& track, CQTVideoConfiguration& video) {
+uint64_t gcd(uint64_t a, uint64_t b) {
+  while (b != 0) {
+    const uint64_t r = a % b;
+    a = b;
+    b = r;
+  }
+  return a;
+}
+
+/// A frame rate as a fraction.
+struct Rate {
+  uint32_t numerator = 0, denominator = 0;
+};
+
+/// numerator / denominator reduced, and halved until both fit 32 bits; a
+/// zero denominator when nothing is left of it.
+Rate reducedRate(uint64_t numerator, uint64_t denominator) {
+  const uint64_t divisor = gcd(numerator, denominator);
+  if (divisor > 1) {
+    numerator /= divisor;
+    denominator /= divisor;
+  }
+  while (numerator > UINT32_MAX || denominator > UINT32_MAX) {
+    numerator >>= 1;
+    denominator >>= 1;
+  }
+  return Rate{static_cast<uint32_t>(numerator), static_cast<uint32_t>(denominator)};
+}
+
+/// The rates that a rate measured from rounded durations snaps to.
+const Rate kStandardRates[] = {{24000, 1001}, {24, 1}, {25, 1},       {30000, 1001}, {30, 1},
+                               {48, 1},       {50, 1}, {60000, 1001}, {60, 1}};
+
+/// What the frame rate needs from a track's sample durations, gathered as
+/// runs of equal durations: from each time-to-sample entry and from each
+/// fragment's samples in turn.
+class DurationTally {
+ public:
+  explicit DurationTally(uint32_t timescale = 0)
+      : timescale_(timescale), unit_(std::max<uint32_t>(1, timescale / 1000)) {}
+
+  void add(uint64_t count, uint32_t duration) {
+    if (count == 0) return;
+    // The start times of the run's first and last samples bound the period
+    // (the last sample's own duration is the writer's guess and bounds nothing).
+    uint64_t span, lastStart;
+    if (__builtin_mul_overflow(count - 1, static_cast<uint64_t>(duration), &span) ||
+        __builtin_add_overflow(total_, span, &lastStart)) {
+      overflow_ = true;
+    } else {
+      bound(samples_, total_);
+      bound(samples_ + count - 1, lastStart);
+    }
+    if (samples_ == 0 || duration < min_) min_ = duration;
+    if (samples_ == 0 || duration > max_) max_ = duration;
+    if (__builtin_add_overflow(samples_, count, &samples_) ||
+        __builtin_mul_overflow(count, static_cast<uint64_t>(duration), &span) ||
+        __builtin_add_overflow(total_, span, &total_))
+      overflow_ = true;
+    // Adjacent runs of one duration are one run; on a tie the earlier run stays the longest.
+    if (runCount_ > 0 && duration == runDuration_) {
+      runCount_ += count;
+    } else {
+      runCount_ = count;
+      runDuration_ = duration;
+    }
+    if (runCount_ > longestCount_) {
+      longestCount_ = runCount_;
+      longestDuration_ = runDuration_;
+    }
+  }
+
+  uint64_t samples() const { return samples_; }
+
+  /// The rate (see CQTVideoConfiguration); false when no duration gives one.
+  bool rate(Rate& rate) const {
+    if (timescale_ == 0 || samples_ == 0) return false;
+    if (min_ == max_) {
+      if (min_ == 0) return false;
+      rate = reducedRate(timescale_, min_);
+      return true;
+    }
+    uint64_t scaled;
+    if (min_ > 0 && max_ - min_ <= unit_ && !overflow_ &&
+        !__builtin_mul_overflow(static_cast<uint64_t>(timescale_), samples_, &scaled)) {
+      // Durations that differ only by rounding: the standard rate whose
+      // period every start time fits, the nearest to the measured rate when
+      // a short clip fits several; else the measured rate itself. (The
+      // measured rate alone can be a millisecond off at the end, where the
+      // writer guessed the last duration: 59.97 for two seconds of 59.94.)
+      const double measured = static_cast<double>(scaled) / static_cast<double>(total_);
+      const Rate* best = nullptr;
+      for (const Rate& standard : kStandardRates) {
+        const double period = static_cast<double>(timescale_) * standard.denominator / standard.numerator;
+        const double exact = static_cast<double>(standard.numerator) / standard.denominator;
+        if (period >= low_ && period <= high_ &&
+            (best == nullptr ||
+             std::fabs(exact - measured) <
+                 std::fabs(static_cast<double>(best->numerator) / best->denominator - measured)))
+          best = &standard;
+      }
+      rate = best ? *best : reducedRate(scaled, total_);
+      return rate.denominator != 0;
+    }
+    if (longestDuration_ == 0) return false;
+    rate = reducedRate(timescale_, longestDuration_);
+    return true;
+  }
+
+ private:
+  /// Sample index (from 0) starts at time start: a clock that rounds time
+  /// stamps to the nearest unit_ puts it within half a unit of index x period.
+  void bound(uint64_t index, uint64_t start) {
+    if (index == 0) return;
+    const double at = static_cast<double>(start), n = static_cast<double>(index);
+    low_ = std::max(low_, (at - unit_ / 2.0) / n);
+    high_ = std::min(high_, (at + unit_ / 2.0) / n);
+  }
+
+  uint32_t timescale_, unit_;
+  uint64_t samples_ = 0, total_ = 0;
+  bool overflow_ = false;
+  uint32_t min_ = 0, max_ = 0;
+  uint64_t runCount_ = 0, longestCount_ = 0;
+  uint32_t runDuration_ = 0, longestDuration_ = 0;
+  double low_ = 0, high_ = HUGE_VAL;  // bounds of the period the start times allow, in clock units
+};
+
+/// Adds the entries of a time-to-sample table (stts body) to tally; false
+/// when the table does not hold the entries it counts.
+bool addTimeToSample(const BigEndianView& stts, DurationTally& tally) {
+  uint32_t entries;
+  if (!stts.u32(4, entries) || entries > (stts.size() - 8) / 8) return false;
+  for (uint32_t i = 0; i < entries; ++i) {
+    uint32_t count, delta;
+    if (!stts.u32(8 + 8 * static_cast<std::size_t>(i), count) ||
+        !stts.u32(12 + 8 * static_cast<std::size_t>(i), delta))
+      return false;
+    tally.add(count, delta);
+  }
+  return true;
+}
+
+/// The number of samples a sample size table (stsz body) lists; false when
+/// it lists more sizes than it holds.
+bool sampleCount(const BigEndianView& stsz, uint32_t& count) {
+  uint32_t sampleSize;
+  if (!stsz.u32(4, sampleSize) || !stsz.u32(8, count)) return false;
+  return sampleSize != 0 || count <= (stsz.size() - 12) / 4;
+}
+
+/// What the fragments of a movie add to the tracks the reader uses.
+struct Fragments {
+  uint64_t videoSamples = 0;
+  DurationTally videoDurations;  // carries on from the moov's table
+  bool timecodeFound = false;    // the first timecode sample, when the moov has none
+  uint64_t timecodeOffset = 0;
+  uint32_t timecodeSize = 0;
+};
+
+/// The tracks whose fragments are read, and their defaults from 'mvex'.
+struct FragmentTracks {
+  BigEndianView mvex;
+  uint32_t videoId = 0;
+  bool hasTimecode = false;
+  uint32_t timecodeId = 0;
+};
+
+/// Default sample duration and size of a track ('trex'), or of a fragment of it ('tfhd').
+struct SampleDefaults {
+  uint32_t duration = 0, size = 0;
+};
+
+SampleDefaults trackDefaults(const BigEndianView& mvex, uint32_t trackId) {
+  SampleDefaults defaults;
+  ChildAtoms children(mvex);
+  uint32_t type, id;
+  BigEndianView trex;
+  while (children.next(type, trex)) {
+    if (type == kTrex && trex.u32(4, id) && id == trackId) {
+      trex.u32(12, defaults.duration);
+      trex.u32(16, defaults.size);
+      break;
+    }
+  }
+  return defaults;
+}
+
+/// Reads one track fragment (traf body) of the 'moof' at file offset
+/// moofOffset into into. base is where its data starts when 'tfhd' says
+/// nothing; it is moved to the end of this fragment's data. False when a
+/// box is malformed or the data lies outside the file.
+bool readTrackFragment(const BigEndianView& traf, uint64_t moofOffset, uint64_t fileSize,
+                       const FragmentTracks& tracks, uint64_t& base, Fragments& into) {
+  BigEndianView tfhd;
+  uint32_t tfhdFlags, trackId;
+  if (!findChild(traf, kTfhd, tfhd) || !tfhd.u32(0, tfhdFlags) || !tfhd.u32(4, trackId)) return false;
+  SampleDefaults defaults = trackDefaults(tracks.mvex, trackId);
+  std::size_t at = 8;
+  bool ok = true;
+  if (tfhdFlags & 0x000001u) {  // base data offset
+    ok = tfhd.u64(at, base);
+    at += 8;
+  } else if (tfhdFlags & 0x020000u) {  // default base is the moof
+    base = moofOffset;
+  }
+  if (base > fileSize) return false;
+  if (tfhdFlags & 0x000002u) at += 4;  // sample description index
+  if (ok && (tfhdFlags & 0x000008u)) {
+    ok = tfhd.u32(at, defaults.duration);
+    at += 4;
+  }
+  if (ok && (tfhdFlags & 0x000010u)) ok = tfhd.u32(at, defaults.size);
+  if (!ok) return false;
+
+  const bool video = trackId == tracks.videoId;
+  const bool timecode = tracks.hasTimecode && trackId == tracks.timecodeId;
+  uint64_t next = base;  // where a run without its own data offset starts
+  ChildAtoms children(traf);
+  uint32_t type;
+  BigEndianView trun;
+  while (children.next(type, trun)) {
+    if (type != kTrun) continue;
+
+    uint32_t flags, count;
+    if (!trun.u32(0, flags) || !trun.u32(4, count)) return false;
+    std::size_t field = 8;
+    uint64_t start = next;
+    if (flags & 0x000001u) {  // data offset, signed, from the base
+      uint32_t raw;
+      if (!trun.u32(field, raw)) return false;
+      const int64_t delta = static_cast<int32_t>(raw);
+      if (delta < 0 && static_cast<uint64_t>(-delta) > base) return false;
+      start = base + static_cast<uint64_t>(delta);
+      field += 4;
+    }
+    if (flags & 0x000004u) field += 4;  // first sample flags
+    const bool eachDuration = flags & 0x000100u, eachSize = flags & 0x000200u;
+    const std::size_t record = 4u * ((eachDuration ? 1 : 0) + (eachSize ? 1 : 0) +
+                                     ((flags & 0x000400u) ? 1 : 0) + ((flags & 0x000800u) ? 1 : 0));
+    if (!trun.fits(field, 0) || (record > 0 && count > (trun.size() - field) / record)) return false;
+    // Every sample has at least one byte of data, inside the file.
+    if (start > fileSize || count > fileSize - start) return false;
+
+    DurationTally durations = into.videoDurations;
+    uint64_t bytes = 0;
+    uint32_t firstSize = defaults.size;
+    if (record == 0) {
+      if (__builtin_mul_overflow(static_cast<uint64_t>(count), static_cast<uint64_t>(defaults.size), &bytes))
+        return false;
+      if (video) durations.add(count, defaults.duration);
+    } else {
+      for (uint32_t i = 0; i < count; ++i, field += record) {
+        uint32_t duration = defaults.duration, sampleSize = defaults.size;
+        if (eachDuration) trun.u32(field, duration);
+        if (eachSize) trun.u32(field + (eachDuration ? 4 : 0), sampleSize);
+        if (i == 0) firstSize = sampleSize;
+        bytes += sampleSize;  // at most 2^32 samples of 2^32 bytes: no overflow in 64 bits
+        if (video) durations.add(1, duration);
+      }
+    }
+    if (bytes > fileSize - start) return false;
+    if (video) {
+      into.videoSamples += count;
+      into.videoDurations = durations;
+    }
+    if (timecode && !into.timecodeFound && count > 0) {
+      into.timecodeFound = true;
+      into.timecodeOffset = start;
+      into.timecodeSize = firstSize;
+    }
+    next = start + bytes;
+  }
+  base = next;
+  return !children.malformed();
+}
+
+/// Reads one 'moof' body found at file offset moofOffset into into; false
+/// (and into untouched) when any of its track fragments is malformed.
+bool readFragment(const BigEndianView& moof, uint64_t moofOffset, uint64_t fileSize,
+                  const FragmentTracks& tracks, Fragments& into) {
+  Fragments fragments = into;
+  uint64_t base = moofOffset;  // the first track fragment's data is counted from the moof
+  ChildAtoms children(moof);
+  uint32_t type;
+  BigEndianView traf;
+  while (children.next(type, traf))
+    if (type == kTraf && !readTrackFragment(traf, moofOffset, fileSize, tracks, base, fragments))
+      return false;
+  if (children.malformed()) return false;
+  into = fragments;
+  return true;
+}
+
+/// Fills the video record from a video track, its samples in the moov and
+/// those its fragments add; false when the track lacks what a picture track
+/// must have, or has no samples.
+bool readVideoTrack(const Track& track, const Fragments& fragments, CQTVideoConfiguration& video) {
   BigEndianView entry;
-  if (!track.hasStsd || !track.hasStts || !firstSampleEntry(track.stsd, entry)) return false;
+  if (!track.hasStsd || !firstSampleEntry(track.stsd, entry)) return false;
   if (entry.size() < kVideoEntryFixedSize) return false;
   uint32_t codec;
   uint16_t width, height;
   if (!entry.u32(4, codec) || !entry.u16(32, width) || !entry.u16(34, height)) return false;
-  if (width == 0 || height == 0 || track.timescale == 0) return false;
+  if (width == 0 || height == 0) return false;
 
-  // Frame rate from the most frequent sample duration; length from stsz.
-  uint32_t entries;
-  if (!track.stts.u32(4, entries) || entries == 0 || entries > (track.stts.size() - 8) / 8) return false;
-  uint64_t total = 0;
-  uint32_t bestCount = 0, duration = 0;
-  for (uint32_t i = 0; i < entries; ++i) {
-    uint32_t count, delta;
-    if (!track.stts.u32(8 + 8 * static_cast<std::size_t>(i), count) ||
-        !track.stts.u32(12 + 8 * static_cast<std::size_t>(i), delta))
-      return false;
-    total += count;
-    if (count > bestCount) {
-      bestCount = count;
-      duration = delta;
-    }
-  }
-  if (duration == 0) return false;
+  Rate rate;
+  if (!fragments.videoDurations.rate(rate)) return false;
 
-  uint64_t length = total;
+  uint64_t length = fragments.videoDurations.samples();  // without a size table, the timed samples
   if (track.hasStsz) {
-    uint32_t sampleSize, count;
-    if (!track.stsz.u32(4, sampleSize) || !track.stsz.u32(8, count)) return false;
-    if (sampleSize == 0 && count > (track.stsz.size() - 12) / 4) return false;
-    length = count;
+    uint32_t count;
+    if (!sampleCount(track.stsz, count)) return false;
+    length = count + fragments.videoSamples;
   }
   if (length == 0 || length > UINT32_MAX) return false;
 
@@ -232,7 +546,9 @@ bool readVideoTrack(const Track& track, CQTVideoConfiguration& video) {
   video.height = height;
   video.codecType = codec;
   video.fieldMode = fieldModeOf(entry);
-  video.frameRate = static_cast<double>(track.timescale) / static_cast<double>(duration);
+  video.frameRateNumerator = rate.numerator;
+  video.frameRateDenominator = rate.denominator;
+  video.frameRate = static_cast<double>(rate.numerator) / static_cast<double>(rate.denominator);
   video.videoLength = static_cast<uint32_t>(length);
   return true;
 }
@@ -387,33 +703,76 @@ class File {
   std::size_t windowLength_ = 0;
 };
 
-/// Walks the top-level atoms by their headers only and locates 'moov'.
-bool locateMovie(File& file, uint64_t fileSize, uint64_t& bodyOffset, uint64_t& bodySize) {
+/// A top-level atom: where it starts, its type, header length and size.
+struct TopLevelAtom {
   uint64_t offset = 0;
-  for (unsigned n = 0; n < kMaxTopLevelAtoms && fileSize - offset >= 8; ++n) {
-    unsigned char raw[16];
-    const std::size_t want = fileSize - offset >= 16 ? 16 : 8;
-    if (!file.readHeaderAt(offset, raw, want, fileSize)) return false;
-    const BigEndianView header(raw, want);
-    uint32_t size32, type;
-    header.u32(0, size32);
-    header.u32(4, type);
-    uint64_t size = size32, headerSize = 8;
-    if (size32 == 1) {
-      if (!header.u64(8, size)) return false;
-      headerSize = 16;
-    } else if (size32 == 0) {
-      size = fileSize - offset;
-    }
-    if (size < headerSize || size > fileSize - offset) return false;
-    if (type == kMoov) {
-      bodyOffset = offset + headerSize;
-      bodySize = size - headerSize;
-      return true;
-    }
-    offset += size;
+  uint32_t type = 0;
+  uint64_t header = 0, size = 0;
+};
+
+/// Reads the header of the top-level atom at offset. False at the end of
+/// the file, for a header that is cut, a size below its header, or a size
+/// (32- or 64-bit) that runs past the end of the file.
+bool topLevelAtomAt(File& file, uint64_t fileSize, uint64_t offset, TopLevelAtom& atom) {
+  if (offset > fileSize || fileSize - offset < 8) return false;
+  unsigned char raw[16];
+  const std::size_t want = fileSize - offset >= 16 ? 16 : 8;
+  if (!file.readHeaderAt(offset, raw, want, fileSize)) return false;
+  const BigEndianView header(raw, want);
+  uint32_t size32;
+  header.u32(0, size32);
+  header.u32(4, atom.type);
+  atom.offset = offset;
+  atom.size = size32;
+  atom.header = 8;
+  if (size32 == 1) {
+    if (!header.u64(8, atom.size)) return false;
+    atom.header = 16;
+  } else if (size32 == 0) {
+    atom.size = fileSize - offset;
+  }
+  return atom.size >= atom.header && atom.size <= fileSize - offset;
+}
+
+/// Walks the top-level atoms by their headers only and locates 'moov'.
+bool locateMovie(File& file, uint64_t fileSize, TopLevelAtom& moov) {
+  uint64_t offset = 0;
+  for (unsigned n = 0; n < kMaxTopLevelAtoms && topLevelAtomAt(file, fileSize, offset, moov); ++n) {
+    if (moov.type == kMoov) return true;
+    offset += moov.size;
   }
   return false;
+}
+
+/// Walks the top-level atoms from offset (the end of the moov) and reads
+/// every 'moof' into fragments, within the caps; the walk ends quietly at
+/// what is cut or malformed. False only when the system failed (a read
+/// error, no memory for a fragment): error then says why.
+bool walkFragments(File& file, uint64_t fileSize, uint64_t offset, const FragmentTracks& tracks,
+                   Fragments& fragments, int& error) {
+  std::vector<unsigned char> buffer;
+  TopLevelAtom atom;
+  unsigned fragmentsRead = 0;
+  for (unsigned n = 0; n < kMaxFragmentWalkAtoms && fragmentsRead < CQTStreaming::kMaxFragments &&
+                       topLevelAtomAt(file, fileSize, offset, atom);
+       ++n) {
+    offset += atom.size;
+    if (atom.type != kMoof) continue;
+    const uint64_t bodySize = atom.size - atom.header;
+    if (bodySize > CQTStreaming::kMaxFragmentAtomSize) break;
+    try {
+      buffer.resize(static_cast<std::size_t>(bodySize));
+    } catch (const std::bad_alloc&) {
+      error = ENOMEM;
+      return false;
+    }
+    if (!file.readAt(atom.offset + atom.header, buffer.data(), buffer.size())) break;
+    ++fragmentsRead;
+    if (!readFragment(BigEndianView(buffer.data(), buffer.size()), atom.offset, fileSize, tracks, fragments))
+      break;
+  }
+  error = file.error();
+  return error == 0;
 }
 
 }  // namespace
@@ -421,7 +780,15 @@ bool locateMovie(File& file, uint64_t fileSize, uint64_t& bodyOffset, uint64_t& 
 CQTAtomConfiguration::~CQTAtomConfiguration() = default;
 
 CQTVideoConfiguration::CQTVideoConfiguration()
-    : width(0), height(0), fieldMode(0), dropFrame(0), codecType(0), frameRate(0.0), videoLength(0) {}
+    : width(0),
+      height(0),
+      fieldMode(0),
+      dropFrame(0),
+      codecType(0),
+      frameRate(0.0),
+      videoLength(0),
+      frameRateNumerator(0),
+      frameRateDenominator(0) {}
 
 CQTAudioConfiguration::CQTAudioConfiguration() : audioChannelsPerTrack(0) {}
 
@@ -442,11 +809,13 @@ bool CQTStreaming::OpenForReading(const std::string& path) {
   Reset();
   openError_ = 0;
   File file(path, bytesRead_);
-  uint64_t fileSize = 0, moovOffset = 0, moovSize = 0;
-  if (!file.usable(fileSize) || !locateMovie(file, fileSize, moovOffset, moovSize)) {
+  uint64_t fileSize = 0;
+  TopLevelAtom moovAtom;
+  if (!file.usable(fileSize) || !locateMovie(file, fileSize, moovAtom)) {
     openError_ = file.error();
     return false;
   }
+  const uint64_t moovSize = moovAtom.size - moovAtom.header;
   if (moovSize > kMaxMovieAtomSize) return false;
 
   std::vector<unsigned char> movie;
@@ -456,7 +825,7 @@ bool CQTStreaming::OpenForReading(const std::string& path) {
     openError_ = ENOMEM;
     return false;
   }
-  if (!file.readAt(moovOffset, movie.data(), movie.size())) {
+  if (!file.readAt(moovAtom.offset + moovAtom.header, movie.data(), movie.size())) {
     openError_ = file.error();
     return false;
   }
@@ -467,14 +836,12 @@ bool CQTStreaming::OpenForReading(const std::string& path) {
   bool haveVideo = false, haveTimecode = false;
   Track videoTrack, timecodeTrack;
   uint32_t soundTracks = 0;
-  std::size_t offset = 0;
-  while (moov.size() - offset >= 8) {
-    uint32_t type;
-    std::size_t header;
-    uint64_t size;
-    if (!atomHeader(moov, offset, type, header, size)) break;
+  ChildAtoms children(moov);
+  uint32_t type;
+  BigEndianView trak;
+  while (children.next(type, trak)) {
     if (type == kTrak) {
-      const Track track = parseTrack(moov.sub(offset + header, static_cast<std::size_t>(size) - header));
+      const Track track = parseTrack(trak);
       if (track.handler == kVide && !haveVideo) {
         videoTrack = track;
         haveVideo = true;
@@ -486,11 +853,33 @@ bool CQTStreaming::OpenForReading(const std::string& path) {
         haveTimecode = true;
       }
     }
-    offset += static_cast<std::size_t>(size);
+  }
+
+  // The video samples of the moov, then those of the fragments, if any.
+  Fragments fragments;
+  fragments.videoDurations = DurationTally(videoTrack.timescale);
+  if (!haveVideo || !videoTrack.hasStts || !addTimeToSample(videoTrack.stts, fragments.videoDurations)) {
+    Reset();
+    return false;
+  }
+  uint64_t timecodeOffset = 0;
+  uint32_t timecodeSize = 4;
+  bool timecodeInMovie = haveTimecode && firstTimecodeSample(timecodeTrack, timecodeOffset);
+  FragmentTracks tracks;
+  if (findChild(moov, kMvex, tracks.mvex)) {
+    tracks.videoId = videoTrack.trackId;
+    tracks.hasTimecode = haveTimecode && !timecodeInMovie;
+    tracks.timecodeId = timecodeTrack.trackId;
+    int error = 0;
+    if (!walkFragments(file, fileSize, moovAtom.offset + moovAtom.size, tracks, fragments, error)) {
+      Reset();
+      openError_ = error;
+      return false;
+    }
   }
 
   CQTVideoConfiguration video;
-  if (!haveVideo || !readVideoTrack(videoTrack, video)) {
+  if (!readVideoTrack(videoTrack, fragments, video)) {
     Reset();
     return false;
   }
@@ -500,10 +889,13 @@ bool CQTStreaming::OpenForReading(const std::string& path) {
     uint32_t flags = 0;
     if (timecodeTrack.hasStsd && firstSampleEntry(timecodeTrack.stsd, entry) && entry.u32(20, flags))
       video.dropFrame = flags & 0x1u;
-    uint64_t sampleOffset = 0;
+    if (!timecodeInMovie && fragments.timecodeFound) {
+      timecodeOffset = fragments.timecodeOffset;
+      timecodeSize = fragments.timecodeSize;
+    }
     unsigned char sample[4];
-    if (firstTimecodeSample(timecodeTrack, sampleOffset) && sampleOffset <= fileSize &&
-        fileSize - sampleOffset >= 4 && file.readAt(sampleOffset, sample, 4)) {
+    if ((timecodeInMovie || fragments.timecodeFound) && timecodeSize >= 4 && timecodeOffset <= fileSize &&
+        fileSize - timecodeOffset >= 4 && file.readAt(timecodeOffset, sample, 4)) {
       BigEndianView(sample, 4).u32(0, startFrame_);
       hasTimecode_ = true;
     }

@@ -14,17 +14,45 @@ class CQTAtomConfiguration {
 };
 
 /// The first video track's parameters.
+///
+/// fieldMode comes from the 'fiel' extension of the sample description:
+///   0  progressive: no 'fiel', or one field;
+///   1  interlaced, top field first in time: field details 1 and 9;
+///   2  interlaced, bottom field first in time: field details 6 and 14;
+///   3  interlaced, order not stated: two fields with any other detail.
+/// Details 9 and 14 are what writers put on pictures stored as whole
+/// interleaved frames (GStreamer, libquicktime, ffmpeg's -field_order tb|bt):
+/// 9 says the field holding the first line (top) is the earlier one, 14 the
+/// other. A two-field picture is never reported as progressive.
+///
+/// frameRate is frameRateNumerator / frameRateDenominator, from the video
+/// track's sample durations (the moov's time-to-sample table and, for a
+/// fragmented movie, every fragment's run):
+///   - all durations equal: media timescale / duration (12800/512 is 25/1);
+///   - durations that differ only by the rounding of the track's clock (by at
+///     most one unit, or one millisecond when the clock is finer, as when a
+///     writer stores 29.97 at timescale 1000 as 33 and 34): the standard rate
+///     24000/1001, 24, 25, 30000/1001, 30, 48, 50, 60000/1001 or 60 whose
+///     frame period puts every sample's start time within half a unit of
+///     where the track has it, the one nearest to timescale x samples /
+///     total duration when a short clip fits several (16 and 17 at 1000
+///     give 60000/1001, not 58.82); when none fits, timescale x samples /
+///     total duration itself;
+///   - any other mix: media timescale / the duration of the longest run of
+///     equal durations.
 class CQTVideoConfiguration : public CQTAtomConfiguration {
  public:
   CQTVideoConfiguration();
 
-  int32_t width;       // picture width in pixels
-  int32_t height;      // picture height in lines
-  uint32_t fieldMode;  // 0 progressive; 1 top first, 2 bottom first; other two-field orders as stored (9, 14)
-  uint32_t dropFrame;  // non-zero when the timecode track counts drop frame
-  uint32_t codecType;  // four-character code, first character in the most significant byte
-  double frameRate;    // media timescale / sample duration
-  uint32_t videoLength;  // number of video samples (frames)
+  int32_t width;                  // picture width in pixels
+  int32_t height;                 // picture height in lines
+  uint32_t fieldMode;             // 0 progressive; 1 top first, 2 bottom first, 3 interlaced of unknown order
+  uint32_t dropFrame;             // non-zero when the timecode track counts drop frame
+  uint32_t codecType;             // four-character code, first character in the most significant byte
+  double frameRate;               // frames per second, frameRateNumerator / frameRateDenominator
+  uint32_t videoLength;           // number of video samples (frames), the moov's and the fragments'
+  uint32_t frameRateNumerator;    // the rate as a reduced fraction: 30000 and 1001 for 29.97
+  uint32_t frameRateDenominator;  //
 };
 
 /// The audio tracks' parameters.
@@ -35,14 +63,36 @@ class CQTAudioConfiguration : public CQTAtomConfiguration {
   uint16_t audioChannelsPerTrack;  // channels of the first audio track; 0 when there is none
 };
 
-/// Reads the parameters of one QuickTime movie file. OpenForReading reads
-/// the top-level atom headers and the whole 'moov' atom (plus the 4-byte
-/// first timecode sample), never the media data, and closes the file again;
-/// the queries then answer from what was read.
+/// Reads the parameters of one QuickTime movie file, then closes it again;
+/// the queries answer from what was read. OpenForReading reads, in this
+/// order, only these byte ranges, never the media data ('mdat'):
+///   1. the header of each top-level atom from the start of the file up to
+///      the 'moov' (each header read takes up to 512 bytes from where the
+///      header starts, so neighbouring small atoms come in with it);
+///   2. the whole 'moov' atom;
+///   3. for a fragmented movie (a 'moov' holding 'mvex'): the header of each
+///      top-level atom after the 'moov', and each 'moof' atom whole, up to
+///      kMaxFragments of them;
+///   4. the 4 bytes of the timecode track's first sample, wherever its
+///      table or its first fragment puts it.
+/// No byte of the file is read twice except where two such ranges meet.
+///
+/// A fragmented movie's samples are those of its 'moov' plus every run
+/// ('trun') of its fragments, with 'tfhd' and 'trex' defaults. The fragment
+/// walk ends at the end of the file, at the first top-level atom that is cut
+/// or malformed, or after kMaxFragments 'moof' atoms; a fragment that is
+/// malformed, or whose samples run past the end of the file (a recording cut
+/// by a power loss), is not counted and ends the walk.
 class CQTStreaming {
  public:
   /// Largest 'moov' atom the reader accepts (memory per file is bounded by it).
   static constexpr uint64_t kMaxMovieAtomSize = 64u * 1024u * 1024u;
+  /// Largest 'moof' atom read (about 65,000 samples with every field given);
+  /// a larger one ends the fragment walk.
+  static constexpr uint64_t kMaxFragmentAtomSize = 1024u * 1024u;
+  /// Most 'moof' atoms read from one movie: over 40 minutes of one-frame
+  /// fragments at 25 fps. The samples of fragments past it are not counted.
+  static constexpr unsigned kMaxFragments = 65536;
 
   CQTStreaming();
   virtual ~CQTStreaming();

@@ -32,23 +32,23 @@ vorta_cli_test(burn_dashes RC 0 ARGS burn --size 720x486 --mode dashes --format 
 vorta_cli_test(burn_field_marker RC 0 ARGS burn --size 1280x720 --tc 12:00:00:45 --format 60 --field-marker
   --out ${_png}_marker.png STDOUT "12:00:00:45 drawn as 12:00:00:22 with field marker .\\*. \\(second field\\) \\(60\\), 12 cells of 48x72 pixels from x 348,")
 
-vorta_cli_test(burn_no_out RC 2 ARGS burn --size 720x486 STDERR "^vorta burn: --out FILE is required\nusage:")
+vorta_cli_test(burn_no_out RC 2 ARGS burn --size 720x486 STDERR "^vorta burn: --out FILE is required; see 'vorta burn --help'\n$")
 vorta_cli_test(burn_bad_pixel RC 2 ARGS burn --pixel yuv --out ${_png}_x.png
-  STDERR "^vorta burn: --pixel must be one of v210, ycbcr8, argb, rgba, rgb10, not 'yuv'\n")
+  STDERR "^vorta burn: --pixel must be one of v210, ycbcr8, argb, rgba, rgb10, not 'yuv'; see 'vorta burn --help'\n$")
 vorta_cli_test(burn_bad_format RC 2 ARGS burn --format 29.97 --out ${_png}_x.png
-  STDERR "^vorta burn: --format must be one of 24, 25, 30, 30df, 50, 60, 60df, not '29.97'\n")
+  STDERR "^vorta burn: --format must be one of 24, 25, 30, 30df, 50, 60, 60df, not '29.97'; see 'vorta burn --help'\n$")
 vorta_cli_test(burn_bad_mode RC 2 ARGS burn --mode clock --out ${_png}_x.png
-  STDERR "^vorta burn: --mode must be one of timecode, userbits, counter, dashes, not 'clock'\n")
+  STDERR "^vorta burn: --mode must be one of timecode, userbits, counter, dashes, not 'clock'; see 'vorta burn --help'\n$")
 vorta_cli_test(burn_bad_size RC 2 ARGS burn --size 1920 --out ${_png}_x.png
-  STDERR "^vorta burn: --size must be WIDTHxHEIGHT, not '1920'\n")
+  STDERR "^vorta burn: --size must be WIDTHxHEIGHT, not '1920'; see 'vorta burn --help'\n$")
 vorta_cli_test(burn_huge_size RC 2 ARGS burn --size 100000x1080 --out ${_png}_x.png
-  STDERR "^vorta burn: the width of --size must be between 1 and 8192\n")
+  STDERR "^vorta burn: the width of --size must be between 1 and 8192; see 'vorta burn --help'\n$")
 vorta_cli_test(burn_bad_tc RC 2 ARGS burn --tc 1:2:3:4 --out ${_png}_x.png
-  STDERR "^vorta burn: --tc must look like HH:MM:SS:FF, not '1:2:3:4'\n")
+  STDERR "^vorta burn: --tc must look like HH:MM:SS:FF, not '1:2:3:4'; see 'vorta burn --help'\n$")
 vorta_cli_test(burn_bad_user_bits RC 2 ARGS burn --user-bits 12345 --out ${_png}_x.png
-  STDERR "^vorta burn: --user-bits must be 8 hexadecimal digits, group 8 first, not '12345'\n")
+  STDERR "^vorta burn: --user-bits must be 8 hexadecimal digits, group 8 first, not '12345'; see 'vorta burn --help'\n$")
 vorta_cli_test(burn_bad_percent RC 2 ARGS burn --vertical-percent 101 --out ${_png}_x.png
-  STDERR "^vorta burn: --vertical-percent must be between 0 and 100\n")
+  STDERR "^vorta burn: --vertical-percent must be between 0 and 100; see 'vorta burn --help'\n$")
 vorta_cli_test(burn_does_not_fit RC 1 ARGS burn --size 200x100 --out ${_png}_x.png
   STDERR "^vorta burn: the time code does not fit in a 200x100 frame\n$")
 vorta_cli_test(burn_too_low RC 1 ARGS burn --size 1920x1080 --vertical-percent 95 --out ${_png}_x.png

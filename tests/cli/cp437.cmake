@@ -6,6 +6,6 @@ vorta_cli_test(cp437_size RC 0 ARGS cp437 --size 3 "aé€"
 vorta_cli_test(cp437_table RC 0 ARGS cp437 --table "π€"
   STDOUT "CHAR +UTF-8 +CP437\nπ +CF 80 +E3 \\(227\\)\n€ +E2 82 AC +not in code page 437: kept as UTF-8\n")
 vorta_cli_test(cp437_json RC 0 ARGS cp437 --json "é" STDOUT "\"cp437\":[ \t]*\"82\"")
-vorta_cli_test(cp437_bad_size RC 2 ARGS cp437 --size 0 abc STDERR "^vorta cp437: --size must be between 1 and 1048576\n")
-vorta_cli_test(cp437_size_not_number RC 2 ARGS cp437 --size ten abc STDERR "^vorta cp437: --size must be a whole number, not 'ten'\n")
-vorta_cli_test(cp437_two_texts RC 2 ARGS cp437 a b STDERR "^vorta cp437: too many arguments\n")
+vorta_cli_test(cp437_bad_size RC 2 ARGS cp437 --size 0 abc STDERR "^vorta cp437: --size must be between 1 and 1048576; see 'vorta cp437 --help'\n$")
+vorta_cli_test(cp437_size_not_number RC 2 ARGS cp437 --size ten abc STDERR "^vorta cp437: --size must be a whole number, not 'ten'; see 'vorta cp437 --help'\n$")
+vorta_cli_test(cp437_two_texts RC 2 ARGS cp437 a b STDERR "^vorta cp437: too many arguments; see 'vorta cp437 --help'\n$")

@@ -33,6 +33,19 @@ man)
     text=$(MANWIDTH=80 man -l "$page" 2>&1) || fail "man -l $page failed: $text"
     grep -q '^NAME' <<<"$text" || fail "the rendered page has no NAME section"
   fi
+  # The sections a manual page has beside the commands.
+  for section in NAME SYNOPSIS DESCRIPTION COMMANDS ENVIRONMENT FILES EXAMPLES "SEE ALSO"; do
+    grep -qx "\.SH $section" "$page" || fail "no section $section"
+  done
+  section_of() { awk -v s="$1" '$0 == ".SH " s { on = 1; next } on && /^\.SH / { exit } on' "$page"; }
+  for variable in VORTA_PARAMS VORTA_PREFIX COLUMNS; do
+    grep -qF "\\fB$variable\\fR" <<<"$(section_of ENVIRONMENT)" || fail "ENVIRONMENT does not name $variable"
+  done
+  for file in params.json /dev/shm/PREFIX.clips /dev/shm/sem.PREFIX.clips.lock /var/run/NAME.pid; do
+    grep -qF "$file" <<<"$(section_of FILES)" || fail "FILES does not name $file"
+  done
+  grep -q "vorta scan" <<<"$(section_of EXAMPLES)" || fail "EXAMPLES holds no scan"
+  grep -q "shm_overview(7)" <<<"$(section_of "SEE ALSO")" || fail "SEE ALSO names no shm_overview(7)"
   # Every command has its section with every option.
   for command in "${commands[@]}"; do
     grep -qx "\.SS $command" "$page" || fail "no section for '$command'"
@@ -67,10 +80,28 @@ completion)
     [ "$got" = "$want" ] || fail "completing '$*' offers '$got', not '$want'"
   }
   # Every command, and the words that may stand first.
-  all=$(printf '%s\n' "${commands[@]}" --help --version help | sort | tr '\n' ' ' | sed 's/ $//')
+  all=$(printf '%s\n' "${commands[@]}" --help --version --prefix --params | sort | tr '\n' ' ' | sed 's/ $//')
   expect "$all" vorta ""
   expect "cache" vorta cac
   expect "scan" vorta help sc
+  expect "help" vorta help hel
+  # The options common to the cache commands before the command, and the
+  # prefixes of the caches that exist in /dev/shm.
+  expect "cache" vorta --prefix test cac
+  expect "create" vorta --params p.json --prefix test cache cr
+  prefix="vorta-docs-completion-$$"
+  : >"/dev/shm/$prefix.clips" || fail "cannot make /dev/shm/$prefix.clips"
+  expect "$prefix" vorta --prefix "$prefix"
+  expect "$prefix" vorta clips --prefix "$prefix"
+  rm -f "/dev/shm/$prefix.clips"
+  # Values: parameter names, formats, pixel formats, burn-in modes.
+  expect "media-busy media-dir" vorta param get me
+  expect "take" vorta param --params p.json set tak
+  expect "" vorta param list ""
+  expect "24 25 30 30df 50 60 60df" vorta tc --format ""
+  expect "30 30df" vorta burn --format 3
+  expect "argb rgb10 rgba v210 ycbcr8" vorta burn --pixel ""
+  expect "counter dashes timecode userbits" vorta burn --mode ""
   # A command's options, and the words an option's value or the first argument is one of.
   expect "--clip-lock --clip-segment --clips" vorta cache --cl
   expect "clip playlist" vorta cache --lock ""

@@ -5,7 +5,7 @@
 find_program(VORTA_FACE_BASH bash)
 if(VORTA_FACE_BASH)
   string(REPLACE "|" ";" _face_emulator "${_emulator}")
-  foreach(_face reads exits json scan commands ranges pictures habits)
+  foreach(_face reads exits json scan commands ranges pictures habits medium tables names python)
     add_test(NAME cli.face_${_face}
       COMMAND ${VORTA_FACE_BASH} ${CMAKE_CURRENT_SOURCE_DIR}/face_${_face}.sh $<TARGET_FILE:vorta_cli>
               ${VORTA_TEST_DATA_DIR} ${PROJECT_SOURCE_DIR} ${_face_emulator})

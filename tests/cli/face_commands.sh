@@ -39,7 +39,7 @@ status "playlist create by an absolute path" 0 v playlist create "$media/Night" 
 json_ok "playlist create --json" playlist "$out"
 [ -f "$media/Night.playlist" ] || fail "Night.playlist was not created"
 status "playlist create outside the medium" 1 v playlist create "$work/Outside" ClipTK1.mov
-expect "outside refused" "^vorta playlist: refused: $work/Outside is not inside the media directory" "$err"
+expect "outside refused" "^vorta playlist: refused: $work/Outside.playlist is not inside the media directory $media$" "$err"
 [ ! -e "$work/Outside.playlist" ] || fail "a playlist was written outside the medium"
 status "scan loads the new playlists" 0 v scan "$media"
 status "playlists" 0 v playlists

@@ -34,10 +34,10 @@ if [ -w /dev/full ]; then
 fi
 status "remove of no such clip" 1 v remove Nothing.mov
 one_line "remove of no such clip" remove
-printf 'not a movie' >"$work/Text.mov"
-status "add of a refused file" 1 v add "$work/Text.mov"
+printf 'not a movie' >"$media/Text.mov"
+status "add of a refused file" 1 v add "$media/Text.mov"
 one_line "add of a refused file" add
-status "probe of a refused file" 1 p probe "$work/Text.mov"
+status "probe of a refused file" 1 p probe "$media/Text.mov"
 
 # Usage errors.
 status "unknown option" 2 p clips --frob

@@ -17,7 +17,7 @@ expect "scan mode as a word in JSON" '"scanMode":[[:space:]]*"progressive"' "$ou
 expect "rate as a rational in JSON" '"frameRateRational":[[:space:]]*"60000/1001"' "$out"
 expect "time with its zone in JSON" '"modified":[[:space:]]*"2026-01-01T[0-9:]+([+-][0-9:]+|Z)"' "$out"
 j clips --prefix "$prefix" --all
-status "clips table" 0 v clips
+status "clips table" 0 v clips --wide
 expect "the same words in the table" "^ClipTK2\.mov +2026-01-01T[0-9:]+[+-][0-9:]+ +apco +1280x720 +59\.94 +progressive " "$out"
 j add --name-only "$media/Extra_1.mov" --prefix "$prefix"
 j remove Extra_1.mov --prefix "$prefix"
@@ -43,7 +43,7 @@ j param set take 7
 j probe "$media/ClipTK2.mov"
 expect "probe: the same key as clips" '"fourCC":[[:space:]]*"apco"' "$out"
 expect "probe: scan mode as a word" '"scanMode":[[:space:]]*"progressive"' "$out"
-status "probe table" 0 p probe "$media/ClipTK2.mov"
+status "probe table" 0 p probe "$media/ClipTK2.mov" --wide
 expect "probe: the same rate as clips" " 59\.94 +progressive " "$out"
 j lut --dump "$data/lut/two_lines.lut"
 status "lut error --json" 1 p lut --json "$data/lut/letter.lut"

@@ -14,9 +14,9 @@ ln -s "$media/nowhere.mov" "$media/Dangling.mov"
 printf '{"name":"Bad","cliplist":[1]}' >"$media/Bad.playlist"
 cp "$media/Reel.playlist" "$media/Copy.playlist"
 
-status "scan" 0 v scan "$media"
+status "scan" 0 v scan "$media" --wide
 if grep -q "vorta scan" <<<"$err"; then fail "scan showed progress on a standard error that is no terminal: $err"; fi
-expect "codec outside the table" "^H264\.mov +codec outside the table \(codec 'avc1'" "$out"
+expect "codec outside the table" "^H264\.mov +codec outside the table +codec 'avc1'" "$out"
 expect "damaged" "^Broken\.mov +damaged " "$out"
 expect "not a regular file" "^Folder\.mov +not a regular file " "$out"
 expect "unreadable" "^Dangling\.mov +unreadable " "$out"

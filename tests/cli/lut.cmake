@@ -22,5 +22,5 @@ endif()
 vorta_cli_test(lut_missing_file RC 1 ARGS lut ${_lut}/absent.lut
   STDERR "Failed to open file .*absent.lut\nvorta lut: .*absent.lut: Unable to open file\n$")
 vorta_cli_test(lut_bad_size RC 2 ARGS lut --size 0 ${_lut}/two_lines.lut
-  STDERR "^vorta lut: --size must be between 1 and 1048576\nusage: vorta lut")
+  STDERR "^vorta lut: --size must be between 1 and 1048576; see 'vorta lut --help'\n$")
 vorta_cli_test(lut_help RC 0 ARGS lut --help STDOUT "^usage: vorta lut \\[options\\] FILE\n")

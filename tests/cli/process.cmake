@@ -6,16 +6,16 @@ vorta_cli_test(shm_get_missing RC 1 ARGS shm get /vorta-cli-never-created
 vorta_cli_test(shm_set_missing RC 1 ARGS shm set /vorta-cli-never-created text
   STDERR "^vorta shm: no shared string /vorta-cli-never-created")
 vorta_cli_test(shm_create_zero RC 2 ARGS shm create /vorta-cli-never-created 0
-  STDERR "^vorta shm: CAPACITY must be between 1 and 16777216\nusage:")
+  STDERR "^vorta shm: CAPACITY must be between 1 and 16777216; see 'vorta shm --help'\n$")
 vorta_cli_test(shm_create_not_a_number RC 2 ARGS shm create /vorta-cli-never-created lots
-  STDERR "^vorta shm: CAPACITY must be a whole number, not 'lots'\nusage:")
+  STDERR "^vorta shm: CAPACITY must be a whole number, not 'lots'; see 'vorta shm --help'\n$")
 vorta_cli_test(shm_create_bad_name RC 1 ARGS shm create /no/such/dir 8
   STDERR "^vorta shm: cannot create the shared string /no/such/dir\n$")
-vorta_cli_test(shm_bad_action RC 2 ARGS shm frob x STDERR "^vorta shm: unknown action 'frob' \\(create, set or get\\)\n")
-vorta_cli_test(shm_get_extra RC 2 ARGS shm get a b STDERR "^vorta shm: 'get' takes a name\n")
+vorta_cli_test(shm_bad_action RC 2 ARGS shm frob x STDERR "^vorta shm: unknown action 'frob' \\(create, set or get\\); see 'vorta shm --help'\n$")
+vorta_cli_test(shm_get_extra RC 2 ARGS shm get a b STDERR "^vorta shm: 'get' takes a name; see 'vorta shm --help'\n$")
 vorta_cli_test(daemon_demo_help RC 0 ARGS daemon-demo --help STDOUT "^usage: vorta daemon-demo \\[options\\]\n.*kill -TERM")
 vorta_cli_test(daemon_demo_bad_name RC 2 ARGS daemon-demo --name a/b
-  STDERR "^vorta daemon-demo: --name must be 1 to 100 characters without '/'\n")
+  STDERR "^vorta daemon-demo: --name must be 1 to 100 printable characters, without '/' or a backslash; see 'vorta daemon-demo --help'\n$")
 
 # The long-running commands, driven from a script that runs them in the background.
 find_program(VORTA_BASH bash)

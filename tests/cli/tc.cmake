@@ -22,12 +22,12 @@ vorta_cli_test(tc_json RC 0 ARGS tc 00:01:00:00 --format 30df --json --unchecked
 vorta_cli_test(tc_default_format RC 0 ARGS tc 00:00:01:00 STDOUT "^timecode   00:00:01:00\nframes     30\nformat     30\n$")
 vorta_cli_test(tc_help RC 0 ARGS tc --help STDOUT "^usage: vorta tc \\[options\\] ")
 vorta_cli_test(tc_unknown_format RC 2 ARGS tc 01:00:00:00 --format 29
-  STDERR "^vorta tc: unknown format '29' \\(use 24, 25, 30, 30df, 50, 60 or 60df\\)\nusage: vorta tc")
+  STDERR "^vorta tc: unknown format '29' \\(use 24, 25, 30, 30df, 50, 60 or 60df\\); see 'vorta tc --help'\n$")
 vorta_cli_test(tc_not_a_timecode RC 2 ARGS tc 1:2:3:4
-  STDERR "^vorta tc: not a time code: '1:2:3:4' \\(expected HH:MM:SS:FF\\)\nusage: vorta tc")
+  STDERR "^vorta tc: not a time code: '1:2:3:4' \\(expected HH:MM:SS:FF\\); see 'vorta tc --help'\n$")
 vorta_cli_test(tc_letters_in_timecode RC 2 ARGS tc 01:0a:00:00 STDERR "^vorta tc: not a time code: '01:0a:00:00'")
 vorta_cli_test(tc_too_long RC 2 ARGS tc 01:00:00:000 STDERR "^vorta tc: not a time code")
 vorta_cli_test(tc_bad_word RC 2 ARGS tc --decode 1 2 zz
-  STDERR "^vorta tc: not a register word: 'zz' \\(up to 8 hexadecimal digits\\)\nusage: vorta tc")
-vorta_cli_test(tc_no_input RC 2 ARGS tc STDERR "^vorta tc: give a time code, --frames N or --decode DBB LOW HIGH\nusage:")
-vorta_cli_test(tc_negative_frames RC 2 ARGS tc --frames -1 STDERR "^vorta tc: --frames must be between 0 and 4294967295\n")
+  STDERR "^vorta tc: not a register word: 'zz' \\(up to 8 hexadecimal digits\\); see 'vorta tc --help'\n$")
+vorta_cli_test(tc_no_input RC 2 ARGS tc STDERR "^vorta tc: give a time code, --frames N or --decode DBB LOW HIGH; see 'vorta tc --help'\n$")
+vorta_cli_test(tc_negative_frames RC 2 ARGS tc --frames -1 STDERR "^vorta tc: --frames must be between 0 and 4294967295; see 'vorta tc --help'\n$")

@@ -1,8 +1,9 @@
 #!/bin/bash
 # SPDX-License-Identifier: MIT
-# Builds and runs a program of another project against an installed libvorta,
-# once through find_package(vorta) and once through pkg-config, each in a
-# clean environment (env -i: no LD_LIBRARY_PATH, no PKG_CONFIG_PATH, no
+# Builds and runs programs of another project against an installed libvorta
+# (main.cpp: the library and its parameter service; lut_parse.cpp: a LUT
+# parse of its own over the exported recognisers), once through
+# find_package(vorta) and once through pkg-config, each in a clean environment (env -i: no LD_LIBRARY_PATH, no PKG_CONFIG_PATH, no
 # CMAKE_PREFIX_PATH but the one given) and with no run path to the library's
 # own dependencies: libvorta.so must find its platform libraries itself.
 #
@@ -55,6 +56,7 @@ clean cmake -S "$here" -B "$work/cmake" "${cmakeargs[@]}" >"$work/cmake.log" ||
 clean cmake --build "$work/cmake" >"$work/cmake-build.log" 2>&1 ||
   { cat "$work/cmake-build.log" >&2; exit 1; }
 clean "$work/cmake/consumer_cmake"
+clean "$work/cmake/consumer_lut_cmake"
 
 step "pkg-config --cflags --libs vorta"
 flags=$(clean "${pkgenv[@]}" pkg-config --cflags --libs vorta)
@@ -69,4 +71,8 @@ fi
 # shellcheck disable=SC2086
 clean c++ -std=c++17 "$here/main.cpp" -o "$work/consumer_pkgconfig" $flags "${runpath[@]}"
 clean "$work/consumer_pkgconfig"
-step "both consumers ran"
+# The LUT parse calls the ANTLR 3 C runtime itself, and links it itself.
+# shellcheck disable=SC2086
+clean c++ -std=c++17 "$here/lut_parse.cpp" -o "$work/consumer_lut_pkgconfig" $flags -lantlr3c "${runpath[@]}"
+clean "$work/consumer_lut_pkgconfig"
+step "the consumers ran through both routes"

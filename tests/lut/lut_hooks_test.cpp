@@ -13,9 +13,8 @@
 
 #include "LUTLexer.h"
 #include "LUTParser.h"
+#include "lut_recognizer.h"
 #include "lut_utils.h"
-
-extern pANTLR3_UINT8 LUTParserTokenNames[8];
 
 using zev::utils::LUT_Utils;
 

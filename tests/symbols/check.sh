@@ -13,14 +13,28 @@
 # depend on the optimisation level and are left out; what the version
 # script hides is hidden whatever its binding. One list per processor, as
 # names differ with the size of size_t and long.
+#
+# Whatever the list says, the C entry points that programs of the recorder
+# call by name must be exported: the LUT grammar's generated constructors and
+# token names (a program may run a parse of its own over them). Neither mode
+# accepts a library without them, so a list cannot be rewritten to lose them.
 set -euo pipefail
 mode=$1 nm=$2 lib=$3 list=$4
+required=(LUTLexerNew LUTLexerNewSSD LUTParserNew LUTParserNewSSD LUTParserTokenNames)
 
 dump() {
   "$nm" -D --defined-only -C "$lib" |
     awk '$2 ~ /^[A-Z]$/ && $2 != "W" && $2 != "V" { $1 = ""; $2 = ""; sub(/^  /, ""); print }' |
     LC_ALL=C sort -u
 }
+
+missing=$(dump | LC_ALL=C comm -13 - <(printf '%s\n' "${required[@]}" | LC_ALL=C sort) || true)
+if [ -n "$missing" ]; then
+  echo "FAIL: entry points that programs call by name are not exported by $(basename "$lib"):"
+  echo "$missing"
+  echo "(classes/vorta.map must name them under \"global\")"
+  exit 1
+fi
 
 case "$mode" in
   write)

@@ -186,65 +186,9 @@ void printCommandHelp(std::ostream& out, const Command& command) {
     out << "  " << line.first << std::string(width - line.first.size() + 2, ' ') << line.second << "\n";
 }
 
-Table::Table(std::vector<std::string> headers, std::vector<Align> align)
-    : headers_(std::move(headers)), align_(std::move(align)) {
-  align_.resize(headers_.size(), Left);
-}
-
-void Table::addRow(std::vector<std::string> cells) {
-  cells.resize(headers_.size());
-  rows_.push_back(std::move(cells));
-}
-
-void Table::print(std::ostream& out) const {
-  std::vector<std::size_t> widths(headers_.size());
-  for (std::size_t c = 0; c < headers_.size(); ++c) widths[c] = displayWidth(headers_[c]);
-  for (const auto& row : rows_)
-    for (std::size_t c = 0; c < row.size(); ++c) widths[c] = std::max(widths[c], displayWidth(row[c]));
-
-  auto printRow = [&](const std::vector<std::string>& cells) {
-    std::string line;
-    for (std::size_t c = 0; c < cells.size(); ++c) {
-      const std::size_t pad = widths[c] - displayWidth(cells[c]);
-      const bool last = c + 1 == cells.size();
-      if (align_[c] == Right) {
-        line += std::string(pad, ' ') + cells[c];
-      } else {
-        line += cells[c];
-        if (!last) line += std::string(pad, ' ');
-      }
-      if (!last) line += "  ";
-    }
-    while (!line.empty() && line.back() == ' ') line.pop_back();
-    out << line << "\n";
-  };
-  printRow(headers_);
-  for (const auto& row : rows_) printRow(row);
-}
-
-void printJson(std::ostream& out, const cJSON* json) {
-  char* text = cJSON_Print(json);
-  if (text == nullptr) throw Failure("out of memory while writing JSON");
-  out << text << "\n";
-  cJSON_free(text);
-}
-
-std::string hexBytes(const std::string& text) {
-  static const char digits[] = "0123456789ABCDEF";
-  std::string out;
-  for (unsigned char c : text) {
-    if (!out.empty()) out += ' ';
-    out += digits[c >> 4];
-    out += digits[c & 15];
-  }
-  return out;
-}
-
-std::size_t displayWidth(const std::string& text) {
-  std::size_t width = 0;
-  for (unsigned char c : text)
-    if ((c & 0xC0) != 0x80) ++width;
-  return width;
+const std::vector<std::string>& globalOptions() {
+  static const std::vector<std::string> names{"prefix", "params"};
+  return names;
 }
 
 std::string paramsFilePath(const Invocation& in, bool create) {

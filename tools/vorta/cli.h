@@ -2,8 +2,6 @@
 // vorta tool: command registry, argument parsing and output helpers.
 #pragma once
 
-#include <cjson/cJSON.h>
-
 #include <functional>
 #include <iosfwd>
 #include <map>
@@ -13,10 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "output.h"
+
 namespace vorta {
 namespace cli {
 
-/// A bad argument: reported on one line, followed by the command's usage; exit status 2.
+/// A bad argument: reported on one line with a pointer to the command's help; exit status 2.
 class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -32,7 +32,15 @@ struct Option {
   std::string name;       // long name without the dashes, e.g. "json"
   std::string valueName;  // placeholder of its value, e.g. "N"; empty for a flag
   std::string help;
+  std::vector<std::string> choices = {};  // the words its value is one of, for the completion
 };
+
+/// The elements of a and then those of b (options, columns, values).
+template <typename T>
+std::vector<T> join(std::vector<T> a, const std::vector<T>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
 
 class Invocation;
 
@@ -45,6 +53,10 @@ struct Command {
   std::function<int(Invocation&)> run;
   std::size_t minArgs = 0;
   std::size_t maxArgs = static_cast<std::size_t>(-1);
+  /// The words of the argument after a first word, for the completion:
+  /// {"get", parameter names} completes 'vorta param get NAME'.
+  std::vector<std::pair<std::string, std::vector<std::string>>> secondWords = {};
+  bool daemon = false;  // its standard error outlives the tool: left as it is
 };
 
 /// Registers a command; called from static initialisers of the cmd_*.cpp files.
@@ -87,35 +99,9 @@ std::string didYouMean(const std::string& word, const std::vector<std::string>& 
 void printCommandHelp(std::ostream& out, const Command& command);
 std::string usageLine(const Command& command);
 
-/// A text table with a header row; columns are padded to their widest cell.
-class Table {
- public:
-  enum Align { Left, Right };
-  explicit Table(std::vector<std::string> headers, std::vector<Align> align = {});
-  void addRow(std::vector<std::string> cells);
-  void print(std::ostream& out) const;
-  bool empty() const { return rows_.empty(); }
-
- private:
-  std::vector<std::string> headers_;
-  std::vector<Align> align_;
-  std::vector<std::vector<std::string>> rows_;
-};
-
-/// Owning handle of a cJSON tree.
-struct JsonDeleter {
-  void operator()(cJSON* json) const { cJSON_Delete(json); }
-};
-using Json = std::unique_ptr<cJSON, JsonDeleter>;
-
-/// Prints a JSON document followed by a newline.
-void printJson(std::ostream& out, const cJSON* json);
-
-/// "C3 A9 41": the bytes of text as upper-case hexadecimal pairs.
-std::string hexBytes(const std::string& text);
-
-/// Number of characters a UTF-8 text shows as (for padding table cells).
-std::size_t displayWidth(const std::string& text);
+/// The options every command that has them also takes before its name
+/// ('vorta --prefix demo clips'), as git takes -C.
+const std::vector<std::string>& globalOptions();
 
 /// The parameter file shared by separate vorta runs: the --params option
 /// when given, else $VORTA_PARAMS, else ~/.local/state/vorta/params.json

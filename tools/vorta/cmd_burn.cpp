@@ -55,6 +55,13 @@ const Entry& lookup(const Entry (&table)[N], const std::string& text, const std:
   throw UsageError("--" + option + " must be one of " + names + ", not '" + text + "'");
 }
 
+template <typename Entry, std::size_t N>
+std::vector<std::string> namesOf(const Entry (&table)[N]) {
+  std::vector<std::string> names;
+  for (const Entry& entry : table) names.push_back(entry.name);
+  return names;
+}
+
 // "1920x1080": width and height, each 1 to 8192.
 SIZE parseSize(const std::string& text) {
   const std::size_t x = text.find('x');
@@ -316,33 +323,30 @@ int run(Invocation& in) {
   }
   if (in.flag("field-marker") && !marker)
     shown += " (no field marker: only for time codes in 50 and 60 formats)";
-  if (in.flag("json")) {
-    Json doc(cJSON_CreateObject());
-    cJSON_AddStringToObject(doc.get(), "file", out->c_str());
-    cJSON_AddNumberToObject(doc.get(), "width", size.cx);
-    cJSON_AddNumberToObject(doc.get(), "height", size.cy);
-    cJSON_AddStringToObject(doc.get(), "pixel", pixel.name);
-    cJSON_AddStringToObject(doc.get(), "mode", mode.name);
-    cJSON_AddStringToObject(doc.get(), "shown", shown.c_str());
-    cJSON_AddStringToObject(doc.get(), "format", format.name);
-    cJSON_AddNumberToObject(doc.get(), "cells", cells);
-    if (marker) {
-      cJSON* item = cJSON_AddObjectToObject(doc.get(), "fieldMarker");
-      cJSON_AddNumberToObject(item, "field", field);
-      cJSON_AddStringToObject(item, "glyph", field == 2 ? "*" : " ");
-    } else {
-      cJSON_AddNullToObject(doc.get(), "fieldMarker");
-    }
-    cJSON_AddNumberToObject(doc.get(), "cellWidth", cellWidth);
-    cJSON_AddNumberToObject(doc.get(), "cellHeight", g.glyphHeight);
-    cJSON_AddNumberToObject(doc.get(), "x", x);
-    cJSON_AddNumberToObject(doc.get(), "line", g.verticalStart);
-    printJson(std::cout, doc.get());
-    return 0;
-  }
-  std::cout << *out << ": " << size.cx << "x" << size.cy << " " << pixel.name << ", " << shown << " ("
-            << format.name << "), " << cells << " cells of " << cellWidth << "x" << g.glyphHeight
-            << " pixels from x " << x << ", line " << g.verticalStart << "\n";
+  JsonObject marking;
+  marking.set("field", integer(field)).set("glyph", text(field == 2 ? "*" : " "));
+  JsonObject json;
+  json.set("file", text(*out))
+      .set("width", integer(size.cx))
+      .set("height", integer(size.cy))
+      .set("pixel", text(pixel.name))
+      .set("mode", text(mode.name))
+      .set("shown", text(shown))
+      .set("format", text(format.name))
+      .set("cells", integer(cells));
+  if (marker)
+    json.set("fieldMarker", std::move(marking));
+  else
+    json.set("fieldMarker", none(""));
+  json.set("cellWidth", integer(cellWidth))
+      .set("cellHeight", integer(g.glyphHeight))
+      .set("x", integer(x))
+      .set("line", integer(g.verticalStart));
+  emit(in, json,
+       *out + ": " + std::to_string(size.cx) + "x" + std::to_string(size.cy) + " " + pixel.name + ", " +
+           shown + " (" + format.name + "), " + std::to_string(cells) + " cells of " +
+           std::to_string(cellWidth) + "x" + std::to_string(g.glyphHeight) + " pixels from x " +
+           std::to_string(x) + ", line " + std::to_string(g.verticalStart));
   return 0;
 }
 
@@ -366,16 +370,16 @@ const Command kBurn{
     "count with 7 digits), dashes (--:--:--:--).",
     {{"out", "FILE", "the PNG to write (required)"},
      {"size", "WxH", "frame size in pixels (default 1920x1080)"},
-     {"pixel", "FORMAT", "v210, ycbcr8, argb, rgba or rgb10 (default v210)"},
+     {"pixel", "FORMAT", "v210, ycbcr8, argb, rgba or rgb10 (default v210)", namesOf(kPixels)},
      {"tc", "HH:MM:SS:FF", "the time code (default 01:00:00:00)"},
-     {"format", "NAME", "24, 25, 30, 30df, 50, 60 or 60df (default 30)"},
-     {"mode", "MODE", "timecode, userbits, counter or dashes (default timecode)"},
+     {"format", "NAME", "24, 25, 30, 30df, 50, 60 or 60df (default 30)", namesOf(kFormats)},
+     {"mode", "MODE", "timecode, userbits, counter or dashes (default timecode)", namesOf(kModes)},
      {"value", "N", "the number the counter shows"},
      {"user-bits", "HEX", "eight hexadecimal user-bit groups, group 8 first"},
      {"field-marker", "",
       "in 50 and 60 formats: halve the frame number and mark the second field with * in a twelfth cell"},
      {"vertical-percent", "N", "top of the cells at N % of the frame height (default 80)"},
-     {"json", "", "print the summary as JSON"}},
+     jsonOption()},
     run,
     0,
     0,

@@ -3,11 +3,11 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/interprocess/exceptions.hpp>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <iostream>
 #include <list>
 #include <map>
@@ -16,6 +16,7 @@
 #include "cache_options.h"
 #include "cli.h"
 #include "media_cache.h"
+#include "vocabulary.h"
 
 namespace {
 
@@ -92,93 +93,69 @@ std::string lockText(const MediaCache::LockState& lock) {
   return text;
 }
 
-ImageInfo clipInfo(MediaCache& cache, const MediaCacheOptions& options) {
+// What one image holds, read only while its lock is free: info never waits
+// for a lock nor takes one over.
+ImageInfo imageInfo(MediaCache& cache, const MediaCacheOptions& options, bool clips) {
   ImageInfo info;
-  info.kind = "clip";
-  info.segment = options.clipSegment;
-  info.lock = cache.ClipLockState();
-  info.segmentBytes = cache.ClipSegmentSize();
-  info.capacity = info.segmentBytes >= MediaCache::kClipHeaderSize
-                      ? (info.segmentBytes - MediaCache::kClipHeaderSize) / MediaCache::kClipSlotSize
-                      : 0;
-  if (info.lock.kind != MediaCache::LockState::Free) {
-    info.read = false;
-    return info;
+  info.kind = clips ? "clip" : "playlist";
+  info.segment = clips ? options.clipSegment : options.playlistSegment;
+  info.lock = clips ? cache.ClipLockState() : cache.PlaylistLockState();
+  info.read = info.lock.kind == MediaCache::LockState::Free;
+  if (info.read && clips) {
+    std::list<Clip> list;
+    info.valid = cache.ReadClipCacheFromSharedMemory(list) == 1;
+    for (const Clip& c : list) info.names.emplace_back(c.name, strnlen(c.name, sizeof c.name));
+  } else if (info.read) {
+    std::map<std::string, PlaylistCacheEntry> map;
+    info.valid = cache.ReadPlaylistCacheFromSharedMemory(map) == 1;
+    for (const auto& element : map) info.names.push_back(element.first);
   }
-  std::list<Clip> clips;
-  info.valid = cache.ReadClipCacheFromSharedMemory(clips) == 1;
-  info.count = clips.size();
-  for (const Clip& c : clips) info.names.emplace_back(c.name, strnlen(c.name, sizeof c.name));
-  info.segmentBytes = cache.ClipSegmentSize();
-  info.imageBytes = info.valid ? MediaCache::ClipImageSize(info.count) : 0;
-  info.capacity = info.segmentBytes >= MediaCache::kClipHeaderSize
-                      ? (info.segmentBytes - MediaCache::kClipHeaderSize) / MediaCache::kClipSlotSize
-                      : 0;
-  return info;
-}
-
-ImageInfo playlistInfo(MediaCache& cache, const MediaCacheOptions& options) {
-  ImageInfo info;
-  info.kind = "playlist";
-  info.segment = options.playlistSegment;
-  info.lock = cache.PlaylistLockState();
-  info.segmentBytes = cache.PlaylistSegmentSize();
-  info.capacity = info.segmentBytes >= MediaCache::kPlaylistHeaderSize
-                      ? (info.segmentBytes - MediaCache::kPlaylistHeaderSize) / MediaCache::kPlaylistSlotSize
-                      : 0;
-  if (info.lock.kind != MediaCache::LockState::Free) {
-    info.read = false;
-    return info;
-  }
-  std::map<std::string, PlaylistCacheEntry> playlists;
-  info.valid = cache.ReadPlaylistCacheFromSharedMemory(playlists) == 1;
-  info.count = playlists.size();
-  for (const auto& element : playlists) info.names.push_back(element.first);
-  info.segmentBytes = cache.PlaylistSegmentSize();
-  info.imageBytes = info.valid ? MediaCache::PlaylistImageSize(info.count) : 0;
-  info.capacity = info.segmentBytes >= MediaCache::kPlaylistHeaderSize
-                      ? (info.segmentBytes - MediaCache::kPlaylistHeaderSize) / MediaCache::kPlaylistSlotSize
-                      : 0;
+  info.count = info.names.size();
+  info.segmentBytes = clips ? cache.ClipSegmentSize() : cache.PlaylistSegmentSize();
+  info.capacity = roomIn(info.segmentBytes, clips);
+  if (info.valid)
+    info.imageBytes =
+        clips ? MediaCache::ClipImageSize(info.count) : MediaCache::PlaylistImageSize(info.count);
   return info;
 }
 
 void printInfo(const ImageInfo& info) {
-  std::cout << info.kind << " image in " << info.segment << ": ";
+  std::string line = std::string(info.kind) + " image in " + info.segment + ": ";
   if (!info.read)
-    std::cout << "not read while its lock is not free, segment of " << info.segmentBytes << " bytes";
+    line += "not read while its lock is not free, segment of " + std::to_string(info.segmentBytes) + " bytes";
   else if (info.valid)
-    std::cout << "valid, " << info.count << " " << info.kind << (info.count == 1 ? "" : "s") << ", "
-              << info.imageBytes << " of " << info.segmentBytes << " bytes";
+    line += "valid, " + count(info.count, info.kind) + ", " + std::to_string(info.imageBytes) + " of " +
+            std::to_string(info.segmentBytes) + " bytes";
   else
-    std::cout << "invalid (never written or flushed), segment of " << info.segmentBytes << " bytes";
-  std::cout << ", room for " << info.capacity << " " << info.kind << "s; " << lockText(info.lock) << "\n";
-  for (const std::string& name : info.names) std::cout << "  " << name << "\n";
+    line += "invalid (never written or flushed), segment of " + std::to_string(info.segmentBytes) + " bytes";
+  say(line + ", room for " + std::to_string(info.capacity) + " " + info.kind + "s; " + lockText(info.lock));
+  for (const std::string& name : info.names) say("  " + name);
 }
 
-cJSON* jsonInfo(const ImageInfo& info) {
-  cJSON* item = cJSON_CreateObject();
-  cJSON_AddStringToObject(item, "segment", info.segment.c_str());
-  cJSON_AddBoolToObject(item, "read", info.read);
-  cJSON_AddBoolToObject(item, "valid", info.valid);
-  cJSON_AddNumberToObject(item, "count", static_cast<double>(info.count));
-  cJSON_AddNumberToObject(item, "imageBytes", static_cast<double>(info.imageBytes));
-  cJSON_AddNumberToObject(item, "segmentBytes", static_cast<double>(info.segmentBytes));
-  cJSON_AddNumberToObject(item, "capacity", static_cast<double>(info.capacity));
-  cJSON* lock = cJSON_AddObjectToObject(item, "lock");
-  cJSON_AddStringToObject(lock, "state", lockKind(info.lock));
-  if (info.lock.pid > 0) cJSON_AddNumberToObject(lock, "pid", info.lock.pid);
-  cJSON_AddBoolToObject(lock, "recorded", info.lock.pid > 0);
-  if (info.lock.pid > 0) {
-    cJSON_AddStringToObject(lock, "program", info.lock.program.c_str());
-    if (info.lock.heldSeconds >= 0) cJSON_AddNumberToObject(lock, "heldSeconds", info.lock.heldSeconds);
-  }
-  if (info.lock.waiter > 0) cJSON_AddNumberToObject(lock, "waiter", info.lock.waiter);
-  if (info.lock.endedMidway > 0) cJSON_AddNumberToObject(lock, "endedMidway", info.lock.endedMidway);
-  cJSON_AddNumberToObject(lock, "takeovers", info.lock.takeovers);
-  if (info.lock.mutexMode != 0)
-    cJSON_AddStringToObject(lock, "mutexMode", modeText(info.lock.mutexMode).c_str());
-  cJSON* names = cJSON_AddArrayToObject(item, "names");
-  for (const std::string& name : info.names) cJSON_AddItemToArray(names, cJSON_CreateString(name.c_str()));
+JsonObject jsonInfo(const ImageInfo& info) {
+  const MediaCache::LockState& lock = info.lock;
+  char held[32];
+  std::snprintf(held, sizeof held, "%.1f", lock.heldSeconds);
+  JsonObject state;
+  state.set("state", text(lockKind(lock)))
+      .set("pid", lock.pid > 0 ? integer(lock.pid) : absent())
+      .set("recorded", flag(lock.pid > 0))
+      .set("program", lock.pid > 0 ? text(lock.program) : absent())
+      .set("heldSeconds", lock.pid > 0 && lock.heldSeconds >= 0 ? real(lock.heldSeconds, held) : absent())
+      .set("waiter", lock.waiter > 0 ? integer(lock.waiter) : absent())
+      .set("endedMidway", lock.endedMidway > 0 ? integer(lock.endedMidway) : absent())
+      .set("takeovers", integer(lock.takeovers))
+      .set("mutexMode", lock.mutexMode != 0 ? text(modeText(lock.mutexMode)) : absent());
+  JsonObject item;
+  item.set("segment", text(info.segment))
+      .set("read", flag(info.read))
+      .set("valid", flag(info.valid))
+      .set("count", integer(static_cast<long long>(info.count)))
+      .set("imageBytes", integer(static_cast<long long>(info.imageBytes)))
+      .set("segmentBytes", integer(static_cast<long long>(info.segmentBytes)))
+      .set("capacity", integer(static_cast<long long>(info.capacity)))
+      .set("lock", std::move(state))
+      .set("names", info.names);
   return item;
 }
 
@@ -190,20 +167,19 @@ int create(Invocation& in, MediaCacheOptions options) {
   options.create = true;
   try {
     MediaCache cache(options);
-    if (in.flag("json")) {
-      Json doc(cJSON_CreateObject());
-      cJSON* clips = cJSON_AddObjectToObject(doc.get(), "clips");
-      cJSON_AddStringToObject(clips, "segment", options.clipSegment.c_str());
-      cJSON_AddNumberToObject(clips, "segmentBytes", static_cast<double>(cache.ClipSegmentSize()));
-      cJSON* playlists = cJSON_AddObjectToObject(doc.get(), "playlists");
-      cJSON_AddStringToObject(playlists, "segment", options.playlistSegment.c_str());
-      cJSON_AddNumberToObject(playlists, "segmentBytes", static_cast<double>(cache.PlaylistSegmentSize()));
-      printJson(std::cout, doc.get());
-      return 0;
-    }
-    std::cout << "clip segment " << options.clipSegment << ": " << cache.ClipSegmentSize() << " bytes\n"
-              << "playlist segment " << options.playlistSegment << ": " << cache.PlaylistSegmentSize()
-              << " bytes\n";
+    const auto bytes = [](std::uint64_t size) { return integer(static_cast<long long>(size)); };
+    emit(in,
+         JsonObject()
+             .set("clips", std::move(JsonObject()
+                                         .set("segment", text(options.clipSegment))
+                                         .set("segmentBytes", bytes(cache.ClipSegmentSize()))))
+             .set("playlists", std::move(JsonObject()
+                                             .set("segment", text(options.playlistSegment))
+                                             .set("segmentBytes", bytes(cache.PlaylistSegmentSize())))),
+         "clip segment " + options.clipSegment + ": " + std::to_string(cache.ClipSegmentSize()) + " bytes");
+    if (formatOf(in) == Format::Text)
+      say("playlist segment " + options.playlistSegment + ": " + std::to_string(cache.PlaylistSegmentSize()) +
+          " bytes");
   } catch (const boost::interprocess::interprocess_exception& e) {
     throw Failure(std::string("cannot create the cache: ") + e.what());
   }
@@ -213,56 +189,46 @@ int create(Invocation& in, MediaCacheOptions options) {
 int run(Invocation& in) {
   const auto& args = in.args();
   const std::string& action = args[0];
+  const std::vector<std::string> actions{"create", "info", "flush", "repair", "hold", "remove"};
+  if (std::find(actions.begin(), actions.end(), action) == actions.end())
+    throw UsageError("unknown action '" + action + "' (create, info, flush, repair, hold or remove)" +
+                     didYouMean(action, actions));
   const MediaCacheOptions options = cacheOptionsFrom(in);
   if ((in.value("clips") || in.value("playlists")) && action != "create")
     throw UsageError("--clips and --playlists are for 'create'");
   if ((in.value("seconds") || in.value("lock")) && action != "hold")
     throw UsageError("--seconds and --lock are for 'hold'");
   if (in.flag("json") && action == "hold") throw UsageError("--json is not for 'hold'");
+  const bool quiet = formatOf(in) == Format::Quiet;
 
   if (action == "create") return create(in, options);
   if (action == "remove") {
     const int removed = MediaCache::Remove(options);
-    if (in.flag("json")) {
-      Json doc(cJSON_CreateObject());
-      cJSON_AddNumberToObject(doc.get(), "removed", removed);
-      cJSON* names = cJSON_AddArrayToObject(doc.get(), "names");
-      for (const std::string* name :
-           {&options.clipSegment, &options.clipLock, &options.playlistSegment, &options.playlistLock})
-        cJSON_AddItemToArray(names, cJSON_CreateString(name->c_str()));
-      printJson(std::cout, doc.get());
-      return 0;
-    }
-    std::cout << "removed " << removed << " of 4 (" << options.clipSegment << ", " << options.clipLock << ", "
-              << options.playlistSegment << ", " << options.playlistLock << ")\n";
+    const std::vector<std::string> names{options.clipSegment, options.clipLock, options.playlistSegment,
+                                         options.playlistLock};
+    emit(in, JsonObject().set("removed", integer(removed)).set("names", names),
+         "removed " + std::to_string(removed) + " of 4 (" + names[0] + ", " + names[1] + ", " + names[2] +
+             ", " + names[3] + ")");
     return 0;
   }
+  auto cache = openExistingCache(in, options);
   if (action == "info") {
-    auto cache = openExistingCache(in, options);
-    const ImageInfo clips = clipInfo(*cache, options);
-    const ImageInfo playlists = playlistInfo(*cache, options);
-    if (in.flag("json")) {
-      Json doc(cJSON_CreateObject());
-      cJSON_AddItemToObject(doc.get(), "clips", jsonInfo(clips));
-      cJSON_AddItemToObject(doc.get(), "playlists", jsonInfo(playlists));
-      printJson(std::cout, doc.get());
-    } else {
+    const ImageInfo clips = imageInfo(*cache, options, true);
+    const ImageInfo playlists = imageInfo(*cache, options, false);
+    if (formatOf(in) == Format::Json) {
+      printJson(std::cout,
+                JsonObject().set("clips", jsonInfo(clips)).set("playlists", jsonInfo(playlists)).get());
+    } else if (!quiet) {
       printInfo(clips);
       printInfo(playlists);
     }
     return 0;
   }
   if (action == "repair") {
-    auto cache = openExistingCache(in, options);
     const int tookOver = cache->RepairLocks();
-    if (in.flag("json")) {
-      Json doc(cJSON_CreateObject());
-      cJSON_AddNumberToObject(doc.get(), "tookOver", tookOver);
-      printJson(std::cout, doc.get());
-      return 0;
-    }
-    std::cout << "took over " << tookOver << " lock" << (tookOver == 1 ? "" : "s")
-              << " left held by processes that ended\n";
+    emit(in, JsonObject().set("tookOver", integer(tookOver)),
+         "took over " + count(static_cast<std::size_t>(tookOver), "lock") +
+             " left held by processes that ended");
     return 0;
   }
   if (action == "hold") {
@@ -271,36 +237,24 @@ int run(Invocation& in) {
     const long long seconds = in.integer("seconds", 10, 0, 86400);
     const std::string which = in.value("lock").value_or("clip");
     if (which != "clip" && which != "playlist") throw UsageError("--lock must be clip or playlist");
-    const bool playlists = which == "playlist";
-    auto cache = openExistingCache(in, options);
     auto work = [&] {
-      std::cout << "holding the " << (playlists ? "playlist" : "clip") << " lock as pid " << getpid()
-                << " for " << seconds << " s" << std::endl;
+      if (!quiet)
+        std::cout << "holding the " << which << " lock as pid " << getpid() << " for " << seconds << " s"
+                  << std::endl;
       for (long long left = seconds; left > 0;) left = sleep(static_cast<unsigned>(left));
     };
-    if (playlists)
+    if (which == "playlist")
       cache->HoldPlaylistLock(work);
     else
       cache->HoldClipLock(work);
-    std::cout << "released" << std::endl;
+    if (!quiet) std::cout << "released" << std::endl;
     return 0;
   }
-  if (action == "flush") {
-    auto cache = openExistingCache(in, options);
-    cache->Flush();
-    if (in.flag("json")) {
-      Json doc(cJSON_CreateObject());
-      cJSON* flushed = cJSON_AddArrayToObject(doc.get(), "flushed");
-      cJSON_AddItemToArray(flushed, cJSON_CreateString(options.clipSegment.c_str()));
-      cJSON_AddItemToArray(flushed, cJSON_CreateString(options.playlistSegment.c_str()));
-      printJson(std::cout, doc.get());
-      return 0;
-    }
-    std::cout << "flushed " << options.clipSegment << " and " << options.playlistSegment << "\n";
-    return 0;
-  }
-  throw UsageError("unknown action '" + action + "' (create, info, flush, repair, hold or remove)" +
-                   didYouMean(action, {"create", "info", "flush", "repair", "hold", "remove"}));
+  cache->Flush();
+  emit(in,
+       JsonObject().set("flushed", std::vector<std::string>{options.clipSegment, options.playlistSegment}),
+       "flushed " + options.clipSegment + " and " + options.playlistSegment);
+  return 0;
 }
 
 std::vector<Option> cacheOptions() {
@@ -309,8 +263,10 @@ std::vector<Option> cacheOptions() {
   options.push_back(
       {"playlists", "N", "create: the most playlists the playlist segment holds (default 200)"});
   options.push_back({"json", "", "create, info, flush, repair, remove: print JSON"});
+  options.push_back({"quiet", "", "print nothing but errors"});
   options.push_back({"seconds", "N", "hold: how long to hold the lock (default 10)"});
-  options.push_back({"lock", "clip|playlist", "hold: which lock to hold (default clip)"});
+  options.push_back(
+      {"lock", "clip|playlist", "hold: which lock to hold (default clip)", {"clip", "playlist"}});
   return options;
 }
 
@@ -323,11 +279,11 @@ const Command kCache{
     "libvorta. 'create' makes them (or grows them) for --clips and --playlists;\n"
     "a 4000-clip segment is 26 MB of address space, but memory is only used for\n"
     "what is written. 'info' shows whether each image is valid, its count, its\n"
-    "size, the names in it, who holds its lock (pid, start time, alive or gone)\n"
-    "and the mode of its mutex. 'flush' invalidates both\n"
-    "images. A lock left held by a process that has provably ended is taken\n"
-    "over by the next process that uses the cache; 'repair' does that at once.\n"
-    "A holder outside this library is always waited for. 'hold' holds one lock\n"
+    "size, the names in it, who holds its lock (pid, program, for how long, or\n"
+    "gone) and the mode of its mutex. 'flush' invalidates both images. A lock\n"
+    "left by a process that ended inside is taken over by the next process that\n"
+    "uses the cache; 'repair' does that at once. A holder outside this library\n"
+    "is always waited for. 'hold' holds one lock\n"
     "for --seconds, to see what others see meanwhile. 'remove' deletes the\n"
     "segments and mutexes from the system.",
     cacheOptions(),

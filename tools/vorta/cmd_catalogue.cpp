@@ -73,71 +73,41 @@ const Option kUnchecked{"unchecked", "", "take an --encode-type outside the tabl
 
 std::string fourCCOf(const Clip& clip) { return std::string(clip.fourCC, strnlen(clip.fourCC, 5)); }
 
-// One clip as the catalogue's JSON gives it.
-cJSON* clipJson(MediaCache& cache, Clip& clip, unsigned encodeType) {
-  cJSON* item = cJSON_CreateObject();
-  cJSON_AddStringToObject(item, "name", clipName(clip).c_str());
-  if (clip.fourCC[0] == '\0')
-    cJSON_AddNullToObject(item, "modified");  // taken by name only
-  else
-    cJSON_AddStringToObject(item, "modified", isoTime(clip.modTime).c_str());
-  cJSON_AddStringToObject(item, "fourCC", fourCCOf(clip).c_str());
-  cJSON_AddNumberToObject(item, "width", clip.width);
-  cJSON_AddNumberToObject(item, "height", clip.height);
-  cJSON_AddNumberToObject(item, "frameRate", clip.frameRate);
-  cJSON_AddStringToObject(item, "frameRateRational", rateRational(clip.frameRate).c_str());
-  cJSON_AddStringToObject(item, "scanMode", scanModeWord(clip.scanMode).c_str());
-  cJSON_AddNumberToObject(item, "videoLength", clip.videoLength);
-  cJSON_AddBoolToObject(item, "playable", !unplayable(clip));
-  const std::string why = whyNotPlayable(cache, clip, encodeType);
-  if (!why.empty()) cJSON_AddStringToObject(item, "notPlayable", why.c_str());
-  cJSON* attrs = cJSON_AddObjectToObject(item, "attributes");
-  for (const auto& pair : clip.attributes.getAttributesMap())
-    cJSON_AddStringToObject(attrs, pair.first.c_str(), pair.second.c_str());
-  return item;
-}
-
-cJSON* catalogueJson(MediaCache& cache, std::list<Clip>& clips, unsigned encodeType) {
-  cJSON* list = cJSON_CreateArray();
-  for (Clip& clip : clips) cJSON_AddItemToArray(list, clipJson(cache, clip, encodeType));
-  return list;
-}
-
-void printCatalogueTable(MediaCache& cache, std::list<Clip>& clips, unsigned encodeType) {
-  if (clips.empty()) {
-    std::cout << "no clips\n";
-    return;
-  }
-  Table table(
-      {"NAME", "MODIFIED", "CODEC", "SIZE", "RATE", "SCAN", "FRAMES", "AUDIO", "START TC", "PLAYABLE"},
-      {Table::Left, Table::Left, Table::Left, Table::Right, Table::Right, Table::Left, Table::Right,
-       Table::Right, Table::Left, Table::Left});
+// The catalogue: one row per clip. At 80 columns the table keeps the name,
+// the picture and the verdict; times give way after the audio channels,
+// frames and start time codes.
+Rows catalogueRows(MediaCache& cache, std::list<Clip>& clips, unsigned encodeType) {
+  Rows rows(join(
+      join({{"name", "NAME", Column::Left, 0, Column::Middle}, {"modified", "MODIFIED", Column::Left, 6}},
+           pictureColumns()),
+      {{"playable", "PLAYABLE"}, {"notPlayable", "WHY NOT", Column::Left, 0, Column::End}, {"attributes"}}));
   for (Clip& clip : clips) {
-    std::string playable = "yes";
-    if (unplayable(clip)) {
-      const std::string why = whyNotPlayable(cache, clip, encodeType);
-      playable = "no: " + (why.empty() ? std::string("marked unplayable at intake") : why);
-    }
-    const bool nameOnly = clip.fourCC[0] == '\0';
-    table.addRow({clipName(clip), nameOnly ? "-" : isoTime(clip.modTime), nameOnly ? "-" : fourCCOf(clip),
-                  nameOnly ? "-" : std::to_string(clip.width) + "x" + std::to_string(clip.height),
-                  nameOnly ? "-" : rateDecimal(clip.frameRate), nameOnly ? "-" : scanModeWord(clip.scanMode),
-                  nameOnly ? "-" : std::to_string(clip.videoLength),
-                  attribute(clip, zev::media::MediaAudioChannels),
-                  attribute(clip, zev::media::MediaStartingTimecode), playable});
+    const bool nameOnly = clip.fourCC[0] == '\0';  // taken by name only
+    std::string why = whyNotPlayable(cache, clip, encodeType);
+    if (why.empty() && unplayable(clip)) why = "marked unplayable at intake";
+    std::vector<std::pair<std::string, std::string>> attributes;
+    for (const auto& pair : clip.attributes.getAttributesMap()) attributes.push_back(pair);
+    const Picture picture{fourCCOf(clip),
+                          clip.width,
+                          clip.height,
+                          clip.frameRate,
+                          clip.scanMode,
+                          clip.videoLength,
+                          text(attribute(clip, zev::media::MediaAudioChannels)),
+                          text(attribute(clip, zev::media::MediaStartingTimecode))};
+    rows.add(join(join({text(clipName(clip)), nameOnly ? none("-") : text(isoTime(clip.modTime))},
+                       pictureValues(picture, [nameOnly](Value v) { return nameOnly ? v.shows("-") : v; })),
+                  {flag(!unplayable(clip)), why.empty() ? absent() : text(why), pairs(attributes)}));
   }
-  table.print(std::cout);
-  std::cout << clips.size() << (clips.size() == 1 ? " clip" : " clips") << ", codec mode " << encodeType
-            << "\n";
+  return rows;
 }
 
-void printCatalogue(const Invocation& in, MediaCache& cache, std::list<Clip> clips, unsigned encodeType) {
-  if (in.flag("json")) {
-    Json list(catalogueJson(cache, clips, encodeType));
-    printJson(std::cout, list.get());
-    return;
-  }
-  printCatalogueTable(cache, clips, encodeType);
+// The catalogue as the invocation asks, with its count under a table.
+void printCatalogue(const Invocation& in, const Rows& rows, unsigned encodeType, const JsonObject* json) {
+  if (rows.empty() && formatOf(in) == Format::Text) return say("no clips");
+  emit(in, rows, json);
+  if (formatOf(in) == Format::Text)
+    say(count(rows.size(), "clip") + ", codec mode " + std::to_string(encodeType));
 }
 
 // The medium's entries in the order the scan reads them (hidden ones, which
@@ -164,7 +134,8 @@ std::vector<std::string> entriesOf(const std::string& dir) {
 // terminal, so that scripts and logs get only the result.
 class Progress {
  public:
-  Progress(const std::string& dir, const std::vector<std::string>& names) : dir_(dir), total_(names.size()) {
+  Progress(const std::string& dir, const std::vector<std::string>& names, bool quiet)
+      : dir_(dir), total_(names.size()), tty_(!quiet && ::isatty(stderrFd()) != 0) {
     if (!tty_) return;
     if (char* real = ::realpath(dir.c_str(), nullptr)) {
       dir_ = real;
@@ -184,7 +155,7 @@ class Progress {
     wake_.notify_all();
     thread_.join();
     show(total_);
-    std::cerr << "\n";
+    write("\n");
   }
 
  private:
@@ -213,8 +184,13 @@ class Progress {
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
     char rate[32];
     std::snprintf(rate, sizeof rate, "%.0f", static_cast<double>(done) / std::max(seconds, 1e-3));
-    std::cerr << "\r\033[Kvorta scan: " << done << " of " << total_ << " files, " << rate << " files/s"
-              << std::flush;
+    write("\r\033[Kvorta scan: " + std::to_string(done) + " of " + std::to_string(total_) + " files, " +
+          rate + " files/s");
+  }
+
+  // Straight to the terminal: the line's own control sequence is meant.
+  static void write(const std::string& text) {
+    if (::write(stderrFd(), text.data(), text.size()) < 0) return;
   }
 
   void run() {
@@ -227,10 +203,10 @@ class Progress {
 
   std::string dir_;  // as the kernel names it in /proc/self/fd
   std::size_t total_;
+  bool tty_;
   std::map<std::string, std::size_t> index_;
   std::size_t done_files_ = 0;
   std::chrono::steady_clock::time_point start_;
-  bool tty_ = ::isatty(2) != 0;
   bool done_ = false;
   std::mutex mutex_;
   std::condition_variable wake_;
@@ -270,13 +246,6 @@ LeftOut whyLeftOut(MediaCache& cache, const std::string& dir, const std::string&
   return {name, "damaged", "not a readable QuickTime movie with a video track"};
 }
 
-// "All Clips" is empty when the clips' names do not fit a playlist's text.
-std::string allClipsProblem(const PlaylistCacheEntry& entry, std::size_t clips) {
-  if (entry.text[0] != '\0') return "";
-  return "the names of the " + std::to_string(clips) + " clips do not fit the " +
-         std::to_string(sizeof entry.text - 1) + " characters of a playlist's text";
-}
-
 // The count the library's size error names ("... 5100 clips need ..."), or fallback.
 unsigned long long countInSizeError(const std::string& text, const char* what, unsigned long long fallback) {
   const std::string::size_type colon = text.find(": ");
@@ -296,7 +265,7 @@ int runScan(Invocation& in) {
   MediaSession session(in, true, CacheUse::Create);
   const unsigned encodeType = encodeTypeOf(in, session.params());
   try {
-    Progress progress(dir, names);
+    Progress progress(dir, names, formatOf(in) == Format::Quiet);
     if (in.value("encode-type")) {
       if (session.cache().ScanMedia(dir, encodeType) != 1) throw Failure("the scan of " + dir + " failed");
     } else if (session.finder().scanMedia(dir) != 0) {
@@ -306,30 +275,18 @@ int runScan(Invocation& in) {
     // A medium larger than a segment: say what it holds and what makes room.
     const std::string what = e.what();
     const bool clips = what.find("clips need") != std::string::npos;
-    const bool playlists = what.find("playlists need") != std::string::npos;
-    if (!clips && !playlists) throw;
-    const std::string prefix = catalogueName(in);
-    if (clips) {
-      std::size_t candidates = 0;
-      for (const std::string& name : names)
-        if (name.find(".mov") != std::string::npos || name.find(".MOV") != std::string::npos) ++candidates;
-      const unsigned long long count = countInSizeError(what, "clips", candidates);
-      const std::uint64_t size = session.cache().ClipSegmentSize();
-      const std::uint64_t room = size >= MediaCache::kClipHeaderSize
-                                     ? (size - MediaCache::kClipHeaderSize) / MediaCache::kClipSlotSize
-                                     : 0;
-      throw Failure("the medium has " + std::to_string(count) + " clips but the catalogue segment holds " +
-                    std::to_string(room) + "; make room with 'vorta cache create --prefix " + prefix +
-                    " --clips " + std::to_string(count) + "' and scan again");
-    }
-    const unsigned long long count = countInSizeError(what, "playlists", 0);
-    const std::uint64_t size = session.cache().PlaylistSegmentSize();
-    const std::uint64_t room = size >= MediaCache::kPlaylistHeaderSize
-                                   ? (size - MediaCache::kPlaylistHeaderSize) / MediaCache::kPlaylistSlotSize
-                                   : 0;
-    throw Failure("the medium has " + std::to_string(count) + " playlists but the playlist segment holds " +
-                  std::to_string(room) + "; make room with 'vorta cache create --prefix " + prefix +
-                  " --playlists " + std::to_string(count) + "' and scan again");
+    if (!clips && what.find("playlists need") == std::string::npos) throw;
+    std::size_t candidates = 0;
+    for (const std::string& name : names)
+      if (name.find(".mov") != std::string::npos || name.find(".MOV") != std::string::npos) ++candidates;
+    const std::string kind = clips ? "clips" : "playlists";
+    const unsigned long long need = countInSizeError(what, kind.c_str(), clips ? candidates : 0);
+    const std::uint64_t size =
+        clips ? session.cache().ClipSegmentSize() : session.cache().PlaylistSegmentSize();
+    throw Failure("the medium has " + std::to_string(need) + " " + kind + " but the " +
+                  (clips ? "catalogue" : "playlist") + " segment holds " +
+                  std::to_string(roomIn(size, clips)) + "; make room with 'vorta cache create --prefix " +
+                  catalogueName(in) + " --" + kind + " " + std::to_string(need) + "' and scan again");
   }
 
   std::list<Clip> clips = session.finder().findClips(true, false, true);
@@ -342,74 +299,59 @@ int runScan(Invocation& in) {
     const std::string path(pair.second.path, strnlen(pair.second.path, sizeof pair.second.path));
     if (path.compare(0, dir.size() + 1, dir + "/") == 0) takenPlaylists.insert(path.substr(dir.size() + 1));
   }
-  std::vector<LeftOut> leftOut;
+  Rows leftOut({{"file", "LEFT OUT", Column::Left, 0, Column::Middle},
+                {"reason", "REASON"},
+                {"detail", "DETAIL", Column::Left, 0, Column::End}});
   for (const std::string& name : names) {
     const std::string path = dir + "/" + name;
+    LeftOut item{name, "", ""};
     if (path.find(".mov") != std::string::npos || path.find(".MOV") != std::string::npos) {
       if (taken.count(name.substr(0, Clip::kNameSize - 1)) == 0)
-        leftOut.push_back(whyLeftOut(session.cache(), dir, name, false));
+        item = whyLeftOut(session.cache(), dir, name, false);
     } else if (path.find(".playlist") != std::string::npos) {
-      if (takenPlaylists.count(name) == 0) leftOut.push_back(whyLeftOut(session.cache(), dir, name, true));
+      if (takenPlaylists.count(name) == 0) item = whyLeftOut(session.cache(), dir, name, true);
     } else {
-      leftOut.push_back({name, "not a clip name", "neither .mov nor .playlist"});
+      item = {name, "not a clip name", "neither .mov nor .playlist"};
     }
+    if (!item.reason.empty()) leftOut.add({text(item.file), text(item.reason), text(item.detail)});
   }
   const auto all = playlists.find(MediaCache::kAllClipsName);
   const std::string allClips = all == playlists.end() ? "" : allClipsProblem(all->second, clips.size());
   const std::size_t accepted = names.size() - leftOut.size();
-
-  if (in.flag("json")) {
-    Json doc(cJSON_CreateObject());
-    cJSON_AddStringToObject(doc.get(), "directory", dir.c_str());
-    cJSON_AddNumberToObject(doc.get(), "encodeType", encodeType);
-    cJSON_AddNumberToObject(doc.get(), "files", static_cast<double>(names.size()));
-    cJSON_AddNumberToObject(doc.get(), "accepted", static_cast<double>(accepted));
-    cJSON* out = cJSON_AddArrayToObject(doc.get(), "leftOut");
-    for (const LeftOut& item : leftOut) {
-      cJSON* entry = cJSON_CreateObject();
-      cJSON_AddStringToObject(entry, "file", item.file.c_str());
-      cJSON_AddStringToObject(entry, "reason", item.reason.c_str());
-      cJSON_AddStringToObject(entry, "detail", item.detail.c_str());
-      cJSON_AddItemToArray(out, entry);
-    }
-    cJSON_AddItemToObject(doc.get(), "clips", catalogueJson(session.cache(), clips, encodeType));
-    cJSON* list = cJSON_AddArrayToObject(doc.get(), "playlists");
-    for (const auto& pair : playlists) {
-      cJSON* item = cJSON_CreateObject();
-      cJSON_AddStringToObject(item, "name", pair.first.c_str());
-      cJSON_AddStringToObject(
-          item, "path",
-          std::string(pair.second.path, strnlen(pair.second.path, sizeof pair.second.path)).c_str());
-      cJSON_AddItemToArray(list, item);
-    }
-    cJSON* allItem = cJSON_AddObjectToObject(doc.get(), "allClips");
-    cJSON_AddBoolToObject(allItem, "built", allClips.empty());
-    if (!allClips.empty()) cJSON_AddStringToObject(allItem, "reason", allClips.c_str());
-    printJson(std::cout, doc.get());
-    return 0;
-  }
-  printCatalogueTable(session.cache(), clips, encodeType);
-  std::cout << "\n";
-  Table table({"PLAYLIST", "FILE"});
+  Rows playlistRows({{"name", "PLAYLIST"}, {"path", "FILE", Column::Left, 0, Column::Middle}});
   for (const auto& pair : playlists) {
     const std::string path(pair.second.path, strnlen(pair.second.path, sizeof(pair.second.path)));
-    if (pair.first == MediaCache::kAllClipsName && path.empty())
-      table.addRow({pair.first, allClips.empty() ? "(every clip)" : "(not built: " + allClips + ")"});
-    else
-      table.addRow({pair.first, path});
+    const bool synthetic = pair.first == MediaCache::kAllClipsName && path.empty();
+    playlistRows.add(
+        {text(pair.first),
+         synthetic ? text(path).shows(allClips.empty() ? "(every clip)" : "(not built: " + allClips + ")")
+                   : text(path)});
   }
-  table.print(std::cout);
+  const Rows catalogue = catalogueRows(session.cache(), clips, encodeType);
+  JsonObject json;
+  json.set("directory", text(dir))
+      .set("encodeType", integer(encodeType))
+      .set("files", integer(static_cast<long long>(names.size())))
+      .set("accepted", integer(static_cast<long long>(accepted)))
+      .set("leftOut", leftOut)
+      .set("clips", catalogue)
+      .set("playlists", playlistRows)
+      .set("allClips", std::move(JsonObject()
+                                     .set("built", flag(allClips.empty()))
+                                     .set("reason", allClips.empty() ? absent() : text(allClips))));
+  printCatalogue(in, catalogue, encodeType, &json);
+  if (formatOf(in) != Format::Text) return 0;
+  const std::size_t width = terminalWidth();
+  std::cout << "\n";
+  playlistRows.table(std::cout, width, in.flag("wide"));
   if (!leftOut.empty()) {
     std::cout << "\n";
-    Table left({"LEFT OUT", "REASON"});
-    for (const LeftOut& item : leftOut) left.addRow({item.file, item.reason + " (" + item.detail + ")"});
-    left.print(std::cout);
+    leftOut.table(std::cout, width, in.flag("wide"));
   }
-  std::cout << "\n"
-            << names.size() << (names.size() == 1 ? " file" : " files") << " in " << dir << ": " << accepted
-            << " taken (" << taken.size() << (taken.size() == 1 ? " clip" : " clips") << ", "
-            << takenPlaylists.size() << (takenPlaylists.size() == 1 ? " playlist" : " playlists") << "), "
-            << leftOut.size() << " left out\n";
+  std::cout << "\n";
+  say(count(names.size(), "file") + " in " + dir + ": " + std::to_string(accepted) + " taken (" +
+      count(taken.size(), "clip") + ", " + count(takenPlaylists.size(), "playlist") + "), " +
+      std::to_string(leftOut.size()) + " left out");
   return 0;
 }
 
@@ -427,12 +369,12 @@ const Command kScan{
     "that makes room. Prints the catalogue, the playlists, every file left out\n"
     "with its reason (codec outside the table, damaged, not a regular file,\n"
     "unreadable, not a clip name, not a playlist file, same text as another\n"
-    "playlist) and the counts. On a terminal, standard error shows the files\n"
-    "done of the total and the rate.",
+    "playlist) and the counts; --csv and --tsv print the catalogue alone. On a\n"
+    "terminal, standard error shows the files done of the total and the rate.",
     mediaOptions(
         {{"encode-type", "N", "the device's current encode type (default: the encode-type parameter)"},
-         {"json", "", "print what was taken and left out as JSON"},
-         kUnchecked}),
+         kUnchecked},
+        outputOptions(true, true)),
     runScan,
     1,
     1,
@@ -443,9 +385,9 @@ int runClips(Invocation& in) {
   encodeTypeOption(in);  // bad values are refused before anything is opened
   MediaSession session(in, false, CacheUse::Existing);
   const unsigned encodeType = encodeTypeOf(in, session.params());
-  printCatalogue(in, session.cache(),
-                 session.finder().findClips(!in.flag("reverse"), in.flag("playlist"), in.flag("all")),
-                 encodeType);
+  std::list<Clip> clips =
+      session.finder().findClips(!in.flag("reverse"), in.flag("playlist"), in.flag("all"));
+  printCatalogue(in, catalogueRows(session.cache(), clips, encodeType), encodeType, nullptr);
   return 0;
 }
 
@@ -456,13 +398,15 @@ const Command kClips{
     "Lists the clips of the shared catalogue as the recorder's processes see\n"
     "them: oldest first, playable clips only unless --all. With --playlist the\n"
     "current playlist (parameters current-playlist and playback-mode 2)\n"
-    "chooses and orders the clips.",
+    "chooses and orders the clips. A table narrower than its terminal leaves\n"
+    "out the audio channels, frames, start time code, time, scan mode, codec,\n"
+    "rate and size, in that order, as far as it must (--wide: none).",
     mediaOptions({{"reverse", "", "newest first"},
                   {"playlist", "", "through the current playlist"},
                   {"all", "", "include unplayable clips"},
                   {"encode-type", "N", "codec mode to explain playability against (default: the parameter)"},
-                  {"json", "", "print JSON"},
-                  kUnchecked}),
+                  kUnchecked},
+                 outputOptions(true)),
     runClips,
     0,
     0,
@@ -471,25 +415,32 @@ VORTA_REGISTER_COMMAND(kClips);
 
 int runAdd(Invocation& in) {
   encodeTypeOption(in);
-  MediaSession session(in, false, CacheUse::Create);
   const std::string path = in.args()[0];
+  {
+    FileParamStore params(paramsFilePath(in, false));
+    insideMedium(mediaDirOf(params), absolutePath(path));
+  }
+  MediaSession session(in, false, CacheUse::Create);
   int index = -1;
   if (!session.cache().AddClip(path, encodeTypeOf(in, session.params()), index, in.flag("name-only")))
     throw Failure(path + " was not taken: not a QuickTime clip the scanner accepts");
   std::vector<char> copy(path.begin(), path.end());
   copy.push_back('\0');
   const std::string name = ::basename(copy.data());
-  const std::size_t count = session.cache().GetClips().size();
-  if (in.flag("json")) {
-    Json doc(cJSON_CreateObject());
-    cJSON_AddStringToObject(doc.get(), "added", name.c_str());
-    cJSON_AddNumberToObject(doc.get(), "index", index);
-    cJSON_AddNumberToObject(doc.get(), "count", static_cast<double>(count));
-    printJson(std::cout, doc.get());
-  } else {
-    std::cout << "added " << name << " (index " << index << "); the catalogue holds " << count
-              << (count == 1 ? " clip\n" : " clips\n");
+  const std::list<Clip> clips = session.cache().GetClips();
+  long long position = 0;
+  for (const Clip& clip : clips) {
+    if (clipName(clip) == name.substr(0, Clip::kNameSize - 1)) break;
+    ++position;
   }
+  emit(in,
+       JsonObject()
+           .set("added", text(name))
+           .set("index", integer(index))
+           .set("catalogueIndex", integer(position))
+           .set("count", integer(static_cast<long long>(clips.size()))),
+       "added " + name + ": clip " + std::to_string(position + 1) + " of " + std::to_string(clips.size()) +
+           " in the catalogue (oldest first)");
   return 0;
 }
 
@@ -497,12 +448,16 @@ const Command kAdd{
     "add",
     "add one clip file to the shared catalogue",
     "FILE",
-    "Scans FILE and puts its clip into the catalogue, replacing any clip of\n"
-    "the same name, as the recorder does after it has recorded a clip.",
+    "Scans FILE, which must lie inside the media directory (a relative path is\n"
+    "taken from the working directory), and puts its clip\n"
+    "into the catalogue, replacing any clip of the same name, as the recorder\n"
+    "does after it has recorded a clip. Says where the clip now stands in the\n"
+    "catalogue, which is sorted oldest first (JSON: catalogueIndex, from 0; its\n"
+    "index is the library's, the place it was appended at before sorting).",
     mediaOptions({{"name-only", "", "take the name only, without reading the file"},
                   {"encode-type", "N", "the device's current encode type (default: the parameter)"},
-                  {"json", "", "print JSON"},
-                  kUnchecked}),
+                  kUnchecked},
+                 outputOptions(false, true)),
     runAdd,
     1,
     1,
@@ -545,15 +500,9 @@ int runRemove(Invocation& in) {
     }
     ++left;
   }
-  if (in.flag("json")) {
-    Json doc(cJSON_CreateObject());
-    cJSON_AddStringToObject(doc.get(), "removed", removed.c_str());
-    cJSON_AddNumberToObject(doc.get(), "count", static_cast<double>(after.size()));
-    printJson(std::cout, doc.get());
-  } else {
-    std::cout << "removed " << removed << "; the catalogue holds " << after.size()
-              << (after.size() == 1 ? " clip\n" : " clips\n");
-  }
+  emit(in,
+       JsonObject().set("removed", text(removed)).set("count", integer(static_cast<long long>(after.size()))),
+       "removed " + removed + "; the catalogue holds " + count(after.size(), "clip"));
   return 0;
 }
 
@@ -566,8 +515,8 @@ const Command kRemove{
     "went: XXClipTK1.mov.old removes ClipTK1.mov. With --exact only a clip\n"
     "named exactly NAME (or the last part of a path) goes, and a NAME in which\n"
     "other clip names occur too is refused. The file itself is not touched.",
-    mediaOptions({{"exact", "", "remove only the clip of exactly this name; refuse ambiguous names"},
-                  {"json", "", "print JSON"}}),
+    mediaOptions({{"exact", "", "remove only the clip of exactly this name; refuse ambiguous names"}},
+                 {jsonOption()}),
     runRemove,
     1,
     1,

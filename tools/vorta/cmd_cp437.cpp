@@ -2,6 +2,7 @@
 // vorta cp437: shows how a text is sent to the recorder's code page 437 display.
 #include <cstring>
 #include <iostream>
+#include <string>
 #include <vector>
 
 #include "cli.h"
@@ -36,54 +37,37 @@ std::vector<Character> characters(const std::string& text) {
 }
 
 int run(Invocation& in) {
-  const std::string text = in.args().front();
-  const long long size = in.integer("size", static_cast<long long>(text.size()) + 1, 1, 1 << 20);
+  const std::string input = in.args().front();
+  const long long size = in.integer("size", static_cast<long long>(input.size()) + 1, 1, 1 << 20);
 
   std::vector<char> buffer(static_cast<std::size_t>(size), '\0');
-  strncpyasutf8_map_cp437(buffer.data(), text.data(), static_cast<int>(text.size()), static_cast<int>(size));
+  strncpyasutf8_map_cp437(buffer.data(), input.data(), static_cast<int>(input.size()),
+                          static_cast<int>(size));
   const std::string converted(buffer.data(), strnlen(buffer.data(), buffer.size()));
-  const auto chars = characters(text);
+  const auto chars = characters(input);
 
-  if (in.flag("json")) {
-    Json doc(cJSON_CreateObject());
-    cJSON_AddStringToObject(doc.get(), "input", text.c_str());
-    cJSON_AddStringToObject(doc.get(), "utf8", hexBytes(text).c_str());
-    cJSON_AddNumberToObject(doc.get(), "size", static_cast<double>(size));
-    cJSON_AddStringToObject(doc.get(), "cp437", hexBytes(converted).c_str());
-    cJSON_AddNumberToObject(doc.get(), "bytes", static_cast<double>(converted.size()));
-    cJSON* list = cJSON_AddArrayToObject(doc.get(), "characters");
-    for (const Character& c : chars) {
-      cJSON* item = cJSON_CreateObject();
-      cJSON_AddStringToObject(item, "utf8", hexBytes(c.utf8).c_str());
-      if (c.mapped)
-        cJSON_AddNumberToObject(item, "cp437", c.code);
-      else
-        cJSON_AddNullToObject(item, "cp437");
-      cJSON_AddItemToArray(list, item);
-    }
-    printJson(std::cout, doc.get());
-    return 0;
-  }
-
-  std::cout << "input  " << text.size() << " bytes UTF-8: " << hexBytes(text) << "\n";
-  std::cout << "cp437  " << converted.size() << " bytes";
-  if (in.value("size")) std::cout << " (buffer of " << size << ")";
-  std::cout << ": " << hexBytes(converted) << "\n";
-
-  if (in.flag("table")) {
+  Rows rows({{"", "CHAR"}, {"utf8", "UTF-8"}, {"cp437", "CP437"}});
+  for (const Character& c : chars)
+    rows.add({text(c.utf8), text(hexBytes(c.utf8)),
+              c.mapped ? integer(c.code).shows(hexBytes(std::string(1, static_cast<char>(c.code))) + " (" +
+                                               std::to_string(c.code) + ")")
+                       : none(c.utf8.size() == 1 ? "same byte" : "not in code page 437: kept as UTF-8")});
+  const Format format = formatOf(in);
+  if (format == Format::Text) {
+    say("input  " + std::to_string(input.size()) + " bytes UTF-8: " + hexBytes(input));
+    say("cp437  " + std::to_string(converted.size()) + " bytes" +
+        (in.value("size") ? " (buffer of " + std::to_string(size) + ")" : "") + ": " + hexBytes(converted));
+    if (!in.flag("table")) return 0;
     std::cout << "\n";
-    Table table({"CHAR", "UTF-8", "CP437"});
-    for (const Character& c : chars) {
-      const bool printable = !(c.utf8.size() == 1 && (static_cast<unsigned char>(c.utf8[0]) < 0x20 ||
-                                                      static_cast<unsigned char>(c.utf8[0]) >= 0x80));
-      table.addRow({printable ? c.utf8 : "?", hexBytes(c.utf8),
-                    c.mapped ? hexBytes(std::string(1, static_cast<char>(c.code))) + " (" +
-                                   std::to_string(c.code) + ")"
-                    : c.utf8.size() == 1 ? "same byte"
-                                         : "not in code page 437: kept as UTF-8"});
-    }
-    table.print(std::cout);
   }
+  JsonObject json;
+  json.set("input", text(input))
+      .set("utf8", text(hexBytes(input)))
+      .set("size", integer(size))
+      .set("cp437", text(hexBytes(converted)))
+      .set("bytes", integer(static_cast<long long>(converted.size())))
+      .set("characters", rows);
+  emit(in, rows, &json);
   return 0;
 }
 
@@ -95,9 +79,9 @@ const Command kCp437{
     "character display: every character that code page 437 can show becomes its\n"
     "one-byte code (128-254), everything else stays as it is, and a multi-byte\n"
     "character never gets split at the end of the buffer.",
-    {{"size", "N", "convert into a buffer of N bytes, terminator included (default: large enough)"},
-     {"table", "", "list every character with its UTF-8 bytes and its code"},
-     {"json", "", "print the result as JSON"}},
+    join({{"size", "N", "convert into a buffer of N bytes, terminator included (default: large enough)"},
+          {"table", "", "list every character with its UTF-8 bytes and its code (--csv, --tsv: only that)"}},
+         outputOptions(true)),
     run,
     1,
     1,

@@ -22,8 +22,11 @@ std::string status() { return "running"; }
 int run(Invocation& in) {
   static std::string shortName;
   shortName = in.value("name").value_or("vorta-demo");
-  if (shortName.empty() || shortName.find('/') != std::string::npos || shortName.size() > 100)
-    throw UsageError("--name must be 1 to 100 characters without '/'");
+  // The name goes into the pid file's path and the daemon's messages, which
+  // this command leaves as the library writes them: printable text only.
+  if (shortName.empty() || shortName.find('/') != std::string::npos || shortName.size() > 100 ||
+      shown(shortName) != shortName)
+    throw UsageError("--name must be 1 to 100 printable characters, without '/' or a backslash");
   const bool keep = in.flag("keep");
   // The pid file is named after the program's short invocation name.
   program_invocation_short_name = &shortName[0];
@@ -66,6 +69,8 @@ const Command kDaemonDemo{
     run,
     0,
     0,
+    {},
+    true,
 };
 VORTA_REGISTER_COMMAND(kDaemonDemo);
 

@@ -313,49 +313,46 @@ int run(Invocation& in) {
                                     : bitDepthOf(red, green, blue, std::max(count, 0));
   if (const auto out = in.value("plot")) plot(*out, red, green, blue, count, bits);
 
-  if (in.flag("json")) {
-    Json doc(cJSON_CreateObject());
-    cJSON_AddStringToObject(doc.get(), "file", file.c_str());
-    cJSON_AddBoolToObject(doc.get(), "ok", ok);
-    cJSON_AddNumberToObject(doc.get(), "count", count);
-    cJSON_AddNumberToObject(doc.get(), "size", size);
-    cJSON_AddNumberToObject(doc.get(), "bitDepth", bits);
+  const Format format = formatOf(in);
+  const bool entries = in.flag("dump") || format == Format::Csv || format == Format::Tsv;
+  Rows rows({{"", "INDEX", Column::Right},
+             {"red", "RED", Column::Right},
+             {"green", "GREEN", Column::Right},
+             {"blue", "BLUE", Column::Right}});
+  for (int i = 0; entries && i < count; ++i)
+    rows.add({integer(i), integer(red[i]), integer(green[i]), integer(blue[i])});
+  if (format == Format::Json) {
+    JsonObject doc;
+    doc.set("file", text(file)).set("ok", flag(ok)).set("count", integer(count)).set("size", integer(size));
+    doc.set("bitDepth", integer(bits));
     if (ok) {
-      cJSON_AddNullToObject(doc.get(), "error");
+      doc.set("error", none(""));
     } else {
       const ErrorPlace place = placeOf(file, error);
-      cJSON* e = cJSON_AddObjectToObject(doc.get(), "error");
-      cJSON_AddNumberToObject(e, "line", static_cast<double>(place.line));
-      cJSON_AddNumberToObject(e, "column", static_cast<double>(place.column));
-      cJSON_AddStringToObject(e, "message", place.message.c_str());
-      cJSON_AddStringToObject(e, "parserText", error.c_str());
+      doc.set("error", std::move(JsonObject()
+                                     .set("line", integer(place.line))
+                                     .set("column", integer(place.column))
+                                     .set("message", text(place.message))
+                                     .set("parserText", text(error))));
     }
-    if (in.flag("dump")) {
-      cJSON* entries = cJSON_AddArrayToObject(doc.get(), "entries");
-      for (int i = 0; i < count; ++i) {
-        const int rgb[3] = {red[i], green[i], blue[i]};
-        cJSON_AddItemToArray(entries, cJSON_CreateIntArray(rgb, 3));
-      }
-    }
+    if (entries) doc.set("entries", rows, true);
     printJson(std::cout, doc.get());
     return ok ? 0 : 1;
   }
-
-  if (in.flag("dump")) {
-    Table table({"INDEX", "RED", "GREEN", "BLUE"}, {Table::Right, Table::Right, Table::Right, Table::Right});
-    for (int i = 0; i < count; ++i)
-      table.addRow(
-          {std::to_string(i), std::to_string(red[i]), std::to_string(green[i]), std::to_string(blue[i])});
-    if (!table.empty()) table.print(std::cout);
+  if (entries && !rows.empty()) emit(in, rows);
+  if (format == Format::Text) {
+    say("entries: " + std::to_string(count));
+    if (ok) say("ok");
   }
-  std::cout << "entries: " << count << "\n";
-  if (ok) {
-    std::cout << "ok\n";
-    return 0;
-  }
+  if (ok) return 0;
   std::cout.flush();
-  std::cerr << summaryOf(file, placeOf(file, error)) << "\n" << error;
-  if (error.empty() || error.back() != '\n') std::cerr << "\n";
+  sayError(summaryOf(file, placeOf(file, error)));
+  // The parser's own text, line by line.
+  for (std::string::size_type start = 0; start < error.size();) {
+    const std::string::size_type end = std::min(error.find('\n', start), error.size());
+    sayError(error.substr(start, end - start));
+    start = end + 1;
+  }
   return 1;
 }
 
@@ -375,7 +372,9 @@ const Command kLut{
      {"plot", "PNG", "draw red, green and blue against the entry index into a PNG file"},
      {"bits", "N",
       "the table's bit depth for the plot's value axis (default: the least that holds its values)"},
-     {"json", "", "print the result as JSON (the entries too with --dump)"}},
+     jsonOption(),
+     {"csv", "", "print the entries as CSV (RFC 4180) with a header row"},
+     {"tsv", "", "print the entries as tab-separated values with a header row"}},
     run,
     1,
     1,

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 // vorta next-name, after-delete: the next recording's clip name, and the clip made current after deletes.
-#include <iostream>
 #include <set>
 
 #include "cli.h"
@@ -29,14 +28,7 @@ int runNextName(Invocation& in) {
     if (name.empty()) throw Failure("no clip name can be made: the master's take is used up (999)");
     throw Failure("takes are used up: " + name + " is already on the medium and 999 is the last take");
   }
-  if (in.flag("json")) {
-    Json doc(cJSON_CreateObject());
-    cJSON_AddStringToObject(doc.get(), "name", name.c_str());
-    cJSON_AddNumberToObject(doc.get(), "take", Clip::extractTake(name));
-    printJson(std::cout, doc.get());
-  } else {
-    std::cout << name << "\n";
-  }
+  emit(in, JsonObject().set("name", text(name)).set("take", integer(Clip::extractTake(name))), name);
   return 0;
 }
 
@@ -51,7 +43,7 @@ const Command kNextName{
     "is used up. With --advance the take is first moved above every matching\n"
     "take on the medium and then on by one for the recording after this one,\n"
     "as the recorder does when it starts recording.",
-    mediaOptions({{"advance", "", "move the take on as a recording would"}, {"json", "", "print JSON"}}),
+    mediaOptions({{"advance", "", "move the take on as a recording would"}}, {jsonOption()}),
     runNextName,
     0,
     0,
@@ -64,13 +56,7 @@ int runAfterDelete(Invocation& in) {
   const std::set<std::string> deleted(args.begin() + 1, args.end());
   const std::string next = session.finder().NextClipNameAfterDelete(
       session.finder().findClips(true, false, true), args[0], deleted);
-  if (in.flag("json")) {
-    Json doc(cJSON_CreateObject());
-    cJSON_AddStringToObject(doc.get(), "current", next.c_str());
-    printJson(std::cout, doc.get());
-  } else {
-    std::cout << next << "\n";
-  }
+  emit(in, JsonObject().set("current", text(next)), next);
   return 0;
 }
 
@@ -81,7 +67,7 @@ const Command kAfterDelete{
     "The next clip of the catalogue after CURRENT that was not deleted,\n"
     "wrapping to the first one; CURRENT itself when it was not deleted; N/A\n"
     "when no clip is left.",
-    mediaOptions({{"json", "", "print JSON"}}),
+    mediaOptions({}, {jsonOption()}),
     runAfterDelete,
     2,
 };

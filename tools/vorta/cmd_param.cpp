@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // vorta param: read and change the recorder's parameters kept in the parameter file.
 #include <cstdio>
-#include <iostream>
 #include <memory>
 
 #include "cli.h"
@@ -18,9 +17,17 @@ std::string hexId(eParam_t id) {
   return buffer;
 }
 
+std::vector<std::string> paramNames() {
+  std::vector<std::string> names;
+  for (const ParamInfo& info : knownParams()) names.push_back(info.name);
+  return names;
+}
+
 const ParamInfo& lookup(const std::string& name) {
   const ParamInfo* info = findParam(name);
-  if (info == nullptr) throw UsageError("unknown parameter '" + name + "' (see 'vorta param list')");
+  if (info == nullptr)
+    throw UsageError("unknown parameter '" + name + "'" + didYouMean(name, paramNames()) +
+                     " ('vorta param list' lists them)");
   return *info;
 }
 
@@ -36,36 +43,38 @@ std::optional<std::string> valueOf(ParamStore& store, const ParamInfo& info) {
   return std::to_string(value);
 }
 
-void addValue(cJSON* object, const ParamInfo& info, const std::string& value) {
-  if (info.isText)
-    cJSON_AddStringToObject(object, "value", value.c_str());
-  else
-    cJSON_AddNumberToObject(object, "value", std::stod(value));
+// The value typed: text or number, shown in tables with quotes around text.
+Value typed(const ParamInfo& info, const std::string& value) {
+  return info.isText ? text(value).shows("\"" + value + "\"") : integer(std::stoll(value));
 }
 
-int list(Invocation& in, ParamStore& store) {
-  if (in.flag("json")) {
-    Json doc(cJSON_CreateArray());
-    for (const ParamInfo& info : knownParams()) {
-      const auto value = valueOf(store, info);
-      if (!value) throw Failure("cannot read the parameter file");
-      cJSON* item = cJSON_CreateObject();
-      cJSON_AddStringToObject(item, "name", info.name);
-      cJSON_AddStringToObject(item, "id", hexId(info.id).c_str());
-      addValue(item, info, *value);
-      cJSON_AddItemToArray(doc.get(), item);
-    }
-    printJson(std::cout, doc.get());
-    return 0;
-  }
-  Table table({"NAME", "ID", "VALUE", "MEANING"});
+// The parameter file's values, one row per parameter. At 80 columns the
+// identifiers go first, then the meanings and values are shortened.
+int list(Invocation& in, FileParamStore& store) {
+  Rows rows({{"name", "NAME"},
+             {"id", "ID", Column::Left, 1},
+             {"value", "VALUE", Column::Left, 0, Column::Middle},
+             {"", "MEANING", Column::Left, 0, Column::End}});
   for (const ParamInfo& info : knownParams()) {
     const auto value = valueOf(store, info);
     if (!value) throw Failure("cannot read the parameter file");
-    table.addRow({info.name, hexId(info.id), info.isText ? "\"" + *value + "\"" : *value, info.description});
+    rows.add({text(info.name), text(hexId(info.id)), typed(info, *value), text(info.description)});
   }
-  table.print(std::cout);
+  emit(in, rows);
   return 0;
+}
+
+// One parameter as JSON, or its bare value.
+void show(Invocation& in, FileParamStore& store, const ParamInfo& info, bool quietText) {
+  const auto value = valueOf(store, info);
+  if (!value) throw Failure("cannot read " + std::string(info.name) + " from " + store.path());
+  if (quietText && !in.flag("json")) return;
+  emit(in,
+       JsonObject()
+           .set("name", text(info.name))
+           .set("id", text(hexId(info.id)))
+           .set("value", typed(info, *value)),
+       *value);
 }
 
 int run(Invocation& in) {
@@ -74,24 +83,15 @@ int run(Invocation& in) {
   const bool writing = action == "set";
   FileParamStore store(paramsFilePath(in, writing));
 
+  if (action != "list" && (in.flag("csv") || in.flag("tsv") || in.flag("wide")))
+    throw UsageError("--csv, --tsv and --wide are for 'list'");
   if (action == "list") {
     if (args.size() != 1) throw UsageError("'list' takes no further arguments");
     return list(in, store);
   }
   if (action == "get") {
     if (args.size() != 2) throw UsageError("'get' takes one parameter name");
-    const ParamInfo& info = lookup(args[1]);
-    const auto value = valueOf(store, info);
-    if (!value) throw Failure("cannot read " + std::string(info.name) + " from " + store.path());
-    if (in.flag("json")) {
-      Json doc(cJSON_CreateObject());
-      cJSON_AddStringToObject(doc.get(), "name", info.name);
-      cJSON_AddStringToObject(doc.get(), "id", hexId(info.id).c_str());
-      addValue(doc.get(), info, *value);
-      printJson(std::cout, doc.get());
-    } else {
-      std::cout << *value << "\n";
-    }
+    show(in, store, lookup(args[1]), false);
     return 0;
   }
   if (writing) {
@@ -109,15 +109,7 @@ int run(Invocation& in) {
       stored = store.setParam(info.id, static_cast<uint32_t>(value));
     }
     if (stored != 1) throw Failure("could not write " + store.path());
-    if (in.flag("json")) {
-      const auto value = valueOf(store, info);
-      if (!value) throw Failure("cannot read " + std::string(info.name) + " back from " + store.path());
-      Json doc(cJSON_CreateObject());
-      cJSON_AddStringToObject(doc.get(), "name", info.name);
-      cJSON_AddStringToObject(doc.get(), "id", hexId(info.id).c_str());
-      addValue(doc.get(), info, *value);
-      printJson(std::cout, doc.get());
-    }
+    show(in, store, info, true);
     return 0;
   }
   throw UsageError("unknown action '" + action + "' (list, get or set)" +
@@ -133,12 +125,13 @@ const Command kParam{
     "share their parameters. NAME is a name from 'vorta param list' or a\n"
     "numeric identifier such as 0x1108000A. The file is --params FILE, else\n"
     "$VORTA_PARAMS, else ~/.local/state/vorta/params.json.",
-    {{"params", "FILE", "the parameter file"},
-     {"json", "", "print JSON"},
-     {"unchecked", "", "set: take an encode-type outside the table (0 to 9) as it is"}},
+    join({{"params", "FILE", "the parameter file"},
+          {"unchecked", "", "set: take an encode-type outside the table (0 to 9) as it is"}},
+         outputOptions(true)),
     run,
     1,
     3,
+    {{"get", paramNames()}, {"set", paramNames()}},
 };
 VORTA_REGISTER_COMMAND(kParam);
 

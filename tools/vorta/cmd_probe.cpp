@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
+#include <map>
 #include <memory>
 
 #include "cli.h"
@@ -45,65 +45,41 @@ Probe probe(const std::string& file) {
 }
 
 int run(Invocation& in) {
-  std::vector<Probe> probes;
-  for (const std::string& file : in.args()) probes.push_back(probe(file));
+  // At 80 columns the table keeps the file, the picture and the verdict.
+  Rows rows(join(join({{"file", "FILE", Column::Left, 0, Column::Middle}, {"valid"}}, pictureColumns()),
+                 {{"", "FORMAT", Column::Left, 7},
+                  {"", "ENCODE", Column::Right, 4},
+                  {"refused", "REFUSED", Column::Left, 0, Column::End},
+                  {"attributes"},
+                  {"attributeText"}}));
   bool allValid = true;
-  for (const Probe& p : probes) allValid = allValid && p.refusal.empty();
-
-  if (in.flag("json")) {
-    Json list(cJSON_CreateArray());
-    for (Probe& p : probes) {
-      cJSON* item = cJSON_CreateObject();
-      cJSON_AddStringToObject(item, "file", p.file.c_str());
-      cJSON_AddBoolToObject(item, "valid", p.refusal.empty());
-      if (!p.refusal.empty()) cJSON_AddStringToObject(item, "refused", p.refusal.c_str());
-      if (p.params && p.params->videoLength != 0) {
-        CFileParams& r = *p.params;
-        cJSON_AddStringToObject(item, "fourCC", codecText(r).c_str());
-        cJSON_AddNumberToObject(item, "width", r.width);
-        cJSON_AddNumberToObject(item, "height", r.height);
-        cJSON_AddNumberToObject(item, "frameRate", r.frameRate);
-        cJSON_AddStringToObject(item, "frameRateRational", rateRational(r.frameRate).c_str());
-        cJSON_AddStringToObject(item, "scanMode", scanModeWord(r.scanMode).c_str());
-        cJSON_AddNumberToObject(item, "videoLength", r.videoLength);
-      }
-      if (p.refusal.empty()) {
-        cJSON* attributes = cJSON_AddObjectToObject(item, "attributes");
-        for (const auto& kv : p.params->attributes.getAttributesMap())
-          cJSON_AddStringToObject(attributes, kv.first.c_str(), kv.second.c_str());
-        cJSON_AddStringToObject(item, "attributeText", p.params->attributes.block);
-      }
-      cJSON_AddItemToArray(list.get(), item);
-    }
-    printJson(std::cout, list.get());
-    return allValid ? 0 : 1;
+  for (const std::string& file : in.args()) {
+    const Probe p = probe(file);
+    allValid = allValid && p.refusal.empty();
+    const bool read = p.params && p.params->videoLength != 0;
+    std::map<std::string, std::string> found;
+    if (p.refusal.empty()) found = p.params->attributes.getAttributesMap();
+    const auto attribute = [&](const char* key) { return found.count(key) ? text(found[key]) : absent(); };
+    const CFileParams* r = p.params.get();
+    const char* block = r != nullptr ? r->attributes.block : "";
+    const Picture picture = read ? Picture{codecText(*r),
+                                           r->width,
+                                           r->height,
+                                           r->frameRate,
+                                           r->scanMode,
+                                           r->videoLength,
+                                           attribute("Audio Chan"),
+                                           attribute("Starting TC")}
+                                 : Picture{};
+    rows.add(
+        join(join({text(file), flag(p.refusal.empty())},
+                  pictureValues(picture, [read](Value v) { return read ? v : absent(); })),
+             {attribute("Format"), attribute("Encode Type"), p.refusal.empty() ? absent() : text(p.refusal),
+              p.refusal.empty() ? pairs({found.begin(), found.end()}) : absent(),
+              p.refusal.empty() ? text(std::string(block, strnlen(block, zev::media::MediaAttributes::kSize)))
+                                : absent()}));
   }
-
-  Table table(
-      {"FILE", "CODEC", "SIZE", "RATE", "SCAN", "FRAMES", "AUDIO", "START TC", "FORMAT", "ENCODE", ""},
-      {Table::Left, Table::Left, Table::Left, Table::Right, Table::Left, Table::Right, Table::Right,
-       Table::Left, Table::Left, Table::Right, Table::Left});
-  for (Probe& p : probes) {
-    if (!p.refusal.empty()) {
-      const bool read = p.params && p.params->videoLength != 0;
-      if (!read) {
-        table.addRow({p.file, "", "", "", "", "", "", "", "", "", "refused: " + p.refusal});
-        continue;
-      }
-      const CFileParams& r = *p.params;
-      table.addRow({p.file, codecText(r), std::to_string(r.width) + "x" + std::to_string(r.height),
-                    rateDecimal(r.frameRate), scanModeWord(r.scanMode), std::to_string(r.videoLength), "", "",
-                    "", "", "refused: " + p.refusal});
-      continue;
-    }
-    CFileParams& r = *p.params;
-    auto attributes = r.attributes.getAttributesMap();
-    table.addRow({p.file, codecText(r), std::to_string(r.width) + "x" + std::to_string(r.height),
-                  rateDecimal(r.frameRate), scanModeWord(r.scanMode), std::to_string(r.videoLength),
-                  attributes["Audio Chan"], attributes["Starting TC"], attributes["Format"],
-                  attributes["Encode Type"], ""});
-  }
-  table.print(std::cout);
+  emit(in, rows);
   return allValid ? 0 : 1;
 }
 
@@ -120,7 +96,7 @@ const Command kProbe{
     "or a codec the recorder does not play (the picture parameters read are\n"
     "still shown). Exit status 0 when every file was scanned, 1 when any was\n"
     "refused.",
-    {{"json", "", "print a JSON array, one object per file, with the attribute text"}},
+    outputOptions(true),
     run,
     1,
 };

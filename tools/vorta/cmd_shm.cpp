@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <string>
 #include <vector>
 
 #include "cli.h"
@@ -31,7 +32,7 @@ int create(Invocation& in, const std::string& name, const std::string& capacityT
   if (!shm.create(capacity)) {
     // Another process owns the name and still runs: its text is left alone.
     if (ShmString::hasLiveOwner(name.c_str())) {
-      std::cerr << "vorta shm: " << name << " is owned by a running process; not taken over\n";
+      warn("shm", name + " is owned by a running process; not taken over");
       return 1;
     }
     throw Failure("cannot create the shared string " + name);
@@ -41,14 +42,16 @@ int create(Invocation& in, const std::string& name, const std::string& capacityT
   std::vector<char> held(static_cast<std::size_t>(capacity));
   shm.get(held.data(), capacity);
 
-  std::cout << "holding " << name << ": capacity " << capacity << " bytes, owner pid " << getpid() << "\n"
-            << "text: " << quoted(held.data()) << "\n"
-            << "waiting for SIGINT or SIGTERM (Ctrl-C, or kill -TERM " << getpid() << ")" << std::endl;
+  say("holding " + name + ": capacity " + std::to_string(capacity) + " bytes, owner pid " +
+      std::to_string(getpid()));
+  say("text: " + quoted(held.data()));
+  say("waiting for SIGINT or SIGTERM (Ctrl-C, or kill -TERM " + std::to_string(getpid()) + ")");
+  std::cout.flush();
   int sig = 0;
   sigwait(&stop, &sig);
   shm.get(held.data(), capacity);
   shm.close();
-  std::cout << "signal " << sig << ": removed " << name << ", last text " << quoted(held.data()) << std::endl;
+  say("signal " + std::to_string(sig) + ": removed " + name + ", last text " + quoted(held.data()));
   return 0;
 }
 
@@ -57,17 +60,15 @@ int set(Invocation& in, const std::string& name, const std::string& text) {
   if (!shm.set(text.c_str())) throw Failure("no shared string " + name + " (is 'vorta shm create' running?)");
   const int capacity = shm.capacity();
   const std::size_t stored = std::min(text.size(), static_cast<std::size_t>(capacity - 1));
-  if (in.flag("json")) {
-    Json doc(cJSON_CreateObject());
-    cJSON_AddStringToObject(doc.get(), "name", name.c_str());
-    cJSON_AddNumberToObject(doc.get(), "capacity", capacity);
-    cJSON_AddNumberToObject(doc.get(), "length", static_cast<double>(text.size()));
-    cJSON_AddNumberToObject(doc.get(), "stored", static_cast<double>(stored));
-    printJson(std::cout, doc.get());
-  } else {
-    std::cout << "stored " << stored << " of " << text.size() << " characters in " << name << " (capacity "
-              << capacity << ")" << (stored < text.size() ? ": cut to capacity - 1" : "") << "\n";
-  }
+  emit(in,
+       JsonObject()
+           .set("name", vorta::cli::text(name))
+           .set("capacity", integer(capacity))
+           .set("length", integer(static_cast<long long>(text.size())))
+           .set("stored", integer(static_cast<long long>(stored))),
+       "stored " + std::to_string(stored) + " of " + std::to_string(text.size()) + " characters in " + name +
+           " (capacity " + std::to_string(capacity) + ")" +
+           (stored < text.size() ? ": cut to capacity - 1" : ""));
   return 0;
 }
 
@@ -80,17 +81,14 @@ int get(Invocation& in, const std::string& name) {
   std::vector<char> text(static_cast<std::size_t>(size));
   const int result = shm.get(text.data(), size);
   if (result < 0) throw Failure("cannot read the shared string " + name);
-  if (in.flag("json")) {
-    Json doc(cJSON_CreateObject());
-    cJSON_AddStringToObject(doc.get(), "name", name.c_str());
-    cJSON_AddStringToObject(doc.get(), "text", text.data());
-    cJSON_AddNumberToObject(doc.get(), "result", result);
-    cJSON_AddNumberToObject(doc.get(), "capacity", capacity);
-    cJSON_AddBoolToObject(doc.get(), "ownerAlive", ownerAlive);
-    printJson(std::cout, doc.get());
-  } else {
-    std::cout << text.data() << "\n";
-  }
+  emit(in,
+       JsonObject()
+           .set("name", vorta::cli::text(name))
+           .set("text", vorta::cli::text(text.data()))
+           .set("result", integer(result))
+           .set("capacity", integer(capacity))
+           .set("ownerAlive", flag(ownerAlive)),
+       text.data());
   return 0;
 }
 

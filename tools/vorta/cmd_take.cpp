@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: MIT
 // vorta take: the take number that clip names carry.
-#include <iostream>
-
 #include "cli.h"
 #include "clip.h"
 
@@ -16,23 +14,15 @@ std::string noteFor(const std::string& name, int take) {
 }
 
 int run(Invocation& in) {
-  if (in.flag("json")) {
-    Json list(cJSON_CreateArray());
-    for (const std::string& name : in.args()) {
-      cJSON* item = cJSON_CreateObject();
-      cJSON_AddStringToObject(item, "name", name.c_str());
-      cJSON_AddNumberToObject(item, "take", Clip::extractTake(name));
-      cJSON_AddItemToArray(list.get(), item);
-    }
-    printJson(std::cout, list.get());
-    return 0;
-  }
-  Table table({"NAME", "TAKE", ""}, {Table::Left, Table::Right, Table::Left});
+  Rows rows({{"name", "NAME", Column::Left, 0, Column::Middle},
+             {"take", "TAKE", Column::Right},
+             {"", "NOTE", Column::Left, 1}});
   for (const std::string& name : in.args()) {
     const int take = Clip::extractTake(name);
-    table.addRow({name.empty() ? "\"\"" : name, std::to_string(take), noteFor(name, take)});
+    rows.add(
+        {name.empty() ? text(name).shows("\"\"") : text(name), integer(take), text(noteFor(name, take))});
   }
-  table.print(std::cout);
+  emit(in, rows);
   return 0;
 }
 
@@ -44,7 +34,7 @@ const Command kTake{
     "last \"_\", up to the first \".\" of the name: A001_003.mov is take 3,\n"
     "SHOT_TK12.mov take 12, A001_C003.mov take 0 (no digits right after the\n"
     "marker). A name without either marker has no take and shows -1.",
-    {{"json", "", "print a JSON array of {name, take}"}},
+    outputOptions(true),
     run,
     1,
 };

@@ -94,6 +94,7 @@ void checkRange(const std::string& text, TimecodeFormat format) {
 
 int run(Invocation& in) {
   const TimecodeFormat format = parseFormat(in.value("format").value_or("30"));
+  formatOf(in);
   const bool decode = in.flag("decode");
   const bool fromFrames = in.value("frames").has_value();
   const std::vector<std::string>& args = in.args();
@@ -130,17 +131,17 @@ int run(Invocation& in) {
   tc.GetRP188Reg(regs);
   const std::string userBits = tc.GetRP188UserBitsCString();
 
-  if (in.flag("json")) {
-    Json doc(cJSON_CreateObject());
-    cJSON_AddStringToObject(doc.get(), "timecode", tc.GetRP188CString());
-    cJSON_AddNumberToObject(doc.get(), "frames", frames);
-    cJSON_AddStringToObject(doc.get(), "format", formatName(tc.GetFormat()).c_str());
-    cJSON_AddBoolToObject(doc.get(), "dropFrame", tc.IsDropFrame());
-    cJSON_AddStringToObject(doc.get(), "dbb", hexWord(regs.dbb).c_str());
-    cJSON_AddStringToObject(doc.get(), "low", hexWord(regs.low).c_str());
-    cJSON_AddStringToObject(doc.get(), "high", hexWord(regs.high).c_str());
-    cJSON_AddStringToObject(doc.get(), "userBits", userBits.c_str());
-    printJson(std::cout, doc.get());
+  if (formatOf(in) == Format::Json) {
+    printJson(std::cout, JsonObject()
+                             .set("timecode", text(tc.GetRP188CString()))
+                             .set("frames", integer(frames))
+                             .set("format", text(formatName(tc.GetFormat())))
+                             .set("dropFrame", flag(tc.IsDropFrame()))
+                             .set("dbb", text(hexWord(regs.dbb)))
+                             .set("low", text(hexWord(regs.low)))
+                             .set("high", text(hexWord(regs.high)))
+                             .set("userBits", text(userBits))
+                             .get());
     return 0;
   }
   std::cout << "timecode   " << tc.GetRP188CString() << "\n"
@@ -172,14 +173,17 @@ const Command kTc{
     "Examples: vorta tc 01:00:00:00 --format 30df --add 1800\n"
     "          vorta tc --frames 107892 --format 30df\n"
     "          vorta tc --decode 0 0x30000402 0x00000001 --format 30df",
-    {{"format", "F", "time code format: 24, 25, 30, 30df, 50, 60 or 60df (default 30)"},
+    {{"format",
+      "F",
+      "time code format: 24, 25, 30, 30df, 50, 60 or 60df (default 30)",
+      {"24", "25", "30", "30df", "50", "60", "60df"}},
      {"frames", "N", "start from frame count N since midnight"},
      {"decode", "", "start from the register words DBB LOW HIGH given as arguments"},
      {"add", "N", "add N frames"},
      {"subtract", "N", "subtract N frames"},
      {"regs", "", "also print the register words and user bits"},
      {"unchecked", "", "pass values outside the format to the library unchanged"},
-     {"json", "", "print a JSON object"}},
+     jsonOption()},
     run,
     0,
     3,

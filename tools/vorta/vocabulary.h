@@ -8,6 +8,9 @@
 #include <cstdio>
 #include <ctime>
 #include <string>
+#include <vector>
+
+#include "output.h"
 
 namespace vorta {
 namespace cli {
@@ -70,6 +73,47 @@ inline std::string isoTime(std::time_t when) {
   std::string out = text;
   if (out.size() > 5) out.insert(out.size() - 2, ":");  // +0100 -> +01:00
   return out;
+}
+
+/// A clip's picture as clips, scan and probe show it.
+struct Picture {
+  std::string fourCC;
+  int width, height;
+  double rate;
+  int scanMode;
+  long long frames;
+  Value audio, startTimecode;  // from the attribute block
+};
+
+/// The picture's columns. At 80 columns audio channels, frames and start
+/// time codes give way first, then scan modes, codecs, rates and sizes.
+inline std::vector<Column> pictureColumns() {
+  return {{"fourCC", "CODEC", Column::Left, 4},
+          {"", "SIZE", Column::Right, 2},
+          {"width"},
+          {"height"},
+          {"frameRate", "RATE", Column::Right, 3},
+          {"frameRateRational"},
+          {"scanMode", "SCAN", Column::Left, 5},
+          {"videoLength", "FRAMES", Column::Right, 8},
+          {"", "AUDIO", Column::Right, 9},
+          {"", "START TC", Column::Left, 7}};
+}
+
+/// The picture's values, each passed through as (for "-" in a clip taken by
+/// name only, or nothing for a file not read).
+template <typename As>
+std::vector<Value> pictureValues(const Picture& p, As as) {
+  return {as(text(p.fourCC)),
+          as(text(std::to_string(p.width) + "x" + std::to_string(p.height))),
+          as(integer(p.width)),
+          as(integer(p.height)),
+          as(real(p.rate, rateDecimal(p.rate))),
+          as(text(rateRational(p.rate))),
+          as(text(scanModeWord(p.scanMode))),
+          as(integer(p.frames)),
+          as(p.audio),
+          as(p.startTimecode)};
 }
 
 }  // namespace cli

@@ -75,3 +75,29 @@ make_medium() {
   p param set media-dir "$media" >/dev/null || fail "param set media-dir"
   p param set encode-type 1 >/dev/null || fail "param set encode-type"
 }
+# A medium whose names hold what a terminal or a JSON reader must not get
+# raw: a byte that is not UTF-8, escape sequences, a newline, a tab, a
+# carriage return, a C1 control, a backslash; clips, playlists and a file
+# left out. hostile_names lists the clips' names, one per line, escaped as
+# printf %b reads them.
+hostile_names='bad\0377name.mov
+esc\033[2J\033[31mred.mov
+new\nline.mov
+tab\there.mov
+cr\rhere.mov
+c1\0302\0233x.mov
+back\\slash.mov'
+make_hostile_medium() {
+  local name i=0
+  make_medium
+  while IFS= read -r name; do
+    i=$((i + 1))
+    name=$(printf '%b.' "$name") && name=${name%.}
+    cp "$data/qt/hd1080_p25.mov" "$media/$name"
+    touch -d "2026-01-02 10:0$i:00 UTC" "$media/$name"
+  done <<<"$hostile_names"
+  printf '{"name":"Bad","cliplist":["bad\377name.mov","esc\\u001b[2Jred.mov"]}' >"$media/$(printf 'title\033]0;owned\007.playlist')"
+  printf '{"name":"Raw","cliplist":["ClipTK1.mov"]}' >"$media/$(printf 'raw\376.playlist')"
+  printf 'x' >"$media/$(printf 'junk\033[5m\n.txt')"
+  p param set custom-clip-name-text "$(printf 'Take\377\033[1m')" >/dev/null || fail "param set custom-clip-name-text"
+}
