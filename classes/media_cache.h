@@ -89,7 +89,8 @@ struct MediaCacheOptions {
   double lockTimeout = -1;
   /// Called on the waiting thread while an operation waits for a lock: about a second into the
   /// wait, every five seconds after, and once with timedOut set when lockTimeout runs out.
-  /// Without it the library writes a line to standard error every five seconds of a wait.
+  /// Without it the library writes a line to standard error every five seconds of a wait. An
+  /// exception the callback throws ends the wait and leaves the operation, lock untouched.
   std::function<void(const LockWait& wait)> onLockWait;
 
   /// The four names as PREFIX.clips, PREFIX.clips.lock, PREFIX.playlists and

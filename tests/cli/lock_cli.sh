@@ -61,6 +61,26 @@ assert lock["mutexMode"] == "0666" and "recordMode" not in lock, lock
 assert lock["heldSeconds"] >= 0, lock
 PY
 
+# A command that meets the held lock says so after about a second, and --wait ends the wait.
+start=$(date +%s%N)
+v clips --wait 1.5 >"$work/wait.out" 2>"$work/wait.err"
+rc=$?
+took=$((($(date +%s%N) - start) / 1000000))
+[ $rc -eq 1 ] || fail "clips --wait 1.5 on a held lock exits $rc, not 1"
+[ "$took" -ge 1400 ] && [ "$took" -lt 5000 ] || fail "clips --wait 1.5 took $took ms"
+[ ! -s "$work/wait.out" ] || fail "clips --wait printed a result on a held lock"
+[ "$(wc -l <"$work/wait.err")" -eq 2 ] || fail "clips --wait: not two lines on standard error: $(cat "$work/wait.err")"
+head -n1 "$work/wait.err" | grep -Eqx "vorta clips: waiting for the clip cache's lock, held by process $pid \(vorta cache\) for [0-9]+ s" ||
+  fail "no waiting line: $(cat "$work/wait.err")"
+tail -n1 "$work/wait.err" | grep -Eqx "vorta clips: waiting for the clip cache's lock, held by process $pid \(vorta cache\) for [0-9]+ s; gave up after 1\.5 s" ||
+  fail "no line when the wait ran out: $(cat "$work/wait.err")"
+v playlists --wait 0 >"$work/wait0.out" 2>&1
+[ $? -eq 1 ] || fail "playlists --wait 0 on a held clip lock does not fail"
+grep -Eqx "vorta playlists: waiting for the clip cache's lock, held by process $pid \(vorta cache\) for [0-9]+ s; gave up after 0 s" "$work/wait0.out" ||
+  fail "playlists --wait 0: $(cat "$work/wait0.out")"
+v clips --wait soon >"$work/waitbad.out" 2>&1
+[ $? -eq 2 ] || fail "clips --wait soon is not a usage error"
+
 kill -KILL "$pid"
 wait "$holder" 2>/dev/null
 holder=""
