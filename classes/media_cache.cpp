@@ -547,8 +547,8 @@ int MediaCache::GrokPlaylist(PlaylistCacheEntry& entry, std::string path) {
   // blocking the open; anything but a regular file is refused on the open
   // descriptor, and a regular one is then read in blocking mode.
   struct stat64 opened;
-  const int fd = detail::openRegularFile(path.c_str(), O_RDONLY, 0, &opened);
-  if (fd < 0) {
+  const detail::UniqueFd fd = detail::openRegularFile(path.c_str(), O_RDONLY, 0, &opened);
+  if (!fd) {
     // What is no regular file is refused silently, as above.
     if (errno == EINVAL || errno == EISDIR) errno = 0;
     return 0;
@@ -557,21 +557,18 @@ int MediaCache::GrokPlaylist(PlaylistCacheEntry& entry, std::string path) {
   const std::size_t wanted = static_cast<std::size_t>(std::min<std::uint64_t>(fileSize, kPlaylistReadLimit));
   char* buffer = static_cast<char*>(std::malloc(wanted + 1));
   if (buffer == nullptr) {
-    ::close(fd);
     std::fputs("::read_file - malloc failed\n", stderr);
     errno = ENOMEM;
     return 0;
   }
   std::memset(buffer, 0, wanted + 1);
-  if (!readFully(fd, buffer, wanted)) {
+  if (!readFully(fd.get(), buffer, wanted)) {
     const int error = errno;
-    ::close(fd);
     std::free(buffer);
     std::fputs("::read_file - read failed to read enough data\n", stderr);
     errno = error;
     return 0;
   }
-  ::close(fd);
 
   // The text is a C string: a NUL in the file ends it. Only its first line
   // is parsed (a playlist stands on one line), at most kFirstLineLimit

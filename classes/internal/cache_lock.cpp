@@ -93,7 +93,7 @@ std::uint32_t infoCheck(const LockOwnerRecord& record) {
 struct Registry {
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
   std::vector<CacheLock*> locks;
-  std::vector<int> abandoned;  // gates of locks destroyed while another thread held them
+  std::vector<UniqueFd> abandoned;  // gates of locks destroyed while another thread held them
 };
 
 Registry& registry() {
@@ -111,7 +111,6 @@ void parentAfterFork() { pthread_mutex_unlock(&registry().mutex); }
 void childAfterFork() {
   Registry& r = registry();
   for (CacheLock* lock : r.locks) lock->forkedChild();
-  for (int fd : r.abandoned) ::close(fd);
   r.abandoned.clear();
   pthread_mutex_unlock(&r.mutex);
 }
@@ -258,7 +257,7 @@ CacheLock::~CacheLock() {
     // Another thread is inside, or on its way in (as when exit() destroys a static cache): its
     // gate stays held until the process ends, its semaphore and record stay mapped, and once the
     // process has ended the next process takes the lock over. Nothing here lets another in.
-    if (file_) r.abandoned.push_back(file_.release());
+    if (file_) r.abandoned.push_back(std::move(file_));
     return;
   }
   pthread_mutex_unlock(&threads_);
