@@ -3,6 +3,7 @@
 // processes: holders outside the library, killed and exec'd holders, waits with limits and
 // notices, queries, fork children, descriptor exhaustion and the permissions of the mutexes.
 #include <gtest/gtest.h>
+#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -221,6 +222,54 @@ TEST(LockOwner, HolderThatExecsIsTakenOverWhileTheNewProgramRuns) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), takeoverLine(names.options.clipSegment, holder.pid()));
   EXPECT_TRUE(holder.running()) << "the exec'd program has ended";
   EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
+}
+
+// Makes sure programs a holder starts from inside an operation, through posix_spawn and through
+// vfork and exec, never keep its gate: once the holder is killed, the next process takes the lock
+// over at once while those programs still run.
+TEST(LockOwner, ProgramsSpawnedByAHolderNeverKeepItsGate) {
+  if (access("/bin/sleep", X_OK) != 0) GTEST_SKIP() << "no /bin/sleep to start on this system";
+  ScopedNames names;
+  { MediaCache cache(names.options); }
+  Pipe holding;
+  Pipe started;
+  std::fflush(nullptr);
+  Child holder([&] {
+    MediaCache own(names.options);
+    own.HoldClipLock([&] {
+      char sleepName[] = "sleep";
+      char seconds[] = "30";
+      char* argv[] = {sleepName, seconds, nullptr};
+      pid_t spawned = -1;
+      if (posix_spawn(&spawned, "/bin/sleep", nullptr, nullptr, argv, environ) != 0) _exit(20);
+      const pid_t forked = vfork();
+      if (forked == 0) {
+        execv("/bin/sleep", argv);
+        _exit(21);
+      }
+      if (forked < 0) _exit(22);
+      const std::int32_t pids[2] = {spawned, forked};
+      if (write(started.fds[1], pids, sizeof pids) != sizeof pids) _exit(23);
+      holding.post();
+      for (;;) pause();
+    });
+    return 5;
+  });
+  ASSERT_TRUE(holding.await());
+  std::int32_t programs[2] = {-1, -1};
+  ASSERT_EQ(read(started.fds[0], programs, sizeof programs), static_cast<ssize_t>(sizeof programs));
+  holder.killNow();
+  Watchdog watchdog(30);
+  testing::internal::CaptureStderr();
+  const double start = now();
+  EXPECT_EQ(readWithin(names.options, 5.0), "");
+  EXPECT_LT(now() - start, 1.0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), takeoverLine(names.options.clipSegment, holder.pid()));
+  EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
+  for (const pid_t program : programs) {
+    EXPECT_EQ(kill(program, 0), 0) << "a spawned program ended before the lock was taken over";
+    kill(program, SIGKILL);
+  }
 }
 
 // Makes sure queries never take or post the semaphore: with a program outside the library
