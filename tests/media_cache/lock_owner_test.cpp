@@ -193,19 +193,44 @@ TEST(LockOwner, WaitNoticesNameTheHolderAndTheLimitEndsTheWait) {
   EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
 }
 
+// Sleeps, as the program a holder starts: run by exec'ing this test binary where there is no
+// /bin/sleep (as in a small system's initramfs).
+TEST(LockSleeper, DISABLED_ThirtySeconds) { sleep(30); }
+
+// The words of a program that runs for 30 s: /bin/sleep, else this test binary sleeping.
+std::vector<std::string> sleeperWords() {
+  if (access("/bin/sleep", X_OK) == 0) return {"/bin/sleep", "30"};
+  char self[4096];
+  const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n <= 0) return {};
+  return {std::string(self, static_cast<std::size_t>(n)), "--gtest_filter=LockSleeper.DISABLED_ThirtySeconds",
+          "--gtest_also_run_disabled_tests"};
+}
+
+// argv for execv from words that outlive it.
+std::vector<char*> argvOf(std::vector<std::string>& words) {
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(&word[0]);
+  argv.push_back(nullptr);
+  return argv;
+}
+
 // Makes sure a holder that execs another program is taken over at once: exec closes the gate's
 // descriptor, while the process, with the same pid, runs on. Example failure: the read waits for
 // as long as the new program runs.
 TEST(LockOwner, HolderThatExecsIsTakenOverWhileTheNewProgramRuns) {
-  if (access("/bin/sleep", X_OK) != 0) GTEST_SKIP() << "no /bin/sleep to exec on this system";
+  std::vector<std::string> words = sleeperWords();
+  ASSERT_FALSE(words.empty());
+  const std::vector<char*> argv = argvOf(words);
   ScopedNames names;
   { MediaCache cache(names.options); }
   Pipe holding;
+  std::fflush(nullptr);
   Child holder([&] {
     MediaCache own(names.options);
     own.HoldClipLock([&] {
       holding.post();
-      execl("/bin/sleep", "sleep", "30", static_cast<char*>(nullptr));
+      execv(argv[0], argv.data());
     });
     return 5;
   });
@@ -228,7 +253,9 @@ TEST(LockOwner, HolderThatExecsIsTakenOverWhileTheNewProgramRuns) {
 // vfork and exec, never keep its gate: once the holder is killed, the next process takes the lock
 // over at once while those programs still run.
 TEST(LockOwner, ProgramsSpawnedByAHolderNeverKeepItsGate) {
-  if (access("/bin/sleep", X_OK) != 0) GTEST_SKIP() << "no /bin/sleep to start on this system";
+  std::vector<std::string> words = sleeperWords();
+  ASSERT_FALSE(words.empty());
+  const std::vector<char*> argv = argvOf(words);
   ScopedNames names;
   { MediaCache cache(names.options); }
   Pipe holding;
@@ -237,14 +264,11 @@ TEST(LockOwner, ProgramsSpawnedByAHolderNeverKeepItsGate) {
   Child holder([&] {
     MediaCache own(names.options);
     own.HoldClipLock([&] {
-      char sleepName[] = "sleep";
-      char seconds[] = "30";
-      char* argv[] = {sleepName, seconds, nullptr};
       pid_t spawned = -1;
-      if (posix_spawn(&spawned, "/bin/sleep", nullptr, nullptr, argv, environ) != 0) _exit(20);
+      if (posix_spawn(&spawned, argv[0], nullptr, nullptr, argv.data(), environ) != 0) _exit(20);
       const pid_t forked = vfork();
       if (forked == 0) {
-        execv("/bin/sleep", argv);
+        execv(argv[0], argv.data());
         _exit(21);
       }
       if (forked < 0) _exit(22);

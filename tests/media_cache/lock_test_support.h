@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -106,6 +107,15 @@ struct Pipe {
     while ((n = read(fds[0], &byte, 1)) < 0 && errno == EINTR) {
     }
     return n == 1;
+  }
+  /// await(), but false when nothing comes within `seconds` (the other end may have ended
+  /// without a word, while this process still holds the pipe's writing end).
+  bool awaitWithin(double seconds) {
+    struct pollfd ready = {fds[0], POLLIN, 0};
+    int n;
+    while ((n = poll(&ready, 1, static_cast<int>(seconds * 1000))) < 0 && errno == EINTR) {
+    }
+    return n == 1 && await();
   }
   int fds[2];
 };
