@@ -136,15 +136,12 @@ void Daemonizer::setupSignalHandler(std::string daemonName, void (*handleTermOrK
   // Like fopen(pidfile, "w"), except that a FIFO or device put under the
   // name is neither blocked on nor written: only a regular file is
   // truncated and gets the pid.
-  const int fd = zev::detail::openRegularFile(pidfile, O_WRONLY | O_CREAT, 0666);
-  if (fd >= 0) {
-    FILE* file = ::ftruncate(fd, 0) == 0 ? ::fdopen(fd, "w") : nullptr;
-    if (file != nullptr) {
-      std::fprintf(file, "%d\n", static_cast<int>(getpid()));
-      std::fclose(file);
-    } else {
-      ::close(fd);
-    }
+  zev::detail::UniqueFd fd = zev::detail::openRegularFile(pidfile, O_WRONLY | O_CREAT, 0666);
+  FILE* file = fd && ::ftruncate(fd.get(), 0) == 0 ? ::fdopen(fd.get(), "w") : nullptr;
+  if (file != nullptr) {
+    fd.release();  // the stream owns it now
+    std::fprintf(file, "%d\n", static_cast<int>(getpid()));
+    std::fclose(file);
   }
 
   if (getStatus != nullptr) installHandler(SIGUSR1);

@@ -104,14 +104,9 @@ struct JsonDeleter {
 // blocks and only a regular file is accepted (errno EINVAL for others, or
 // EISDIR for a directory); the stream then reads in blocking mode.
 FILE* openRegularForReading(const std::string& path, const char* mode) {
-  const int fd = zev::detail::openRegularFile(path.c_str(), O_RDONLY);
-  if (fd < 0) return nullptr;
-  FILE* file = ::fdopen(fd, mode);
-  if (file == nullptr) {
-    const int error = errno;
-    ::close(fd);
-    errno = error;
-  }
+  zev::detail::UniqueFd fd = zev::detail::openRegularFile(path.c_str(), O_RDONLY);
+  FILE* file = fd ? ::fdopen(fd.get(), mode) : nullptr;
+  if (file != nullptr) fd.release();  // the stream owns it now
   return file;
 }
 

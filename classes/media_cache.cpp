@@ -169,21 +169,50 @@ MediaCache::LockState lockStateOf(detail::CacheLock& lock) {
       state.kind = MediaCache::LockState::Unknown;
       break;
   }
-  state.pid = found.pid;
-  state.recorded = found.recorded;
-  state.alive = found.alive;
-  state.startTime = found.startTime;
+  state.pid = found.holder.pid;
+  state.program = found.holder.program;
+  state.heldSeconds = found.holder.heldSeconds;
+  state.waiter = found.waiter;
+  state.endedMidway = found.endedMidway;
+  state.recordValid = found.holder.recordValid;
   state.takeovers = found.takeovers;
   state.mutexMode = found.mutexMode;
-  state.recordMode = found.recordMode;
   return state;
 }
 
-// The permission bits of an open segment.
-unsigned modeOfSegment(const bip::shared_memory_object& segment) {
-  struct stat info;
-  if (::fstat(segment.get_mapping_handle().handle, &info) != 0) return 0600;
-  return static_cast<unsigned>(info.st_mode & 0777);
+// How a cache's lock waits, as the options ask.
+detail::CacheLock::Waiting waitingOf(const MediaCacheOptions& options, const std::string& segment,
+                                     bool playlist) {
+  detail::CacheLock::Waiting waiting;
+  waiting.timeoutSeconds = options.lockTimeout;
+  if (options.onLockWait) {
+    const std::function<void(const LockWait&)> tell = options.onLockWait;
+    waiting.notice = [tell, segment, playlist](const detail::CacheLock::Holder& holder, double waited,
+                                               bool timedOut) {
+      LockWait wait;
+      wait.cache = segment;
+      wait.playlist = playlist;
+      wait.pid = holder.pid;
+      wait.program = holder.program;
+      wait.heldSeconds = holder.heldSeconds;
+      wait.waitedSeconds = waited;
+      wait.timedOut = timedOut;
+      tell(wait);
+    };
+  }
+  return waiting;
+}
+
+// Takes the pages of the first `bytes` of a segment before they are written, so that a full
+// /dev/shm is an exception here rather than SIGBUS at the first store.
+void reserve(const bip::shared_memory_object& segment, std::uint64_t bytes) {
+  const int fd = segment.get_mapping_handle().handle;
+  if (::fallocate(fd, 0, 0, static_cast<off_t>(bytes)) != 0 && errno != EOPNOTSUPP) {
+    const int error = errno;
+    throw bip::interprocess_exception(
+        bip::error_info(error),
+        (std::string("MediaCache: no room in shared memory for the image: ") + std::strerror(error)).c_str());
+  }
 }
 
 // Linux 5.14 and later fill the page tables of a range in one call, which
@@ -249,6 +278,7 @@ int writePlaylistImage(bip::shared_memory_object& segment, detail::CacheLock& lo
       throwSizeError("WritePlaylistCacheToSharedMemory: " + std::to_string(count) + " playlists need " +
                      std::to_string(needed) + " bytes but the segment holds " + std::to_string(size));
 
+    reserve(segment, needed);
     prefault(base, needed, true);
     // Invalidated first, magic last, as for the clip image.
     base[0] = '*';
@@ -275,6 +305,7 @@ int writeClipImage(bip::shared_memory_object& segment, detail::CacheLock& lock, 
       throwSizeError("WriteClipCacheToSharedMemory: " + std::to_string(count) + " clips need " +
                      std::to_string(needed) + " bytes but the segment holds " + std::to_string(size));
 
+    reserve(segment, needed);
     if (prefaultImage) prefault(base, needed, true);
     // The image is invalidated first and its magic put in last, so that a
     // writer that dies half-way leaves an invalid image, never a torn one.
@@ -351,17 +382,15 @@ MediaCache::MediaCache(const MediaCacheOptions& options)
       clipLock_(bip::open_only, existingMutex(options, options.clipLock)),
       playlistSegment_(openSegment(options, options.playlistSegment)),
       playlistLock_(bip::open_only, existingMutex(options, options.playlistLock)) {
-  // The lock records are as open as the segments; a cache being created
-  // gets the options' permissions on every object, whatever the umask.
+  // A cache being created gets the options' permissions on its mutexes too, whatever the umask.
   if (options.create) {
-    detail::CacheLock::setModes(options.clipLock, options.permissions);
-    detail::CacheLock::setModes(options.playlistLock, options.permissions);
+    detail::CacheLock::setMode(options.clipLock, options.permissions);
+    detail::CacheLock::setMode(options.playlistLock, options.permissions);
   }
   clipGuard_.reset(new detail::CacheLock(options.clipLock, options.clipSegment,
-                                         options.create ? options.permissions : modeOfSegment(clipSegment_)));
-  playlistGuard_.reset(
-      new detail::CacheLock(options.playlistLock, options.playlistSegment,
-                            options.create ? options.permissions : modeOfSegment(playlistSegment_)));
+                                         waitingOf(options, options.clipSegment, false)));
+  playlistGuard_.reset(new detail::CacheLock(options.playlistLock, options.playlistSegment,
+                                             waitingOf(options, options.playlistSegment, true)));
   if (options.create) {
     ensureSize(clipSegment_, *clipGuard_,
                segmentBytes(options.maxClips, kClipHeaderSize, kClipSlotSize, "clip"));
@@ -381,9 +410,6 @@ int MediaCache::Remove(const MediaCacheOptions& options) {
   if (bip::named_mutex::remove(options.clipLock.c_str())) ++removed;
   if (bip::shared_memory_object::remove(options.playlistSegment.c_str())) ++removed;
   if (bip::named_mutex::remove(options.playlistLock.c_str())) ++removed;
-  // The lock records go with their mutexes; they are not counted.
-  detail::CacheLock::removeRecord(options.clipLock);
-  detail::CacheLock::removeRecord(options.playlistLock);
   return removed;
 }
 
@@ -442,14 +468,16 @@ int MediaCache::ReadClipCacheFromSharedMemory(std::list<Clip>& clips) {
 }
 
 void MediaCache::FlushClips() {
-  withImage(clipSegment_, *clipGuard_, [](unsigned char* base, std::uint64_t) {
+  withImage(clipSegment_, *clipGuard_, [this](unsigned char* base, std::uint64_t) {
+    reserve(clipSegment_, 1);
     base[0] = '*';
     return 0;
   });
 }
 
 void MediaCache::FlushPlaylists() {
-  withImage(playlistSegment_, *playlistGuard_, [](unsigned char* base, std::uint64_t) {
+  withImage(playlistSegment_, *playlistGuard_, [this](unsigned char* base, std::uint64_t) {
+    reserve(playlistSegment_, 1);
     base[0] = '*';
     return 0;
   });
@@ -519,8 +547,8 @@ int MediaCache::GrokPlaylist(PlaylistCacheEntry& entry, std::string path) {
   // blocking the open; anything but a regular file is refused on the open
   // descriptor, and a regular one is then read in blocking mode.
   struct stat64 opened;
-  const int fd = detail::openRegularFile(path.c_str(), O_RDONLY, 0, &opened);
-  if (fd < 0) {
+  const detail::UniqueFd fd = detail::openRegularFile(path.c_str(), O_RDONLY, 0, &opened);
+  if (!fd) {
     // What is no regular file is refused silently, as above.
     if (errno == EINVAL || errno == EISDIR) errno = 0;
     return 0;
@@ -529,21 +557,18 @@ int MediaCache::GrokPlaylist(PlaylistCacheEntry& entry, std::string path) {
   const std::size_t wanted = static_cast<std::size_t>(std::min<std::uint64_t>(fileSize, kPlaylistReadLimit));
   char* buffer = static_cast<char*>(std::malloc(wanted + 1));
   if (buffer == nullptr) {
-    ::close(fd);
     std::fputs("::read_file - malloc failed\n", stderr);
     errno = ENOMEM;
     return 0;
   }
   std::memset(buffer, 0, wanted + 1);
-  if (!readFully(fd, buffer, wanted)) {
+  if (!readFully(fd.get(), buffer, wanted)) {
     const int error = errno;
-    ::close(fd);
     std::free(buffer);
     std::fputs("::read_file - read failed to read enough data\n", stderr);
     errno = error;
     return 0;
   }
-  ::close(fd);
 
   // The text is a C string: a NUL in the file ends it. Only its first line
   // is parsed (a playlist stands on one line), at most kFirstLineLimit

@@ -54,6 +54,17 @@ class Playlist {
   std::vector<std::string> clips;  // the string elements of "cliplist"
 };
 
+/// A wait for a cache's lock that another process holds, as told to MediaCacheOptions::onLockWait.
+struct LockWait {
+  std::string cache;         // the segment's name
+  bool playlist = false;     // the playlist cache's lock; else the clip cache's
+  int pid = 0;               // the library process holding it; 0 for a program outside the library
+  std::string program;       // that process's program and first argument, as it recorded them
+  double heldSeconds = -1;   // how long it has held the lock, -1 when not known
+  double waitedSeconds = 0;  // how long this operation has waited
+  bool timedOut = false;     // the wait has run out: the operation throws after this call
+};
+
 /// Where the two caches live and how large they are made. The defaults are
 /// what the recorder's processes use; tests and tools give their own names.
 struct MediaCacheOptions {
@@ -72,6 +83,15 @@ struct MediaCacheOptions {
   std::size_t maxPlaylists = kDefaultMaxPlaylists;    // largest playlist cache the segment holds
   unsigned permissions = 0666;                        // of newly created segments and mutexes
   bool create = true;  // create missing segments and grow small ones; false: open existing ones only
+  /// How long an operation waits for a lock another process holds: negative as long as it takes,
+  /// 0 not at all. When the time runs out the operation throws interprocess_exception with
+  /// timeout_when_locking_error, naming the holder.
+  double lockTimeout = -1;
+  /// Called on the waiting thread while an operation waits for a lock: about a second into the
+  /// wait, every five seconds after, and once with timedOut set when lockTimeout runs out.
+  /// Without it the library writes a line to standard error every five seconds of a wait. An
+  /// exception the callback throws ends the wait and leaves the operation, lock untouched.
+  std::function<void(const LockWait& wait)> onLockWait;
 
   /// The four names as PREFIX.clips, PREFIX.clips.lock, PREFIX.playlists and
   /// PREFIX.playlists.lock (the defaults use the prefix "vorta").
@@ -149,30 +169,33 @@ class MediaCache {
   /// Returns 1 and does nothing else: the shared caches outlive every process.
   int Destroy();
 
-  // Locks. A process that ends while it holds a cache's lock (killed,
-  // crashed) does not block the others: the library records each holder's
-  // pid and start time, and the next process to use the cache takes the lock
-  // over once the recorded holder has provably ended, and says so on standard
-  // error. A live holder, and any holder the library did not record (a
-  // program that locks the named mutex itself), is always waited for. A
-  // writer that ends half-way leaves an invalid image (read as empty).
+  // Locks. Library processes hold a gate (a file lock the kernel drops when its holder ends or
+  // execs) on the named mutex's file for the whole of every operation, and record in that file,
+  // past the mutex itself, that they hold it. A process that finds a holder recorded while the gate is
+  // free knows it has gone without releasing, takes its lock over at once and says so on
+  // standard error. A holder the library did not record (a program that locks the named mutex
+  // itself) is always waited for. A writer that ends half-way leaves an invalid image (read as
+  // empty).
 
-  /// Who holds a cache's lock.
+  /// Who holds a cache's lock, found without waiting and without taking it.
   struct LockState {
     enum Kind {
       Free,      // nobody
-      Held,      // a live process (pid, when it could be told)
-      LeftHeld,  // a process that has ended; the next access takes it over
-      Unknown,   // this system cannot tell
+      Held,      // a live process: a library process (pid) or a program outside the library
+      LeftHeld,  // a library process (pid) that has ended; the next access takes it over
+      Unknown,   // the owner record cannot be opened
     };
     Kind kind = Unknown;
-    int pid = 0;                  // the holder, 0 when not known
-    bool recorded = false;        // the holder is named in the lock's owner record
-    bool alive = false;           // the recorded holder is alive
-    std::uint64_t startTime = 0;  // the recorded holder's start, clock ticks after boot
-    std::uint32_t takeovers = 0;  // dead holders' locks taken over since the cache was made
+    int pid = 0;                  // the library process that holds or left it, 0 when none is recorded
+    std::string program;          // that process's program and first argument
+    double heldSeconds = -1;      // how long it has held the lock, -1 when not known
+    int waiter = 0;               // Held outside the library: a library process waiting for it
+    int endedMidway = 0;          // Held with no library process inside: one that ended while waiting
+                                  // for a program outside the library or handing the mutex to one
+                                  // (then the mutex may still be its own: 0 when none did)
+    bool recordValid = false;     // the owner record is one this library wrote
+    std::uint32_t takeovers = 0;  // dead holders' locks taken over since the mutex was made
     unsigned mutexMode = 0;       // permission bits of the named mutex, 0 when not known
-    unsigned recordMode = 0;      // permission bits of the owner record, 0 when there is none
   };
   /// The state of the clip lock, found without waiting.
   LockState ClipLockState();

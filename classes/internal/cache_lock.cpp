@@ -2,20 +2,16 @@
 // vorta: the lock of one shared cache: named mutex, gate and owner record (see cache_lock.h).
 #include "internal/cache_lock.h"
 
-#include "internal/regular_file.h"
-
-#include <dirent.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/interprocess/exceptions.hpp>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <vector>
@@ -26,142 +22,78 @@ namespace zev {
 namespace detail {
 
 constexpr char LockOwnerRecord::kMagic[9];
+void (*lockStepHook)(LockStep) = nullptr;
 
 namespace {
 
-// The record object is a page, so that a later version can grow it without a new name.
-constexpr std::size_t kRecordObjectSize = 4096;
-// How long a waiter sleeps on the semaphore before it looks at the record again.
-constexpr long kSliceNanoseconds = 200L * 1000 * 1000;
-// A wait for a holder that is not taken over is named on standard error this often.
-constexpr int kWaitLineSeconds = 5;
-// A holder that ended half-way, where the other processes cannot be looked at, is taken over
-// after this long.
-constexpr int kDoubtSeconds = 1;
+// A mutex removed or replaced under its name is opened again at most this often per lock.
+constexpr int kReopenLimit = 100;
+// The longest sleep between two tries of a gate another process holds (when the wait has a limit
+// or notices), or of a semaphore held outside the library.
+constexpr double kPollSeconds = 0.01;
+// Notices of a wait: the first after a second when the caller asked for them (five seconds for
+// the library's own line), then every five seconds.
+constexpr double kNoticeEvery = 5.0;
+// The byte of the semaphore's file locked as the gate.
+constexpr off_t kGateByte = 0;
 
-[[noreturn]] void throwError(int error, const char* what) {
-  errno = error;
-  throw bip::interprocess_exception(bip::error_info(error), what);
+void step(LockStep at) {
+  if (lockStepHook != nullptr) lockStepHook(at);
 }
 
 std::string bareName(const std::string& name) {
   return !name.empty() && name[0] == '/' ? name.substr(1) : name;
 }
-
 std::string semaphoreFile(const std::string& mutexName) { return "/dev/shm/sem." + bareName(mutexName); }
-std::string recordFile(const std::string& mutexName) { return "/dev/shm/" + bareName(mutexName) + ".owner"; }
 
-std::uint64_t joinStart(std::uint32_t high, std::uint32_t low) { return (std::uint64_t(high) << 32) | low; }
-
-// Reads a small file whole; false when it cannot be opened.
-bool readSmallFile(const std::string& path, std::string& text, int* error = nullptr) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  if (fd < 0) {
-    if (error != nullptr) *error = errno;
-    return false;
-  }
-  text.clear();
-  char buffer[4096];
-  for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    text.append(buffer, static_cast<std::size_t>(n));
-  }
-  ::close(fd);
-  return true;
+double monotonicSeconds() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return double(now.tv_sec) + double(now.tv_nsec) / 1e9;
 }
 
-// The state letter and start time of /proc/PID/stat; false when the file cannot be read.
-bool readStat(pid_t pid, char& state, std::uint64_t& start) {
-  std::string text;
-  // A process reads its own through its main thread's entry, which user-mode emulators pass to the
-  // kernel unchanged (they make up /proc/PID/stat for the emulated process itself), so that it
-  // records the start time other processes will read.
-  const std::string id = std::to_string(pid);
-  const std::string path =
-      pid == ::getpid() ? "/proc/" + id + "/task/" + id + "/stat" : "/proc/" + id + "/stat";
-  if (!readSmallFile(path, text)) return false;
-  // The command name in parentheses may hold spaces and parentheses: fields follow the last ')'.
-  const std::size_t close = text.rfind(')');
-  if (close == std::string::npos || close + 2 >= text.size()) return false;
-  const char* p = text.c_str() + close + 2;
-  state = *p;
-  // Field 3 is the state; the start time is field 22, 19 fields on.
-  for (int field = 3; field < 22; ++field) {
-    p = std::strchr(p, ' ');
-    if (p == nullptr) return false;
-    ++p;
-  }
-  start = std::strtoull(p, nullptr, 10);
-  return true;
+std::uint64_t monotonicNs() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::uint64_t(now.tv_sec) * 1000000000u + std::uint64_t(now.tv_nsec);
 }
 
-struct Self {
-  pid_t pid = 0;
-  std::uint64_t start = 0;
-};
-
-// This process's pid and start time, read again after a fork.
-Self self() {
-  static thread_local Self cached;
-  const pid_t pid = ::getpid();
-  if (cached.pid != pid) {
-    cached.pid = pid;
-    cached.start = startTimeOf(pid);
-  }
-  return cached;
+struct timespec monotonicIn(double seconds) {
+  const double at = monotonicSeconds() + std::max(0.0, seconds);
+  struct timespec until;
+  until.tv_sec = static_cast<time_t>(at);
+  until.tv_nsec = std::min(static_cast<long>((at - double(until.tv_sec)) * 1e9), 999999999L);
+  return until;
 }
 
-enum class Mappers { None, Some, Unknown };
+struct flock byteRange(short type, off_t byte) {
+  struct flock range;
+  std::memset(&range, 0, sizeof range);
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  range.l_start = byte;
+  range.l_len = 1;
+  return range;
+}
 
-// Whether a process outside the library maps the semaphore: a library process maps its owner
-// record too.
-Mappers foreignMappers(const std::string& mutexName) {
-  const std::string semaphore = semaphoreFile(mutexName);
-  const std::string record = recordFile(mutexName);
-  DIR* proc = ::opendir("/proc");
-  if (proc == nullptr) return Mappers::Unknown;
-  const pid_t me = ::getpid();
-  bool unknown = false;
-  std::string text;
-  auto mapsFile = [&text](const std::string& path) {
-    for (const std::string& tail : {path + "\n", path + " (deleted)\n"}) {
-      const std::size_t at = text.find(" " + tail);
-      if (at != std::string::npos) return true;
-    }
-    return false;
+// The check of the fields only messages use; a torn or foreign record names nobody.
+std::uint32_t infoCheck(const LockOwnerRecord& record) {
+  std::uint32_t hash = 2166136261u;  // FNV-1a
+  auto mix = [&hash](const void* data, std::size_t n) {
+    const unsigned char* byte = static_cast<const unsigned char*>(data);
+    for (std::size_t i = 0; i < n; ++i) hash = (hash ^ byte[i]) * 16777619u;
   };
-  Mappers result = Mappers::None;
-  while (struct dirent* entry = ::readdir(proc)) {
-    char* end = nullptr;
-    const long pid = std::strtol(entry->d_name, &end, 10);
-    if (end == entry->d_name || *end != '\0' || pid == me) continue;
-    int error = 0;
-    if (!readSmallFile(std::string("/proc/") + entry->d_name + "/maps", text, &error)) {
-      if (error != ENOENT && error != ESRCH) unknown = true;
-      continue;
-    }
-    if (mapsFile(semaphore) && !mapsFile(record)) {
-      result = Mappers::Some;
-      break;
-    }
-  }
-  ::closedir(proc);
-  if (result == Mappers::None && unknown) result = Mappers::Unknown;
-  return result;
+  mix(&record.pid, sizeof record.pid);
+  mix(&record.sinceNs, sizeof record.sinceNs);
+  mix(record.program, sizeof record.program);
+  return hash;
 }
 
-unsigned modeOf(const std::string& path) {
-  struct stat info;
-  if (::stat(path.c_str(), &info) != 0) return 0;
-  return static_cast<unsigned>(info.st_mode & 07777);
-}
-
-// Every lock of the process, so that a fork child can drop what it inherited.
+// Every lock of the process, so that a fork child can drop the gates it inherited.
 struct Registry {
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
   std::vector<CacheLock*> locks;
+  std::vector<UniqueFd> abandoned;  // gates of locks destroyed while another thread held them
 };
 
 Registry& registry() {
@@ -169,11 +101,17 @@ Registry& registry() {
   return *instance;
 }
 
+struct RegistryHeld {
+  RegistryHeld() { pthread_mutex_lock(&registry().mutex); }
+  ~RegistryHeld() { pthread_mutex_unlock(&registry().mutex); }
+};
+
 void prepareFork() { pthread_mutex_lock(&registry().mutex); }
 void parentAfterFork() { pthread_mutex_unlock(&registry().mutex); }
 void childAfterFork() {
   Registry& r = registry();
   for (CacheLock* lock : r.locks) lock->forkedChild();
+  r.abandoned.clear();
   pthread_mutex_unlock(&r.mutex);
 }
 
@@ -185,290 +123,357 @@ void initThreadsMutex(pthread_mutex_t& mutex) {
   pthread_mutexattr_destroy(&attributes);
 }
 
-struct timespec monotonicNow() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now;
+std::string holderText(const CacheLock::Holder& holder) {
+  if (holder.pid <= 0) return "a process outside this library";
+  std::string text = "process " + std::to_string(holder.pid);
+  if (!holder.program.empty()) text += " (" + holder.program + ")";
+  return text;
 }
 
-double secondsSince(const struct timespec& then) {
-  const struct timespec now = monotonicNow();
-  return double(now.tv_sec - then.tv_sec) + double(now.tv_nsec - then.tv_nsec) / 1e9;
+// Whether this C library's semaphores are laid out as glibc's: the count and the number of
+// threads blocked in sem_wait in one 64-bit word (the count below) on 64-bit machines; on 32-bit
+// ones the count shifted left by one in the word at 0 and the waiters in the word at 12.
+// Checked once on a semaphore made here.
+bool waiterCountReadable() {
+  static const bool readable = [] {
+#if defined(__GLIBC__)
+    sem_t probe;
+    if (::sem_init(&probe, 1, 1) != 0) return false;
+    unsigned char bytes[sizeof probe];
+    std::memcpy(bytes, &probe, sizeof probe);
+    ::sem_destroy(&probe);
+#if __SIZEOF_POINTER__ == 8
+    std::uint64_t data;
+    std::memcpy(&data, bytes, sizeof data);
+    return sizeof(sem_t) == 32 && data == 1;
+#else
+    std::uint32_t value, waiters;
+    std::memcpy(&value, bytes, sizeof value);
+    std::memcpy(&waiters, bytes + 12, sizeof waiters);
+    return sizeof(sem_t) == 16 && value == 2 && waiters == 0;
+#endif
+#else
+    return false;
+#endif
+  }();
+  return readable;
+}
+
+// How many threads wait in sem_wait for the semaphore; -1 when that cannot be read.
+int semaphoreWaiters(sem_t* semaphore) {
+  if (!waiterCountReadable()) return -1;
+#if __SIZEOF_POINTER__ == 8
+  return static_cast<int>(__atomic_load_n(reinterpret_cast<std::uint64_t*>(semaphore), __ATOMIC_ACQUIRE) >>
+                          32);
+#else
+  return static_cast<int>(__atomic_load_n(
+      reinterpret_cast<std::uint32_t*>(reinterpret_cast<char*>(semaphore) + 12), __ATOMIC_ACQUIRE));
+#endif
 }
 
 }  // namespace
 
-std::uint64_t startTimeOf(pid_t pid) {
-  char state = 0;
-  std::uint64_t start = 0;
-  return readStat(pid, state, start) ? start : 0;
+std::string lockProgramName() {
+  std::string name = program_invocation_short_name;
+  UniqueFd fd = UniqueFd::open("/proc/self/cmdline", O_RDONLY);
+  char text[256];
+  const ssize_t n = fd ? ::read(fd.get(), text, sizeof text - 1) : -1;
+  if (n > 0) {
+    text[n] = '\0';
+    const char* slash = std::strrchr(text, '/');
+    name = slash != nullptr ? slash + 1 : text;
+    const std::size_t next = std::strlen(text) + 1;
+    if (next < static_cast<std::size_t>(n) && text[next] != '\0') name += std::string(" ") + (text + next);
+  }
+  return name.substr(0, sizeof(LockOwnerRecord::program) - 1);
 }
 
-Liveness livenessOf(pid_t pid, std::uint64_t startTime) {
-  if (pid <= 0) return Liveness::Gone;
-  if (::kill(pid, 0) != 0 && errno == ESRCH) return Liveness::Gone;
-  char state = 0;
-  std::uint64_t start = 0;
-  if (!readStat(pid, state, start)) {
-    // Without /proc the pid's existence is all there is to go by.
-    struct stat proc;
-    return ::stat("/proc/self/stat", &proc) == 0 ? Liveness::Gone : Liveness::Alive;
-  }
-  // A zombie has closed its files and will never release anything.
-  if (state == 'Z' || state == 'X') return Liveness::Gone;
-  // The pid has been reused by a process that started at another time.
-  if (startTime != 0 && start != startTime) return Liveness::Gone;
-  return Liveness::Alive;
-}
+// Time-keeping of one wait for the lock: its limit and its notices.
+class CacheLock::Wait {
+ public:
+  explicit Wait(CacheLock& lock)
+      : lock_(lock), start_(monotonicSeconds()), nextNotice_(lock.waiting_.notice ? 1.0 : kNoticeEvery) {}
 
-std::string CacheLock::recordName(const std::string& mutexName) {
-  return "/" + bareName(mutexName) + ".owner";
-}
-
-CacheLock::CacheLock(const std::string& mutexName, const std::string& segmentName, unsigned mode)
-    : mutexName_(mutexName), segmentName_(segmentName), mode_(mode & 0777) {
-  initThreadsMutex(threads_);
-  semaphore_ = ::sem_open(("/" + bareName(mutexName)).c_str(), 0);
-  if (semaphore_ == SEM_FAILED) {
-    semaphore_ = nullptr;
-    const int error = errno;
-    pthread_mutex_destroy(&threads_);
-    throwError(error, "MediaCache: cannot open the cache's mutex");
-  }
-
-  // The owner record: made when missing, mapped once for the object's life through its own
-  // descriptor, which is closed at once (the gate has a description of its own).
-  const std::string name = recordName(mutexName);
-  int fd = ::shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0);
-  if (fd < 0 && errno == ENOENT) {
-    fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, mode_);
-    if (fd >= 0) ::fchmod(fd, mode_);  // the umask must not narrow it
-  }
-  if (fd >= 0) {
-    struct stat info;
-    bool usable = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
-    if (usable && static_cast<std::size_t>(info.st_size) < kRecordObjectSize)
-      usable = ::ftruncate(fd, kRecordObjectSize) == 0;
-    if (usable) {
-      void* base = ::mmap(nullptr, sizeof(LockOwnerRecord), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-      if (base != MAP_FAILED) record_ = static_cast<LockOwnerRecord*>(base);
+  // Throws when the wait has run out, and tells who holds the lock when a notice is due.
+  void check(const Holder& holder) {
+    const double waited = monotonicSeconds() - start_;
+    const double limit = lock_.waiting_.timeoutSeconds;
+    if (limit >= 0 && waited >= limit) {
+      if (lock_.waiting_.notice) lock_.waiting_.notice(holder, waited, true);
+      const std::string what = "MediaCache: " + lock_.segmentName_ + ": the lock is held by " +
+                               holderText(holder) + "; gave up after " + std::to_string(int(waited)) + " s";
+      throw bip::interprocess_exception(bip::error_info(bip::timeout_when_locking_error), what.c_str());
     }
-    ::close(fd);
-  }
-  if (record_ != nullptr) {
-    static const char zero[8] = {};
-    // A fresh record is all zeros; two processes stamping it at once write the same bytes.
-    if (std::memcmp(record_->magic, zero, sizeof zero) == 0 && record_->holderPid == 0) {
-      record_->version = LockOwnerRecord::kVersion;
-      std::memcpy(record_->magic, LockOwnerRecord::kMagic, sizeof record_->magic);
-    }
-    if (std::memcmp(record_->magic, LockOwnerRecord::kMagic, sizeof record_->magic) != 0 ||
-        record_->version != LockOwnerRecord::kVersion) {
-      ::munmap(record_, sizeof(LockOwnerRecord));
-      record_ = nullptr;  // not ours: guard with the semaphore alone
-    }
+    if (waited < nextNotice_) return;
+    nextNotice_ += kNoticeEvery;
+    if (lock_.waiting_.notice)
+      lock_.waiting_.notice(holder, waited, false);
+    else
+      std::fprintf(stderr, "MediaCache: %s: waiting %d s for the lock, held by %s\n",
+                   lock_.segmentName_.c_str(), int(waited), holderText(holder).c_str());
   }
 
+  // How long to wait before the next check: at most `most`, never past the limit or a notice.
+  double slice(double most) const {
+    const double waited = monotonicSeconds() - start_;
+    double until = std::min(most, nextNotice_ - waited);
+    if (lock_.waiting_.timeoutSeconds >= 0) until = std::min(until, lock_.waiting_.timeoutSeconds - waited);
+    return std::max(until, 0.0);
+  }
+
+  // Sleeps between two tries of the gate, a little longer each time.
+  void pause() {
+    const struct timespec until = monotonicIn(slice(backoff_));
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
+    }
+    backoff_ = std::min(backoff_ * 2, kPollSeconds);
+  }
+
+ private:
+  CacheLock& lock_;
+  double start_;
+  double nextNotice_;
+  double backoff_ = 0.0005;
+};
+
+CacheLock::CacheLock(const std::string& mutexName, const std::string& segmentName, Waiting waiting)
+    : mutexName_(mutexName),
+      segmentName_(segmentName),
+      filePath_(semaphoreFile(mutexName)),
+      waiting_(std::move(waiting)) {
   static std::once_flag handlers;
   std::call_once(handlers, [] { pthread_atfork(prepareFork, parentAfterFork, childAfterFork); });
-  Registry& r = registry();
-  pthread_mutex_lock(&r.mutex);
-  r.locks.push_back(this);
-  pthread_mutex_unlock(&r.mutex);
+  program_ = lockProgramName();
+  initThreadsMutex(threads_);
+  openMutex();
 }
 
 CacheLock::~CacheLock() {
+  // Under the registry's mutex, so that no fork copies a descriptor of a lock no longer listed.
+  RegistryHeld held;
   Registry& r = registry();
-  pthread_mutex_lock(&r.mutex);
-  for (std::size_t i = 0; i < r.locks.size(); ++i)
-    if (r.locks[i] == this) {
-      r.locks.erase(r.locks.begin() + static_cast<std::ptrdiff_t>(i));
-      break;
-    }
-  pthread_mutex_unlock(&r.mutex);
-  if (held_ && holderPid_ == ::getpid()) unlock();
-  closeGate();
-  if (record_ != nullptr) ::munmap(record_, sizeof(LockOwnerRecord));
-  if (semaphore_ != nullptr) ::sem_close(semaphore_);
+  r.locks.erase(std::remove(r.locks.begin(), r.locks.end(), this), r.locks.end());
+  if (pthread_mutex_trylock(&threads_) != 0) {
+    // Another thread is inside, or on its way in (as when exit() destroys a static cache): its
+    // gate stays held until the process ends, its semaphore and record stay mapped, and once the
+    // process has ended the next process takes the lock over. Nothing here lets another in.
+    if (file_) r.abandoned.push_back(std::move(file_));
+    return;
+  }
+  pthread_mutex_unlock(&threads_);
   pthread_mutex_destroy(&threads_);
+  closeMutex();
+}
+
+void CacheLock::fail(int error, const char* what) {
+  const std::string text = "MediaCache: " + segmentName_ + ": " + what;
+  errno = error;
+  throw bip::interprocess_exception(bip::error_info(error), text.c_str());
 }
 
 void CacheLock::forkedChild() {
-  // The child shares the parent's gate description: closing its copy leaves the gate with the
-  // parent, and the child opens a description of its own when it first needs the gate.
-  if (gateFd_ >= 0) ::close(gateFd_);
-  gateFd_ = -1;
+  // The child's copy of the descriptor shares the parent's gate: it is closed at once, and a
+  // description of the child's own opened in its place, so that a child needs no descriptor to
+  // spare (should the open still fail, the child's first lock tries again, and fails loudly). A
+  // lock the parent holds stays the parent's.
+  file_.reset();
+  file_ = UniqueFd::open(filePath_.c_str(), O_RDWR | O_NONBLOCK | O_NOFOLLOW);
   gateHeld_ = false;
-  gateTried_ = false;
-  // A lock the parent holds stays the parent's to release.
   held_ = false;
   initThreadsMutex(threads_);
 }
 
-bool CacheLock::openGate() {
-  if (gateFd_ >= 0) return true;
-  if (record_ == nullptr || gateTried_) return false;
-  gateFd_ = ::shm_open(recordName(mutexName_).c_str(), O_RDWR | O_CLOEXEC, 0);
-  // Without a descriptor to spare (after a fork) the semaphore alone guards this access.
-  return gateFd_ >= 0;
-}
-
-void CacheLock::closeGate() {
-  if (gateFd_ >= 0) ::close(gateFd_);
-  gateFd_ = -1;
-  gateHeld_ = false;
-}
-
-bool CacheLock::takeGate(bool wait) {
-  if (!openGate()) return false;
-  struct flock range = byteZeroRange(F_WRLCK);
-  int rc;
-  while ((rc = ::fcntl(gateFd_, wait ? F_OFD_SETLKW : F_OFD_SETLK, &range)) != 0 && errno == EINTR) {
-  }
-  if (rc != 0) {
+void CacheLock::openMutex() {
+  // Under the registry's mutex, which the fork handlers hold across fork: the descriptor is
+  // opened and the lock listed before any fork can copy it. The file is opened before the
+  // semaphore, so that a semaphore replaced in between shows as a file that is no longer the
+  // name's when the gate is taken.
+  RegistryHeld held;
+  const std::size_t bytes = LockOwnerRecord::kOffset + sizeof(LockOwnerRecord);
+  UniqueFd fd = UniqueFd::open(filePath_.c_str(), O_RDWR | O_NONBLOCK | O_NOFOLLOW);
+  struct stat info;
+  if (!fd || ::fstat(fd.get(), &info) != 0) fail(errno, "cannot open the cache's mutex");
+  if (!S_ISREG(info.st_mode)) fail(EINVAL, "the cache's mutex is not a regular file");
+  // The record lies in the page the semaphore itself is in: growing the file to hold it takes no
+  // memory, and no truncation can take the record away without the semaphore.
+  if (static_cast<std::size_t>(info.st_size) < bytes && ::ftruncate(fd.get(), static_cast<off_t>(bytes)) != 0)
+    fail(errno, "cannot make room for the lock's owner record");
+  void* page = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+  if (page == MAP_FAILED) fail(errno, "cannot map the lock's owner record");
+  sem_t* semaphore = ::sem_open(("/" + bareName(mutexName_)).c_str(), 0);
+  if (semaphore == SEM_FAILED) {
     const int error = errno;
-    if (error == EINVAL) {
-      // A kernel without open-file-description locks: never try again.
-      closeGate();
-      gateTried_ = true;
-      return false;
-    }
-    if (!wait && (error == EAGAIN || error == EACCES)) return false;
-    throwError(error, "MediaCache: cannot take the cache's lock");
+    ::munmap(page, bytes);
+    fail(error, "cannot open the cache's mutex");
   }
-  gateHeld_ = true;
-  return true;
+  std::vector<CacheLock*>& locks = registry().locks;
+  if (std::find(locks.begin(), locks.end(), this) == locks.end()) locks.push_back(this);
+  closeMutex();
+  file_ = std::move(fd);
+  page_ = page;
+  record_ = reinterpret_cast<LockOwnerRecord*>(static_cast<char*>(page) + LockOwnerRecord::kOffset);
+  semaphore_ = semaphore;
+}
+
+void CacheLock::closeMutex() {
+  file_.reset();
+  if (page_ != nullptr) ::munmap(page_, LockOwnerRecord::kOffset + sizeof(LockOwnerRecord));
+  if (semaphore_ != nullptr) ::sem_close(semaphore_);
+  page_ = nullptr;
+  record_ = nullptr;
+  semaphore_ = nullptr;
+}
+
+bool CacheLock::tryGate() {
+  struct flock range = byteRange(F_WRLCK, kGateByte);
+  int rc;
+  while ((rc = ::fcntl(file_.get(), F_OFD_SETLK, &range)) != 0 && errno == EINTR) {
+  }
+  if (rc == 0) return gateHeld_ = true;
+  if (errno == EAGAIN || errno == EACCES) return false;
+  fail(errno, "cannot take the cache's lock");
+}
+
+void CacheLock::takeGate(Wait& wait) {
+  for (int reopened = 0;;) {
+    if (!file_) openMutex();
+    if (tryGate()) {
+    } else if (waiting_.timeoutSeconds < 0 && !waiting_.notice) {
+      struct flock range = byteRange(F_WRLCK, kGateByte);
+      while (::fcntl(file_.get(), F_OFD_SETLKW, &range) != 0)
+        if (errno != EINTR) fail(errno, "cannot take the cache's lock");
+      gateHeld_ = true;
+    } else {
+      do {
+        wait.check(recordedHolder());
+        wait.pause();
+      } while (!tryGate());
+    }
+    // The gate counts only on the file that is the mutex now.
+    struct stat open, named;
+    if (::fstat(file_.get(), &open) == 0 && ::stat(filePath_.c_str(), &named) == 0 &&
+        open.st_dev == named.st_dev && open.st_ino == named.st_ino)
+      return;
+    releaseGate();
+    if (++reopened >= kReopenLimit) fail(EAGAIN, "the cache's mutex keeps being replaced");
+    openMutex();
+  }
 }
 
 void CacheLock::releaseGate() {
   if (!gateHeld_) return;
-  struct flock range = byteZeroRange(F_UNLCK);
-  ::fcntl(gateFd_, F_OFD_SETLK, &range);
+  struct flock range = byteRange(F_UNLCK, kGateByte);
+  ::fcntl(file_.get(), F_OFD_SETLK, &range);
   gateHeld_ = false;
 }
 
-CacheLock::Verdict CacheLock::judge(const LockOwnerRecord& seen, pid_t* who) const {
-  const pid_t me = ::getpid();
-  // A record naming this process is stale: its threads are kept out by the in-process mutex.
-  auto gone = [me](pid_t pid, std::uint64_t start) {
-    return pid == me || livenessOf(pid, start) == Liveness::Gone;
-  };
-  const std::uint64_t holderStart = joinStart(seen.holderStartHigh, seen.holderStartLow);
-  const std::uint64_t claimStart = joinStart(seen.claimStartHigh, seen.claimStartLow);
-  *who = seen.holderPid;
-  if (seen.holderState == LockOwnerRecord::Holding && seen.holderPid > 0 && gone(seen.holderPid, holderStart))
-    return Verdict::TakeOver;
-  if (seen.claimPid > 0 && gone(seen.claimPid, claimStart)) {
-    *who = seen.claimPid;
-    return Verdict::Doubtful;
-  }
-  if (seen.holderState == LockOwnerRecord::Releasing && seen.holderPid > 0 &&
-      gone(seen.holderPid, holderStart))
-    return Verdict::Doubtful;
-  if (seen.holderState != LockOwnerRecord::Free && seen.holderPid > 0) return Verdict::WaitForRecorded;
-  if (seen.claimPid > 0) {
-    *who = seen.claimPid;
-    return Verdict::WaitForRecorded;
-  }
-  *who = 0;
-  return Verdict::WaitForOutsider;
+bool CacheLock::recordValid() const {
+  const LockOwnerRecord& r = *record_;
+  return std::memcmp(r.magic, LockOwnerRecord::kMagic, sizeof r.magic) == 0 &&
+         r.version == LockOwnerRecord::kVersion && r.size == sizeof r &&
+         __atomic_load_n(&r.state, __ATOMIC_ACQUIRE) <= LockOwnerRecord::Returning;
 }
 
-// Waits for the semaphore with the gate held, or decides to take it over. True for a takeover.
-bool CacheLock::waitForSemaphore(const LockOwnerRecord& seen) {
-  const struct timespec since = monotonicNow();
-  int lines = 0;
-  // A takeover keeps the semaphore at 0 and passes it on. It is decided on what was seen before
-  // a last try of the semaphore: a holder that has ended, or that no longer maps it, can no longer
-  // release it, so a semaphore still taken after that is the dead holder's for good.
-  auto takeOver = [this](pid_t who) {
-    if (::sem_trywait(semaphore_) == 0) {
-      becomeHolder(false, 0);
-      return false;
-    }
-    becomeHolder(true, who);
-    return true;
-  };
-  for (;;) {
-    pid_t who = 0;
-    const Verdict verdict = judge(seen, &who);
-    if (verdict == Verdict::TakeOver) return takeOver(who);
-    Mappers mappers = Mappers::None;
-    if (verdict == Verdict::Doubtful) {
-      mappers = foreignMappers(mutexName_);
-      if (mappers == Mappers::None || (mappers == Mappers::Unknown && secondsSince(since) >= kDoubtSeconds))
-        return takeOver(who);
-    }
-    const double waited = secondsSince(since);
-    if (waited >= kWaitLineSeconds * (lines + 1)) {
-      ++lines;
-      if (verdict == Verdict::WaitForOutsider || mappers == Mappers::Some)
-        std::fprintf(stderr,
-                     "MediaCache: %s: waiting %d s for the lock, held by a process outside this library\n",
-                     segmentName_.c_str(), static_cast<int>(waited));
-      else
-        std::fprintf(stderr, "MediaCache: %s: waiting %d s for the lock, held by process %d\n",
-                     segmentName_.c_str(), static_cast<int>(waited), static_cast<int>(who));
-    }
-    struct timespec until = monotonicNow();
-    until.tv_nsec += kSliceNanoseconds;
-    if (until.tv_nsec >= 1000000000L) {
-      until.tv_nsec -= 1000000000L;
-      until.tv_sec += 1;
-    }
-    if (::sem_clockwait(semaphore_, CLOCK_MONOTONIC, &until) == 0) {
-      becomeHolder(false, 0);
-      return false;
-    }
-    if (errno != ETIMEDOUT && errno != EINTR) throwError(errno, "MediaCache: cannot take the cache's lock");
-  }
+void CacheLock::store(LockOwnerRecord::State state) {
+  __atomic_store_n(&record_->state, state, __ATOMIC_SEQ_CST);
 }
 
-void CacheLock::becomeHolder(bool takeover, pid_t previous) {
-  const Self me = self();
-  if (gateHeld_) {
-    record_->holderStartHigh = static_cast<std::uint32_t>(me.start >> 32);
-    record_->holderStartLow = static_cast<std::uint32_t>(me.start);
-    record_->holderPid = me.pid;
-    record_->holderState = LockOwnerRecord::Holding;
-    record_->claimPid = 0;
-    record_->claimStartHigh = record_->claimStartLow = 0;
-    if (takeover) ++record_->takeovers;
-  }
-  if (takeover)
-    std::fprintf(stderr, "MediaCache: %s: took over the lock left held by process %d, which ended\n",
-                 segmentName_.c_str(), static_cast<int>(previous));
-  held_ = true;
-  holderPid_ = me.pid;
+// Names this process in the record, for messages.
+void CacheLock::noteHolder(bool takeover) {
+  LockOwnerRecord& r = *record_;
+  r.pid = ::getpid();
+  r.sinceNs = monotonicNs();
+  std::memset(r.program, 0, sizeof r.program);
+  std::memcpy(r.program, program_.data(), std::min(program_.size(), sizeof r.program - 1));
+  r.check = infoCheck(r);
+  if (takeover) ++r.takeovers;
+}
+
+CacheLock::Holder CacheLock::recordedHolder() const {
+  const LockOwnerRecord seen = *record_;
+  Holder holder;
+  holder.recordValid = recordValid();
+  if (!holder.recordValid || seen.state == LockOwnerRecord::Free || seen.state == LockOwnerRecord::Waiting ||
+      seen.check != infoCheck(seen))
+    return holder;
+  holder.pid = seen.pid;
+  holder.program = std::string(seen.program, strnlen(seen.program, sizeof seen.program));
+  const std::uint64_t now = monotonicNs();
+  if (seen.sinceNs != 0 && seen.sinceNs <= now) holder.heldSeconds = double(now - seen.sinceNs) / 1e9;
+  return holder;
 }
 
 bool CacheLock::lock() {
-  const int rc = pthread_mutex_lock(&threads_);
-  if (rc == EDEADLK) throwError(EDEADLK, "MediaCache: this thread holds the cache's lock already");
-  if (rc != 0) throwError(rc, "MediaCache: cannot take the cache's lock");
+  Wait wait(*this);
+  for (;;) {
+    const struct timespec until = monotonicIn(wait.slice(1.0));
+    const int rc = pthread_mutex_clocklock(&threads_, CLOCK_MONOTONIC, &until);
+    if (rc == 0) break;
+    if (rc == EDEADLK) fail(EDEADLK, "this thread holds the cache's lock already");
+    if (rc != ETIMEDOUT) fail(rc, "cannot take the cache's lock");
+    Holder us;
+    us.pid = ::getpid();
+    us.program = program_;
+    wait.check(us);
+  }
   try {
-    if (!takeGate(true)) {
-      while (::sem_wait(semaphore_) != 0)
-        if (errno != EINTR) throwError(errno, "MediaCache: cannot take the cache's lock");
-      held_ = true;
-      holderPid_ = ::getpid();
-      return false;
+    takeGate(wait);
+    step(LockStep::GateTaken);
+    LockOwnerRecord& r = *record_;
+    const bool valid = recordValid();
+    const std::uint32_t seen = valid ? r.state : std::uint32_t(LockOwnerRecord::Free);
+    int value = 0;
+    ::sem_getvalue(semaphore_, &value);
+    const bool takeover =
+        value == 0 && (seen == LockOwnerRecord::Holding || seen == LockOwnerRecord::Claiming ||
+                       seen == LockOwnerRecord::Releasing);
+    // Who left the lock, for the message of a takeover (copied as they are: nothing allocated).
+    const std::int32_t seenPid = valid && r.check == infoCheck(r) ? r.pid : 0;
+    char seenProgram[sizeof r.program];
+    std::memcpy(seenProgram, r.program, sizeof seenProgram);
+    seenProgram[sizeof seenProgram - 1] = '\0';
+    if (takeover) {
+      // A library process lost the gate while S was its own: S passes on untouched.
+      noteHolder(true);
+    } else {
+      if (!valid) {
+        std::memset(&r, 0, sizeof r);
+        std::memcpy(r.magic, LockOwnerRecord::kMagic, sizeof r.magic);
+        r.version = LockOwnerRecord::kVersion;
+        r.size = sizeof r;
+      }
+      noteHolder(false);
+      bool taken = false;
+      if (value > 0) {
+        store(LockOwnerRecord::Claiming);
+        step(LockStep::Claimed);
+        taken = ::sem_trywait(semaphore_) == 0;
+      }
+      if (!taken) {
+        // Held outside the library: waited for, by polling rather than sem_wait.
+        store(LockOwnerRecord::Waiting);
+        step(LockStep::Waiting);
+        while (::sem_trywait(semaphore_) != 0) {
+          if (errno != EAGAIN && errno != EINTR) fail(errno, "cannot take the cache's lock");
+          wait.check(Holder());
+          wait.pause();
+        }
+      }
+      step(LockStep::SemaphoreTaken);
     }
-    // The gate keeps every other library process out of the record until it is released.
-    const LockOwnerRecord seen = *record_;
-    const Self me = self();
-    record_->claimStartHigh = static_cast<std::uint32_t>(me.start >> 32);
-    record_->claimStartLow = static_cast<std::uint32_t>(me.start);
-    record_->claimPid = me.pid;
-    if (::sem_trywait(semaphore_) == 0) {
-      becomeHolder(false, 0);
-      return false;
-    }
-    if (errno != EAGAIN && errno != EINTR) throwError(errno, "MediaCache: cannot take the cache's lock");
-    return waitForSemaphore(seen);
+    store(LockOwnerRecord::Holding);
+    step(LockStep::Holding);
+    if (takeover && seenPid > 0)
+      std::fprintf(stderr, "MediaCache: %s: took over the lock left held by process %d (%s), which ended\n",
+                   segmentName_.c_str(), static_cast<int>(seenPid), seenProgram);
+    else if (takeover)
+      std::fprintf(stderr, "MediaCache: %s: took over the lock left held by a library process, which ended\n",
+                   segmentName_.c_str());
+    held_ = true;
+    return takeover;
   } catch (...) {
     if (gateHeld_) {
-      record_->claimPid = 0;
+      if (recordValid() && record_->state == LockOwnerRecord::Waiting) store(LockOwnerRecord::Free);
       releaseGate();
     }
     pthread_mutex_unlock(&threads_);
@@ -477,103 +482,73 @@ bool CacheLock::lock() {
 }
 
 void CacheLock::unlock() {
-  if (!held_ || holderPid_ != ::getpid()) return;
-  if (gateHeld_) record_->holderState = LockOwnerRecord::Releasing;
-  ::sem_post(semaphore_);  // a failure to release is not reported, as a scoped lock's is not
-  if (gateHeld_) {
-    record_->holderPid = 0;
-    record_->holderStartHigh = record_->holderStartLow = 0;
-    record_->holderState = LockOwnerRecord::Free;
-  }
+  if (!held_) return;
   held_ = false;
+  // A post that wakes a waiter hands S to a program outside the library at once.
+  store(semaphoreWaiters(semaphore_) == 0 ? LockOwnerRecord::Releasing : LockOwnerRecord::Returning);
+  step(LockStep::Releasing);
+  ::sem_post(semaphore_);  // a failure to release is not reported, as a scoped lock's is not
+  step(LockStep::Posted);
+  store(LockOwnerRecord::Free);
+  step(LockStep::Freed);
   releaseGate();
   pthread_mutex_unlock(&threads_);
 }
 
 CacheLock::State CacheLock::state() {
   State s;
-  s.mutexMode = modeOf(semaphoreFile(mutexName_));
-  s.recordMode = modeOf(recordFile(mutexName_));
-  s.gated = record_ != nullptr;
-  if (record_ != nullptr) s.takeovers = record_->takeovers;
+  struct stat info;
+  if (::stat(filePath_.c_str(), &info) == 0) s.mutexMode = static_cast<unsigned>(info.st_mode & 07777);
   if (pthread_mutex_trylock(&threads_) != 0) {
-    // Another thread of this process holds or is taking the lock.
+    // Another thread of this process holds the lock or is taking it.
     s.kind = State::Held;
-    s.pid = ::getpid();
-    s.recorded = true;
-    s.alive = true;
-    s.startTime = self().start;
+    s.holder.pid = ::getpid();
+    s.holder.program = program_;
     return s;
   }
   struct Unlock {
     pthread_mutex_t* m;
     ~Unlock() { pthread_mutex_unlock(m); }
   } unlockThreads{&threads_};
-
-  auto describeRecorded = [&s](pid_t pid, std::uint64_t start) {
-    s.pid = pid;
-    s.recorded = true;
-    s.startTime = start;
-    s.alive = livenessOf(pid, start) == Liveness::Alive;
-  };
-  if (takeGate(false)) {
-    const LockOwnerRecord seen = *record_;
-    if (::sem_trywait(semaphore_) == 0) {
-      ::sem_post(semaphore_);
-      s.kind = State::Free;
-    } else {
-      pid_t who = 0;
-      switch (judge(seen, &who)) {
-        case Verdict::TakeOver:
-          s.kind = State::LeftHeld;
-          describeRecorded(who, joinStart(seen.holderStartHigh, seen.holderStartLow));
-          break;
-        case Verdict::WaitForRecorded:
-          s.kind = State::Held;
-          describeRecorded(who, who == seen.holderPid ? joinStart(seen.holderStartHigh, seen.holderStartLow)
-                                                      : joinStart(seen.claimStartHigh, seen.claimStartLow));
-          break;
-        case Verdict::WaitForOutsider:
-          s.kind = State::Held;
-          break;
-        case Verdict::Doubtful: {
-          const Mappers mappers = foreignMappers(mutexName_);
-          s.kind = mappers == Mappers::None ? State::LeftHeld
-                                            : (mappers == Mappers::Some ? State::Held : State::Unknown);
-          describeRecorded(who, who == seen.holderPid ? joinStart(seen.holderStartHigh, seen.holderStartLow)
-                                                      : joinStart(seen.claimStartHigh, seen.claimStartLow));
-          break;
-        }
-      }
-    }
-    releaseGate();
-    return s;
+  try {
+    if (!file_) openMutex();
+  } catch (const bip::interprocess_exception&) {
+    return s;  // Unknown
   }
-  if (record_ != nullptr && gateFd_ >= 0) {
-    // Another library process holds the gate: the record says who holds the lock.
-    const LockOwnerRecord seen = *record_;
-    s.kind = State::Held;
-    if (seen.holderState != LockOwnerRecord::Free && seen.holderPid > 0)
-      describeRecorded(seen.holderPid, joinStart(seen.holderStartHigh, seen.holderStartLow));
-    return s;
-  }
-  // No gate: the semaphore alone tells whether the lock is free.
-  if (::sem_trywait(semaphore_) == 0) {
-    ::sem_post(semaphore_);
+  const bool gate = tryGate();
+  if (gate) step(LockStep::StateGate);
+  const bool valid = recordValid();
+  const std::uint32_t recorded = valid ? record_->state : std::uint32_t(LockOwnerRecord::Free);
+  const Holder named = recordedHolder();
+  int value = 0;
+  ::sem_getvalue(semaphore_, &value);
+  if (gate) releaseGate();
+  if (valid) s.takeovers = record_->takeovers;
+  s.holder.recordValid = valid;
+  const bool libraryOwned = recorded == LockOwnerRecord::Holding || recorded == LockOwnerRecord::Claiming ||
+                            recorded == LockOwnerRecord::Releasing;
+  if (gate && value > 0) {
     s.kind = State::Free;
+  } else if (gate && libraryOwned) {
+    s.kind = State::LeftHeld;  // the next library process takes it over
+    s.holder = named;
+  } else if (gate) {
+    // Held outside the library, or left by a process that ended on the way between the two.
+    s.kind = State::Held;
+    if (recorded == LockOwnerRecord::Waiting || recorded == LockOwnerRecord::Returning)
+      s.endedMidway = valid && record_->check == infoCheck(*record_) ? record_->pid : 0;
+  } else if (recorded == LockOwnerRecord::Waiting) {
+    s.kind = State::Held;  // a library process waits inside the gate for a program outside it
+    s.waiter = valid && record_->check == infoCheck(*record_) ? record_->pid : 0;
   } else {
-    s.kind = State::Unknown;
+    s.kind = State::Held;
+    s.holder = named;
   }
   return s;
 }
 
-void CacheLock::setModes(const std::string& mutexName, unsigned mode) {
+void CacheLock::setMode(const std::string& mutexName, unsigned mode) {
   ::chmod(semaphoreFile(mutexName).c_str(), mode & 0777);
-  ::chmod(recordFile(mutexName).c_str(), mode & 0777);
-}
-
-bool CacheLock::removeRecord(const std::string& mutexName) {
-  return ::shm_unlink(recordName(mutexName).c_str()) == 0;
 }
 
 }  // namespace detail

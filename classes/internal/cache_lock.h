@@ -1,139 +1,165 @@
 // SPDX-License-Identifier: MIT
-// vorta: the lock of one shared cache: its named mutex, a gate that serialises the library's
-// processes, and an owner record that tells a dead holder from a live one.
+// vorta: the lock of one shared cache: its named mutex, with a gate and an owner record that let a
+// dead holder's lock be taken over without guessing.
 //
-// The named mutex is a POSIX semaphore used as a 0/1 mutex. A semaphore has no owner, so a
-// process killed while holding it would leave it taken for good. Beside it the library keeps
-// a small shared-memory object, the owner record (`<mutex name>.owner`), and takes two more
-// things around every cache operation:
-//
-//  - the gate: an open-file-description lock on byte 0 of the owner record, taken through a
-//    descriptor opened once per process (never per operation). The kernel drops it when its
-//    holder ends, however it ends. Fork children close their copy at once, so a child never
-//    keeps the gate of an operation running in its parent. Threads of one process share the
-//    descriptor and are kept apart by an in-process mutex taken first.
-//  - the record: under the gate, the holder writes its pid and its start time (clock ticks
-//    after boot, as /proc gives them) before it takes the semaphore and clears them after it
-//    has released it.
-//
-// A process that holds the gate and finds the semaphore taken looks at the record:
-//  - a recorded holder that has provably ended (no such pid, a zombie, or the pid now belongs
-//    to a process that started at another time) is taken over: the semaphore stays taken and
-//    passes to the new holder, so its value stays 0 or 1 through every recovery;
-//  - no recorded holder means a process outside the library holds the semaphore directly:
-//    it is waited for, never taken over, with a line on standard error every few seconds;
-//  - a holder that ended half-way through taking or releasing the semaphore leaves it
-//    unknown whether the semaphore is still its own. Then every process mapping the
-//    semaphore is looked at: when none but library processes (which map the record too)
-//    does, nobody else can hold it and it is taken over; while another does, it is waited
-//    for; where the processes cannot be looked at, it is taken over after a second.
-//
-// Where the kernel has no open-file-description locks, or the record cannot be opened for
-// writing (a cache of another user), the semaphore alone guards the cache and a dead
-// holder's lock is not recovered.
+// The protocol, in full:
+//  1. The named mutex is a POSIX semaphore S kept at 0 or 1. Programs outside the library may
+//     lock it directly; a holder the library did not record is always waited for.
+//  2. A library process holds the gate G, an open-file-description write lock on byte 0 of S's
+//     own file, for the whole of every critical section. The kernel drops G when its holder ends
+//     or execs, so while a process holds G no other library process is inside.
+//  3. The owner record lies in S's file past the semaphore; its state word is stored only under
+//     G, one aligned store per step: Claiming, S taken, Holding; Releasing, S posted, Free.
+//     Claiming is stored only when S was seen free, and Releasing only when no thread waits in
+//     sem_wait for S (glibc's count of them); otherwise Waiting and Returning take their place.
+//  4. A process that takes G and finds S at 0 with Holding, Claiming or Releasing recorded knows
+//     that process lost G while S was its own: it is gone (or exec'd), and S passes to the new
+//     holder without ever being posted (a takeover, said on standard error).
+//  5. S at 0 with Free, Waiting, Returning or no valid record is a holder outside the library:
+//     waited for (polling, so that no library process is ever counted as a sem_wait waiter).
+//  6. So only a second fault at the same instant can mislead: a program outside the library
+//     taking S within the few instructions between a library process's look at S and its store.
+//  7. After taking G the descriptor must still be the file of S's name, else S is opened again.
+//  8. Queries never take or post S: they try G without waiting and read S's value.
 #ifndef VORTA_INTERNAL_CACHE_LOCK_H
 #define VORTA_INTERNAL_CACHE_LOCK_H
 
 #include <pthread.h>
 #include <semaphore.h>
-#include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
+
+#include "internal/unique_fd.h"
 
 namespace zev {
 namespace detail {
 
-/// The owner record as it lies in shared memory, in the machine's own byte order.
+/// The owner record, at kOffset in the semaphore's file (in its first page, which every user of
+/// the semaphore maps), in the machine's own byte order.
 struct LockOwnerRecord {
+  static constexpr long kOffset = 512;
   static constexpr char kMagic[9] = "vortalck";
-  static constexpr std::uint32_t kVersion = 1;
-  enum HolderState : std::uint32_t { Free = 0, Holding = 1, Releasing = 2 };
+  static constexpr std::uint32_t kVersion = 3;
+  enum State : std::uint32_t {
+    Free = 0,
+    Claiming = 1,
+    Waiting = 2,
+    Holding = 3,
+    Releasing = 4,
+    Returning = 5
+  };
 
   char magic[8];
   std::uint32_t version;
-  std::uint32_t holderState;  ///< HolderState of the recorded holder
-  std::int32_t holderPid;     ///< the recorded holder, 0 when none
-  std::uint32_t holderStartHigh;
-  std::uint32_t holderStartLow;  ///< the holder's start time in clock ticks after boot
-  std::int32_t claimPid;         ///< a process about to take the semaphore, 0 when none
-  std::uint32_t claimStartHigh;
-  std::uint32_t claimStartLow;
-  std::uint32_t takeovers;  ///< how many times a dead holder's lock has been taken over
-  std::uint8_t reserved[20];
+  std::uint32_t size;     ///< sizeof(LockOwnerRecord)
+  std::uint32_t state;    ///< State: the one word the protocol decides on
+  std::int32_t pid;       ///< the process of that state, for messages
+  std::uint64_t sinceNs;  ///< CLOCK_MONOTONIC when it began to claim or hold
+  std::uint64_t reserved;
+  std::uint32_t takeovers;  ///< dead holders' locks taken over so far
+  std::uint32_t check;      ///< of pid, sinceNs and program, which only messages use
+  char program[48];         ///< the process's program and first argument
 };
-static_assert(sizeof(LockOwnerRecord) == 64, "the owner record is 64 bytes");
+static_assert(sizeof(LockOwnerRecord) == 96, "the owner record is 96 bytes");
 
-/// Whether a process is alive, judged from its pid and its start time.
-enum class Liveness { Alive, Gone };
-Liveness livenessOf(pid_t pid, std::uint64_t startTime);
-/// The start time of a process in clock ticks after boot; 0 when it cannot be read.
-std::uint64_t startTimeOf(pid_t pid);
+/// Steps of lock, unlock and state, at which tests may stop the process.
+enum class LockStep {
+  GateTaken,
+  Claimed,
+  Waiting,
+  SemaphoreTaken,
+  Holding,
+  Releasing,
+  Posted,
+  Freed,
+  StateGate
+};
+/// Called at every step when set; tests only.
+extern void (*lockStepHook)(LockStep);
+/// This process's program and first argument, as its records name it.
+std::string lockProgramName();
 
 class CacheLock {
  public:
+  /// Who holds the lock or waits for it, as recorded.
+  struct Holder {
+    int pid = 0;               ///< a library process, 0 when none is recorded
+    std::string program;       ///< its program and first argument
+    double heldSeconds = -1;   ///< how long it has held or claimed, -1 when not known
+    bool recordValid = false;  ///< the owner record is one this library wrote
+  };
   /// What a look at the lock, made without waiting, found.
   struct State {
     enum Kind { Free, Held, LeftHeld, Unknown };
     Kind kind = Unknown;
-    int pid = 0;                  ///< the holder, when known
-    bool recorded = false;        ///< the holder is in the owner record
-    bool alive = false;           ///< the recorded holder is alive
-    std::uint64_t startTime = 0;  ///< the recorded holder's start, clock ticks after boot
-    std::uint32_t takeovers = 0;  ///< dead holders' locks taken over so far
-    unsigned mutexMode = 0;       ///< permission bits of the semaphore's file, 0 when unknown
-    unsigned recordMode = 0;      ///< permission bits of the owner record, 0 when there is none
-    bool gated = false;           ///< the gate and record are in use
+    Holder holder;   ///< Held: the library holder (pid 0: outside the library); LeftHeld: who left it
+    int waiter = 0;  ///< Held outside the library: the library process waiting for it in the gate
+    /// Held with the gate free: a library process that ended while taking or releasing the lock,
+    /// whose semaphore this may still be (0 when none did).
+    int endedMidway = 0;
+    std::uint32_t takeovers = 0;
+    unsigned mutexMode = 0;  ///< permission bits of the semaphore's file, 0 when unknown
+  };
+  /// How long lock() may wait and whom it tells while it waits.
+  struct Waiting {
+    double timeoutSeconds = -1;  ///< negative: as long as it takes; 0: not at all
+    /// Called about a second into a wait, every five seconds after, and once with timedOut set
+    /// before lock() gives up. Without it a line goes to standard error every five seconds.
+    std::function<void(const Holder& holder, double waitedSeconds, bool timedOut)> notice;
   };
 
   /// The lock of the semaphore `mutexName` (created already), for the cache `segmentName`
-  /// (named in messages). The owner record is created with `mode` when missing.
-  CacheLock(const std::string& mutexName, const std::string& segmentName, unsigned mode);
+  /// (named in messages). Throws interprocess_exception when the semaphore cannot be opened.
+  CacheLock(const std::string& mutexName, const std::string& segmentName, Waiting waiting);
+  /// Releases nothing while another thread holds the lock: the kernel frees the gate when the
+  /// process ends, and the next process takes the lock over.
   ~CacheLock();
   CacheLock(const CacheLock&) = delete;
   CacheLock& operator=(const CacheLock&) = delete;
 
-  /// Takes the lock, waiting for a live holder and taking over a dead one. Returns whether a
-  /// dead holder's lock was taken over. Throws interprocess_exception on a system failure, and
-  /// when the calling thread holds this lock already.
+  /// Takes the lock. Returns whether a dead holder's lock was taken over. Throws
+  /// interprocess_exception on a system failure, when the wait runs out, and when the calling
+  /// thread holds this lock already.
   bool lock();
-  /// Releases the lock taken by this process. Does nothing in a fork child of the holder.
+  /// Releases the lock taken by this thread. Does nothing in a fork child of the holder.
   void unlock();
-  /// Who holds the lock, found without waiting.
+  /// Who holds the lock, found without waiting and without touching the semaphore.
   State state();
 
-  /// Sets the permission bits of the semaphore's file and the owner record where this
-  /// process may (whatever the umask was when they were made).
-  static void setModes(const std::string& mutexName, unsigned mode);
-  /// Removes the owner record of `mutexName`. Whether there was one.
-  static bool removeRecord(const std::string& mutexName);
-  /// The owner record's shared-memory name of a mutex.
-  static std::string recordName(const std::string& mutexName);
+  /// Sets the permission bits of the semaphore's file where this process may (whatever the
+  /// umask was when it was made).
+  static void setMode(const std::string& mutexName, unsigned mode);
 
-  // Called around fork by the process-wide handlers.
+  /// Called in a fork child by the process-wide handler: drops the parent's gate and lock.
   void forkedChild();
 
  private:
-  enum class Verdict { TakeOver, WaitForRecorded, WaitForOutsider, Doubtful };
-  Verdict judge(const LockOwnerRecord& seen, pid_t* who) const;
-  bool openGate();
-  void closeGate();
-  bool takeGate(bool wait);
+  class Wait;
+  void openMutex();
+  void closeMutex();
+  bool tryGate();
+  void takeGate(Wait& wait);
   void releaseGate();
-  bool waitForSemaphore(const LockOwnerRecord& seen);
-  void becomeHolder(bool takeover, pid_t previous);
+  bool recordValid() const;
+  void store(LockOwnerRecord::State state);
+  void noteHolder(bool takeover);
+  Holder recordedHolder() const;
+  [[noreturn]] void fail(int error, const char* what);
 
   std::string mutexName_;
   std::string segmentName_;
-  unsigned mode_;
+  std::string filePath_;  // the semaphore's file in /dev/shm
+  Waiting waiting_;
+  std::string program_;  // this process's program, as recorded
   sem_t* semaphore_ = nullptr;
-  LockOwnerRecord* record_ = nullptr;  // mapped for the object's life
-  int gateFd_ = -1;                    // its own open file description, for the gate only
-  bool gateTried_ = false;
+  UniqueFd file_;                      // the semaphore's file: the gate's own open file description
+  void* page_ = nullptr;               // its first page, mapped
+  LockOwnerRecord* record_ = nullptr;  // within it
   bool gateHeld_ = false;
   bool held_ = false;
-  pid_t holderPid_ = 0;
-  pthread_mutex_t threads_;
+  pthread_mutex_t threads_;  // keeps the threads of this process apart
 };
 
 }  // namespace detail

@@ -10,22 +10,22 @@
 namespace zev {
 namespace detail {
 
-int openRegularFile(const char* path, int flags, mode_t mode, struct stat64* info) {
-  const int fd = ::open(path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, mode);
-  if (fd < 0) return -1;
+UniqueFd openRegularFile(const char* path, int flags, mode_t mode, struct stat64* info) {
+  UniqueFd fd = UniqueFd::open(path, flags | O_NONBLOCK | O_NOCTTY, mode);
+  if (!fd) return fd;
   struct stat64 seen;
   int error = 0;
-  const int status = ::fcntl(fd, F_GETFL);
-  if (::fstat64(fd, &seen) != 0 || status == -1)
+  const int status = ::fcntl(fd.get(), F_GETFL);
+  if (::fstat64(fd.get(), &seen) != 0 || status == -1)
     error = errno;
   else if (!S_ISREG(seen.st_mode))
     error = S_ISDIR(seen.st_mode) ? EISDIR : EINVAL;
-  else if (::fcntl(fd, F_SETFL, status & ~O_NONBLOCK) == -1)
+  else if (::fcntl(fd.get(), F_SETFL, status & ~O_NONBLOCK) == -1)
     error = errno;
   if (error != 0) {
-    ::close(fd);
+    fd.reset();
     errno = error;
-    return -1;
+    return fd;
   }
   if (info != nullptr) *info = seen;
   return fd;

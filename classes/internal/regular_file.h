@@ -8,14 +8,16 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include "internal/unique_fd.h"
+
 namespace zev {
 namespace detail {
 
 /// open(path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, mode), then only a regular file is kept
-/// and put back in blocking mode. -1 with errno set when the open fails, and with errno EISDIR
-/// for a directory or EINVAL for any other file that is not regular. `info`, when given, gets
-/// what fstat said of the open file. Nothing is truncated or written.
-int openRegularFile(const char* path, int flags, mode_t mode = 0, struct stat64* info = nullptr);
+/// and put back in blocking mode. Owns nothing, with errno set, when the open fails, and with
+/// errno EISDIR for a directory or EINVAL for any other file that is not regular. `info`, when
+/// given, gets what fstat said of the open file. Nothing is truncated or written.
+UniqueFd openRegularFile(const char* path, int flags, mode_t mode = 0, struct stat64* info = nullptr);
 
 /// A record-lock range of the single byte 0 with the given lock type.
 struct flock byteZeroRange(short type);

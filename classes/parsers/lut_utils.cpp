@@ -251,19 +251,15 @@ enum class ReadResult { Ok, CannotOpen, TooLarge };
 // before anything is read; `bytes` then holds its size.
 ReadResult readWhole(const std::string& fileName, std::vector<uint8_t>& buffer, long long& bytes) {
   struct stat64 st {};
-  const int fd = zev::detail::openRegularFile(fileName.c_str(), O_RDONLY, 0, &st);
-  if (fd < 0) return ReadResult::CannotOpen;
-  struct Closer {
-    int fd;
-    ~Closer() { ::close(fd); }
-  } closer{fd};
+  const zev::detail::UniqueFd fd = zev::detail::openRegularFile(fileName.c_str(), O_RDONLY, 0, &st);
+  if (!fd) return ReadResult::CannotOpen;
   bytes = static_cast<long long>(st.st_size);
   if (st.st_size > static_cast<off64_t>(zev::utils::LUT_Utils::kMaxLutFileBytes)) return ReadResult::TooLarge;
   buffer.clear();
   buffer.reserve(static_cast<std::size_t>(st.st_size) + kPadding);
   uint8_t chunk[16384];
   for (;;) {
-    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    const ssize_t n = ::read(fd.get(), chunk, sizeof chunk);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return ReadResult::CannotOpen;
     if (n == 0) break;

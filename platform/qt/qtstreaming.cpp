@@ -14,6 +14,8 @@
 #include <new>
 #include <vector>
 
+#include "internal/unique_fd.h"
+
 namespace {
 
 constexpr uint32_t fourcc(const char (&s)[5]) {
@@ -611,27 +613,24 @@ class File {
   /// must not hold the caller up (opening a FIFO for reading waits for a
   /// writer, a terminal could become the controlling one). usable() then
   /// refuses anything but a regular file.
-  File(const std::string& path, uint64_t& counter) : counter_(counter) {
-    fd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    if (fd_ < 0) error_ = errno;
-  }
-  ~File() {
-    if (fd_ >= 0) ::close(fd_);
+  File(const std::string& path, uint64_t& counter)
+      : fd_(zev::detail::UniqueFd::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY)), counter_(counter) {
+    if (!fd_) error_ = errno;
   }
   File(const File&) = delete;
   File& operator=(const File&) = delete;
 
   /// True for an open regular file, which is then read in blocking mode.
   bool usable(uint64_t& size) {
-    if (fd_ < 0) return false;
+    if (!fd_) return false;
     struct stat st;
-    if (::fstat(fd_, &st) != 0) {
+    if (::fstat(fd_.get(), &st) != 0) {
       error_ = errno;
       return false;
     }
     if (!S_ISREG(st.st_mode) || st.st_size < 0) return false;
-    const int flags = ::fcntl(fd_, F_GETFL);
-    if (flags == -1 || ::fcntl(fd_, F_SETFL, flags & ~O_NONBLOCK) == -1) {
+    const int flags = ::fcntl(fd_.get(), F_GETFL);
+    if (flags == -1 || ::fcntl(fd_.get(), F_SETFL, flags & ~O_NONBLOCK) == -1) {
       error_ = errno;
       return false;
     }
@@ -683,7 +682,7 @@ class File {
   bool readFile(uint64_t offset, unsigned char* buffer, std::size_t length) {
     while (length > 0) {
       if (offset > static_cast<uint64_t>(INT64_MAX)) return false;
-      const ssize_t got = ::pread(fd_, buffer, length, static_cast<off_t>(offset));
+      const ssize_t got = ::pread(fd_.get(), buffer, length, static_cast<off_t>(offset));
       if (got < 0 && errno == EINTR) continue;
       if (got < 0) error_ = errno;
       if (got <= 0) return false;
@@ -695,7 +694,7 @@ class File {
     return true;
   }
 
-  int fd_;
+  zev::detail::UniqueFd fd_;
   int error_ = 0;
   uint64_t& counter_;
   unsigned char window_[kHeaderWindow];

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
-// Tests of how a cache lock tells a dead holder from a live one, with real processes: holders
-// outside the library, recorded holders whose pid was reused, holders that ended half-way, fork
-// children, descriptor exhaustion and the permissions of the lock objects.
+// Tests of how a cache lock tells a holder that has lost its gate from one that has not, with real
+// processes: holders outside the library, killed and exec'd holders, waits with limits and
+// notices, queries, fork children, descriptor exhaustion and the permissions of the mutexes.
 #include <gtest/gtest.h>
+#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -10,6 +11,7 @@
 #include <list>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "cache_test_support.h"
 #include "lock_test_support.h"
@@ -19,8 +21,22 @@ namespace {
 using namespace cache_test;
 using namespace lock_test;
 using zev::detail::LockOwnerRecord;
+using zev::media::LockWait;
 
 bool tookOver(const std::string& text) { return text.find("took over") != std::string::npos; }
+
+// Reads the clip cache with a limit on the wait; the exception's text, or "" when it read.
+std::string readWithin(MediaCacheOptions options, double seconds) {
+  options.lockTimeout = seconds;
+  std::list<Clip> clips;
+  try {
+    MediaCache cache(options);  // which takes the lock too, to check the segment's size
+    cache.ReadClipCacheFromSharedMemory(clips);
+  } catch (const bip::interprocess_exception& e) {
+    return e.what();
+  }
+  return "";
+}
 
 // Makes sure a process that locks the named mutex directly, without the library, is waited for:
 // the read waits about as long as the holder holds, takes nothing over, and the mutex is a free
@@ -36,8 +52,9 @@ TEST(LockOwner, HolderOutsideTheLibraryIsWaitedFor) {
   EXPECT_EQ(semaphoreValue(names.options.clipLock), 0);
   const MediaCache::LockState state = cache.ClipLockState();
   EXPECT_EQ(state.kind, MediaCache::LockState::Held);
-  EXPECT_FALSE(state.recorded);
   EXPECT_EQ(state.pid, 0);
+  EXPECT_EQ(state.endedMidway, 0);
+  EXPECT_EQ(semaphoreValue(names.options.clipLock), 0) << "the query touched the mutex";
 
   Watchdog watchdog(30);
   const double start = now();
@@ -71,8 +88,8 @@ TEST(LockOwner, LongWaitForAnOutsiderIsNamed) {
   EXPECT_EQ(semaphoreValue(names.options.playlistLock), 1);
 }
 
-// Makes sure a SIGKILLed holder is taken over within a second, with a message naming it, and
-// that both mutexes are free 0/1 mutexes afterwards.
+// Makes sure a SIGKILLed holder is taken over within a second, with a message naming it and its
+// program, and that both mutexes are free 0/1 mutexes afterwards.
 TEST(LockOwner, KilledHolderIsTakenOverWithinASecond) {
   ScopedNames names;
   MediaCache cache(names.options);
@@ -82,27 +99,25 @@ TEST(LockOwner, KilledHolderIsTakenOverWithinASecond) {
   ASSERT_TRUE(holding.await());
   const MediaCache::LockState held = cache.ClipLockState();
   EXPECT_EQ(held.kind, MediaCache::LockState::Held);
-  EXPECT_TRUE(held.recorded);
-  EXPECT_TRUE(held.alive);
   EXPECT_EQ(held.pid, holder.pid());
-  EXPECT_EQ(held.startTime, startTicks(holder.pid()));
+  EXPECT_EQ(held.program, zev::detail::lockProgramName());
+  EXPECT_GE(held.heldSeconds, 0.0);
+  EXPECT_LT(held.heldSeconds, 30.0);
+  EXPECT_TRUE(held.recordValid);
   const pid_t pid = holder.pid();
   holder.killNow();
 
   const MediaCache::LockState left = cache.ClipLockState();
   EXPECT_EQ(left.kind, MediaCache::LockState::LeftHeld);
-  EXPECT_TRUE(left.recorded);
-  EXPECT_FALSE(left.alive);
   EXPECT_EQ(left.pid, pid);
+  EXPECT_EQ(semaphoreValue(names.options.clipLock), 0) << "the query touched the mutex";
 
   Watchdog watchdog(30);
   const double start = now();
   testing::internal::CaptureStderr();
   std::list<Clip> clips;
   EXPECT_EQ(cache.ReadClipCacheFromSharedMemory(clips), 1);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "MediaCache: " + names.options.clipSegment +
-                                                        ": took over the lock left held by process " +
-                                                        std::to_string(pid) + ", which ended\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), takeoverLine(names.options.clipSegment, pid));
   EXPECT_LT(now() - start, 1.0);
   EXPECT_EQ(cache.ClipLockState().kind, MediaCache::LockState::Free);
   EXPECT_EQ(cache.ClipLockState().takeovers, 1u);
@@ -110,134 +125,192 @@ TEST(LockOwner, KilledHolderIsTakenOverWithinASecond) {
   EXPECT_EQ(semaphoreValue(names.options.playlistLock), 1);
 }
 
-// Makes sure a recorded holder whose pid now belongs to another, live process (one that started
-// at another time) is taken over, and the live process is left alone.
-TEST(LockOwner, RecordedHolderWhosePidWasReusedIsTakenOver) {
+// Makes sure a live library holder is never taken over however long it holds: a read with a
+// limit gives up with the holder named, and the mutex is whole afterwards.
+TEST(LockOwner, LiveHolderIsWaitedForAndNamedWhenTheWaitRunsOut) {
   ScopedNames names;
-  MediaCache cache(names.options);
-  cache.WriteClipCacheToSharedMemory({makeClip("A.mov", 1)});
-  Pipe ready;
-  Child bystander([&] {
-    ready.post();
-    for (;;) pause();
-    return 0;
-  });
-  ASSERT_TRUE(ready.await());
-  // The mutex taken and the record naming the bystander's pid with another start time: what a
-  // holder that died, and whose pid was then given to the bystander, leaves behind.
-  sem_t* sem = sem_open(("/" + names.options.clipLock).c_str(), 0);
-  ASSERT_NE(sem, SEM_FAILED);
-  ASSERT_EQ(sem_trywait(sem), 0);
-  {
-    RawRecord record(names.options.clipLock);
-    record.setHolder(LockOwnerRecord::Holding, bystander.pid(), startTicks(bystander.pid()) + 12345);
-  }
-  Watchdog watchdog(30);
-  const double start = now();
-  testing::internal::CaptureStderr();
-  std::list<Clip> clips;
-  EXPECT_EQ(cache.ReadClipCacheFromSharedMemory(clips), 1);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "MediaCache: " + names.options.clipSegment +
-                                                        ": took over the lock left held by process " +
-                                                        std::to_string(bystander.pid()) + ", which ended\n");
-  EXPECT_LT(now() - start, 1.0);
-  EXPECT_TRUE(bystander.running());
-  EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
-  sem_close(sem);
-}
-
-// Makes sure a recorded holder that is alive, with its own start time, is never taken over even
-// when the record is all there is to go by.
-TEST(LockOwner, RecordedLiveHolderIsNeverTakenOver) {
-  ScopedNames names;
-  MediaCache cache(names.options);
-  sem_t* sem = sem_open(("/" + names.options.clipLock).c_str(), 0);
-  ASSERT_NE(sem, SEM_FAILED);
-  Pipe ready;
-  Child holder([&] {
-    ready.post();
-    for (;;) pause();
-    return 0;
-  });
-  ASSERT_TRUE(ready.await());
-  ASSERT_EQ(sem_trywait(sem), 0);
-  {
-    RawRecord record(names.options.clipLock);
-    record.setHolder(LockOwnerRecord::Holding, holder.pid(), startTicks(holder.pid()));
-  }
-  const MediaCache::LockState state = cache.ClipLockState();
-  EXPECT_EQ(state.kind, MediaCache::LockState::Held);
-  EXPECT_TRUE(state.alive);
-  EXPECT_EQ(state.pid, holder.pid());
-
-  // Released by the test after a while: the read must have waited for it.
-  std::thread releaser([sem] {
-    usleep(700 * 1000);
-    sem_post(sem);
-  });
-  Watchdog watchdog(30);
-  const double start = now();
-  testing::internal::CaptureStderr();
-  std::list<Clip> clips;
-  cache.ReadClipCacheFromSharedMemory(clips);
-  const std::string err = testing::internal::GetCapturedStderr();
-  releaser.join();
-  EXPECT_FALSE(tookOver(err)) << err;
-  EXPECT_GE(now() - start, 0.5);
-  EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
-  sem_close(sem);
-}
-
-// Makes sure a holder that ended half-way through releasing (record "releasing", mutex still
-// taken) is taken over when no process outside the library maps the mutex.
-TEST(LockOwner, HolderThatEndedWhileReleasingIsTakenOver) {
-  ScopedNames names;
-  MediaCache cache(names.options);
-  sem_t* sem = sem_open(("/" + names.options.clipLock).c_str(), 0);
-  ASSERT_NE(sem, SEM_FAILED);
-  ASSERT_EQ(sem_trywait(sem), 0);
-  const pid_t ended = endedPid();
-  {
-    RawRecord record(names.options.clipLock);
-    record.setHolder(LockOwnerRecord::Releasing, ended, 1);
-  }
-  // This test process maps the semaphore itself but is the one looking, so it does not count.
-  Watchdog watchdog(30);
-  testing::internal::CaptureStderr();
-  cache.FlushClips();
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "MediaCache: " + names.options.clipSegment +
-                                                        ": took over the lock left held by process " +
-                                                        std::to_string(ended) + ", which ended\n");
-  EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
-  sem_close(sem);
-}
-
-// Makes sure a claimer that ended half-way through taking the mutex is not taken over while a
-// process outside the library that maps the mutex holds it: the read waits for that holder.
-TEST(LockOwner, EndedClaimerIsNotTakenOverWhileAnOutsiderMapsTheMutex) {
-  ScopedNames names;
-  { MediaCache creator(names.options); }
-  // The outsider starts before this process maps the lock's record, so it maps only the mutex,
-  // as a program that does not use the library would.
-  Pipe go;
+  { MediaCache cache(names.options); }
   Pipe holding;
-  Child outsider(holdsMutexDirectly(names.options.clipLock, holding, 1200 * 1000, &go));
-  MediaCache cache(names.options);
-  go.post();
+  Child holder(holdsCacheLockUntilKilled(names.options, holding));
   ASSERT_TRUE(holding.await());
-  const pid_t ended = endedPid();
-  {
-    RawRecord record(names.options.clipLock);
-    record.setClaim(ended, 1);
-  }
   Watchdog watchdog(30);
   const double start = now();
   testing::internal::CaptureStderr();
-  cache.FlushClips();
-  const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_FALSE(tookOver(err)) << err;
-  EXPECT_GE(now() - start, 0.8);
-  EXPECT_EQ(outsider.wait(), 0);
+  const std::string what = readWithin(names.options, 1.0);
+  EXPECT_FALSE(tookOver(testing::internal::GetCapturedStderr()));
+  EXPECT_GE(now() - start, 0.9);
+  EXPECT_EQ(what, "MediaCache: " + names.options.clipSegment + ": the lock is held by process " +
+                      std::to_string(holder.pid()) + " (" + zev::detail::lockProgramName() +
+                      "); gave up after 1 s");
+  EXPECT_EQ(semaphoreValue(names.options.clipLock), 0);
+  holder.killNow();
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(readWithin(names.options, 1.0), "");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), takeoverLine(names.options.clipSegment, holder.pid()));
+  EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
+}
+
+// Makes sure a wait with notices tells who holds the lock about a second into the wait, and once
+// more when the wait runs out, and that a limit of 0 gives up at once.
+TEST(LockOwner, WaitNoticesNameTheHolderAndTheLimitEndsTheWait) {
+  ScopedNames names;
+  { MediaCache cache(names.options); }
+  Pipe holding;
+  Child holder(holdsCacheLockUntilKilled(names.options, holding, true));
+  ASSERT_TRUE(holding.await());
+
+  std::vector<LockWait> notices;
+  MediaCacheOptions options = names.options;
+  options.create = false;  // a cache being created takes both locks already in its constructor
+  options.lockTimeout = 1.6;
+  options.onLockWait = [&notices](const LockWait& wait) { notices.push_back(wait); };
+  MediaCache cache(options);
+  Watchdog watchdog(30);
+  EXPECT_THROW(cache.InitializePlaylists(), bip::interprocess_exception);
+  ASSERT_EQ(notices.size(), 2u);
+  EXPECT_EQ(notices[0].cache, names.options.playlistSegment);
+  EXPECT_TRUE(notices[0].playlist);
+  EXPECT_EQ(notices[0].pid, holder.pid());
+  EXPECT_EQ(notices[0].program, zev::detail::lockProgramName());
+  EXPECT_GE(notices[0].waitedSeconds, 1.0);
+  EXPECT_LT(notices[0].waitedSeconds, 1.5);
+  EXPECT_GE(notices[0].heldSeconds, notices[0].waitedSeconds);
+  EXPECT_FALSE(notices[0].timedOut);
+  EXPECT_TRUE(notices[1].timedOut);
+  EXPECT_GE(notices[1].waitedSeconds, 1.6);
+
+  // Not waiting at all.
+  MediaCacheOptions now0 = names.options;
+  now0.create = false;
+  now0.lockTimeout = 0;
+  MediaCache impatient(now0);
+  const double start = now();
+  EXPECT_THROW(impatient.InitializePlaylists(), bip::interprocess_exception);
+  EXPECT_LT(now() - start, 0.5);
+  // The clip lock is free and is taken at once with a limit of 0.
+  EXPECT_EQ(impatient.WriteClipCacheToSharedMemory({}), 1);
+  EXPECT_EQ(semaphoreValue(names.options.playlistLock), 0);
+  EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
+}
+
+// Sleeps, as the program a holder starts: run by exec'ing this test binary where there is no
+// /bin/sleep (as in a small system's initramfs).
+TEST(LockSleeper, DISABLED_ThirtySeconds) { sleep(30); }
+
+// The words of a program that runs for 30 s: /bin/sleep, else this test binary sleeping.
+std::vector<std::string> sleeperWords() {
+  if (access("/bin/sleep", X_OK) == 0) return {"/bin/sleep", "30"};
+  char self[4096];
+  const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n <= 0) return {};
+  return {std::string(self, static_cast<std::size_t>(n)), "--gtest_filter=LockSleeper.DISABLED_ThirtySeconds",
+          "--gtest_also_run_disabled_tests"};
+}
+
+// argv for execv from words that outlive it.
+std::vector<char*> argvOf(std::vector<std::string>& words) {
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(&word[0]);
+  argv.push_back(nullptr);
+  return argv;
+}
+
+// Makes sure a holder that execs another program is taken over at once: exec closes the gate's
+// descriptor, while the process, with the same pid, runs on. Example failure: the read waits for
+// as long as the new program runs.
+TEST(LockOwner, HolderThatExecsIsTakenOverWhileTheNewProgramRuns) {
+  std::vector<std::string> words = sleeperWords();
+  ASSERT_FALSE(words.empty());
+  const std::vector<char*> argv = argvOf(words);
+  ScopedNames names;
+  { MediaCache cache(names.options); }
+  Pipe holding;
+  std::fflush(nullptr);
+  Child holder([&] {
+    MediaCache own(names.options);
+    own.HoldClipLock([&] {
+      holding.post();
+      execv(argv[0], argv.data());
+    });
+    return 5;
+  });
+  ASSERT_TRUE(holding.await());
+  Watchdog watchdog(30);
+  testing::internal::CaptureStderr();
+  const double start = now();
+  std::string what;
+  // The exec itself takes a moment; then the next read goes in at once.
+  for (int i = 0; i < 50 && (what = readWithin(names.options, 0.1)) != ""; ++i) {
+  }
+  EXPECT_EQ(what, "");
+  EXPECT_LT(now() - start, 1.0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), takeoverLine(names.options.clipSegment, holder.pid()));
+  EXPECT_TRUE(holder.running()) << "the exec'd program has ended";
+  EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
+}
+
+// Makes sure programs a holder starts from inside an operation, through posix_spawn and through
+// vfork and exec, never keep its gate: once the holder is killed, the next process takes the lock
+// over at once while those programs still run.
+TEST(LockOwner, ProgramsSpawnedByAHolderNeverKeepItsGate) {
+  std::vector<std::string> words = sleeperWords();
+  ASSERT_FALSE(words.empty());
+  const std::vector<char*> argv = argvOf(words);
+  ScopedNames names;
+  { MediaCache cache(names.options); }
+  Pipe holding;
+  Pipe started;
+  std::fflush(nullptr);
+  Child holder([&] {
+    MediaCache own(names.options);
+    own.HoldClipLock([&] {
+      pid_t spawned = -1;
+      if (posix_spawn(&spawned, argv[0], nullptr, nullptr, argv.data(), environ) != 0) _exit(20);
+      const pid_t forked = vfork();
+      if (forked == 0) {
+        execv(argv[0], argv.data());
+        _exit(21);
+      }
+      if (forked < 0) _exit(22);
+      const std::int32_t pids[2] = {spawned, forked};
+      if (write(started.fds[1], pids, sizeof pids) != sizeof pids) _exit(23);
+      holding.post();
+      for (;;) pause();
+    });
+    return 5;
+  });
+  ASSERT_TRUE(holding.await());
+  std::int32_t programs[2] = {-1, -1};
+  ASSERT_EQ(read(started.fds[0], programs, sizeof programs), static_cast<ssize_t>(sizeof programs));
+  holder.killNow();
+  Watchdog watchdog(30);
+  testing::internal::CaptureStderr();
+  const double start = now();
+  EXPECT_EQ(readWithin(names.options, 5.0), "");
+  EXPECT_LT(now() - start, 1.0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), takeoverLine(names.options.clipSegment, holder.pid()));
+  EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
+  for (const pid_t program : programs) {
+    EXPECT_EQ(kill(program, 0), 0) << "a spawned program ended before the lock was taken over";
+    kill(program, SIGKILL);
+  }
+}
+
+// Makes sure queries never take or post the semaphore: with a program outside the library
+// holding it, the state is read without changing its value.
+TEST(LockOwner, QueriesNeverTouchTheSemaphore) {
+  ScopedNames names;
+  MediaCache cache(names.options);
+  Pipe holding;
+  Pipe go;
+  Child holder(holdsMutexDirectly(names.options.clipLock, holding, 400 * 1000));
+  ASSERT_TRUE(holding.await());
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_EQ(cache.ClipLockState().kind, MediaCache::LockState::Held);
+    ASSERT_EQ(semaphoreValue(names.options.clipLock), 0);
+  }
+  EXPECT_EQ(holder.wait(), 0);
+  EXPECT_EQ(cache.ClipLockState().kind, MediaCache::LockState::Free);
   EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
 }
 
@@ -281,7 +354,6 @@ TEST(LockOwner, ForkChildDoesNotKeepTheLock) {
 TEST(LockOwner, ForkChildInsideAnOperationLeavesTheLockToItsParent) {
   ScopedNames names;
   MediaCache cache(names.options);
-  Pipe childDone;
   pid_t child = -1;
   cache.HoldClipLock([&] {
     child = fork();
@@ -306,6 +378,15 @@ TEST(LockOwner, ForkChildInsideAnOperationLeavesTheLockToItsParent) {
   EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
 }
 
+// Uses up every descriptor of the process (under a limit of 64).
+bool exhaustDescriptors() {
+  struct rlimit limit = {64, 64};
+  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
+  while (dup(0) >= 0) {
+  }
+  return errno == EMFILE;
+}
+
 // Makes sure a process with no descriptor to spare still reads and writes both caches: an
 // operation opens nothing.
 TEST(LockOwner, NoSpareDescriptorIsNeeded) {
@@ -313,12 +394,7 @@ TEST(LockOwner, NoSpareDescriptorIsNeeded) {
   { MediaCache cache(names.options); }
   Child child([&] {
     MediaCache own(names.options);
-    // Use up every descriptor.
-    struct rlimit limit = {64, 64};
-    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 10;
-    while (dup(0) >= 0) {
-    }
-    if (errno != EMFILE) return 11;
+    if (!exhaustDescriptors()) return 11;
     if (own.WriteClipCacheToSharedMemory({makeClip("A.mov", 1), makeClip("B.mov", 2)}) != 1) return 12;
     std::list<Clip> clips;
     if (own.ReadClipCacheFromSharedMemory(clips) != 1 || clips.size() != 2) return 13;
@@ -333,8 +409,48 @@ TEST(LockOwner, NoSpareDescriptorIsNeeded) {
   EXPECT_EQ(child.wait(), 0);
 }
 
-// Makes sure the mutexes and owner records get the cache's permissions whatever the umask, so a
-// process of another user that can open the segments can also lock them.
+// Makes sure a cache that cannot open its gate fails loudly instead of guarding with the
+// semaphore alone: the constructor throws, the mutex untouched. Example failure: the process takes
+// the semaphore without a gate and is later taken over while alive.
+TEST(LockOwner, NoDescriptorForTheGateFailsLoudly) {
+  ScopedNames names;
+  MediaCache cache(names.options);
+  Child constructing([&] {
+    if (!exhaustDescriptors()) return 11;
+    try {
+      MediaCache own(names.options);
+    } catch (const bip::interprocess_exception&) {
+      return 0;
+    }
+    return 12;
+  });
+  EXPECT_EQ(constructing.wait(), 0);
+  EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
+  EXPECT_EQ(cache.WriteClipCacheToSharedMemory({makeClip("A.mov", 1)}), 1);
+}
+
+// Makes sure a fork child of a process with no descriptor to spare still has a gate of its own:
+// it opens it in the place of the parent's, which it closes.
+TEST(LockOwner, ForkChildNeedsNoDescriptorToSpare) {
+  ScopedNames names;
+  { MediaCache cache(names.options); }
+  Child parent([&] {
+    MediaCache own(names.options);
+    if (!exhaustDescriptors()) return 11;
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) _exit(own.WriteClipCacheToSharedMemory({makeClip("A.mov", 1)}) == 1 ? 0 : 12);
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return 13;
+    return own.GetClips().size() == 1 ? 0 : 14;
+  });
+  EXPECT_EQ(parent.wait(), 0);
+  EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
+}
+
+// Makes sure the mutexes get the cache's permissions whatever the umask, so a process of another
+// user that can open the segments can also lock them.
 TEST(LockOwner, MutexesFollowTheCachePermissionsWhateverTheUmask) {
   ScopedNames names;
   names.options.permissions = 0666;
@@ -348,11 +464,7 @@ TEST(LockOwner, MutexesFollowTheCachePermissionsWhateverTheUmask) {
   EXPECT_EQ(mode("/dev/shm/" + names.options.clipSegment), 0666u);
   EXPECT_EQ(mode("/dev/shm/sem." + names.options.clipLock), 0666u);
   EXPECT_EQ(mode("/dev/shm/sem." + names.options.playlistLock), 0666u);
-  EXPECT_EQ(mode("/dev/shm/" + names.options.clipLock + ".owner"), 0666u);
-  EXPECT_EQ(mode("/dev/shm/" + names.options.playlistLock + ".owner"), 0666u);
-  const MediaCache::LockState state = cache.ClipLockState();
-  EXPECT_EQ(state.mutexMode, 0666u);
-  EXPECT_EQ(state.recordMode, 0666u);
+  EXPECT_EQ(cache.ClipLockState().mutexMode, 0666u);
   EXPECT_EQ(cache.PlaylistLockState().mutexMode, 0666u);
 
   // Opening without creating leaves the modes as they are.
@@ -363,17 +475,21 @@ TEST(LockOwner, MutexesFollowTheCachePermissionsWhateverTheUmask) {
   EXPECT_EQ(mode("/dev/shm/sem." + names.options.clipLock), 0666u);
 }
 
-// Makes sure the owner record goes with the cache when it is removed.
-TEST(LockOwner, RemoveTakesTheOwnerRecordsToo) {
+// Makes sure the lock leaves nothing of its own in /dev/shm: removing the cache removes all.
+TEST(LockOwner, RemoveLeavesNothingBehind) {
   MediaCacheOptions options = MediaCacheOptions::named(vorta_test::uniqueName("vorta_test_owner"));
   options.maxClips = 2;
   options.maxPlaylists = 2;
-  { MediaCache cache(options); }
-  struct stat info;
-  EXPECT_EQ(stat(("/dev/shm/" + options.clipLock + ".owner").c_str(), &info), 0);
+  {
+    MediaCache cache(options);
+    cache.WriteClipCacheToSharedMemory({});
+  }
   EXPECT_EQ(MediaCache::Remove(options), 4);
-  EXPECT_NE(stat(("/dev/shm/" + options.clipLock + ".owner").c_str(), &info), 0);
-  EXPECT_NE(stat(("/dev/shm/" + options.playlistLock + ".owner").c_str(), &info), 0);
+  for (const std::string& name : {options.clipSegment, options.playlistSegment, "sem." + options.clipLock,
+                                  "sem." + options.playlistLock, options.clipLock + ".owner"}) {
+    struct stat info;
+    EXPECT_NE(stat(("/dev/shm/" + name).c_str(), &info), 0) << name;
+  }
 }
 
 // Makes sure a thread that uses the cache from inside its own operation gets an exception

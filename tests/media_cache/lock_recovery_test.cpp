@@ -45,9 +45,7 @@ TEST(LockRecovery, KilledClipLockHolderIsTakenOver) {
   std::list<Clip> clips;
   testing::internal::CaptureStderr();
   EXPECT_EQ(cache.ReadClipCacheFromSharedMemory(clips), 1);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "MediaCache: " + names.options.clipSegment +
-                                                        ": took over the lock left held by process " +
-                                                        std::to_string(holder.pid()) + ", which ended\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), takeoverLine(names.options.clipSegment, holder.pid()));
   EXPECT_EQ(namesOf(clips), (std::vector<std::string>{"A.mov", "B.mov"}));
 
   // The lock works as before afterwards.

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -107,6 +108,15 @@ struct Pipe {
     }
     return n == 1;
   }
+  /// await(), but false when nothing comes within `seconds` (the other end may have ended
+  /// without a word, while this process still holds the pipe's writing end).
+  bool awaitWithin(double seconds) {
+    struct pollfd ready = {fds[0], POLLIN, 0};
+    int n;
+    while ((n = poll(&ready, 1, static_cast<int>(seconds * 1000))) < 0 && errno == EINTR) {
+    }
+    return n == 1 && await();
+  }
   int fds[2];
 };
 
@@ -128,59 +138,47 @@ inline int semaphoreValue(const std::string& mutexName) {
   return value;
 }
 
-/// A cache lock's owner record mapped read-write, as a broken or foreign process would see it.
+/// Posts a cache's named mutex, as the operator would after choosing to free a lock left taken.
+inline void postSemaphore(const std::string& mutexName) {
+  sem_t* sem = sem_open(("/" + mutexName).c_str(), 0);
+  ASSERT_NE(sem, SEM_FAILED);
+  sem_post(sem);
+  sem_close(sem);
+}
+
+/// A cache lock's owner record (in the first page of the named mutex's file) mapped read-write,
+/// as a broken or foreign process would see it.
 class RawRecord {
  public:
   explicit RawRecord(const std::string& mutexName) {
-    const int fd = shm_open(("/" + mutexName + ".owner").c_str(), O_RDWR, 0);
-    EXPECT_GE(fd, 0) << "no owner record for " << mutexName;
+    const int fd = open(("/dev/shm/sem." + mutexName).c_str(), O_RDWR);
+    EXPECT_GE(fd, 0) << "no named mutex " << mutexName;
     if (fd < 0) return;
-    void* base =
-        mmap(nullptr, sizeof(zev::detail::LockOwnerRecord), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    base_ = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     close(fd);
-    if (base != MAP_FAILED) record_ = static_cast<zev::detail::LockOwnerRecord*>(base);
+    if (base_ == MAP_FAILED) base_ = nullptr;
   }
   ~RawRecord() {
-    if (record_ != nullptr) munmap(record_, sizeof(zev::detail::LockOwnerRecord));
+    if (base_ != nullptr) munmap(base_, kBytes);
   }
-  zev::detail::LockOwnerRecord* operator->() { return record_; }
-  void setHolder(std::uint32_t state, pid_t pid, std::uint64_t start) {
-    record_->holderState = state;
-    record_->holderPid = pid;
-    record_->holderStartHigh = static_cast<std::uint32_t>(start >> 32);
-    record_->holderStartLow = static_cast<std::uint32_t>(start);
+  zev::detail::LockOwnerRecord* operator->() { return record(); }
+  zev::detail::LockOwnerRecord* record() {
+    return reinterpret_cast<zev::detail::LockOwnerRecord*>(static_cast<char*>(base_) +
+                                                           zev::detail::LockOwnerRecord::kOffset);
   }
-  void setClaim(pid_t pid, std::uint64_t start) {
-    record_->claimPid = pid;
-    record_->claimStartHigh = static_cast<std::uint32_t>(start >> 32);
-    record_->claimStartLow = static_cast<std::uint32_t>(start);
-  }
+  /// Fills the record's bytes with one value.
+  void fill(unsigned char value) { std::memset(record(), value, sizeof(zev::detail::LockOwnerRecord)); }
 
  private:
-  zev::detail::LockOwnerRecord* record_ = nullptr;
+  static constexpr std::size_t kBytes =
+      zev::detail::LockOwnerRecord::kOffset + sizeof(zev::detail::LockOwnerRecord);
+  void* base_ = nullptr;
 };
 
-/// The start time of a process in clock ticks after boot, read from /proc (field 22 of its stat).
-inline std::uint64_t startTicks(pid_t pid) {
-  FILE* f = fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r");
-  if (f == nullptr) return 0;
-  char text[1024] = {};
-  const std::size_t n = fread(text, 1, sizeof text - 1, f);
-  fclose(f);
-  const char* p = strrchr(text, ')');
-  if (n == 0 || p == nullptr) return 0;
-  for (int field = 2; field < 22 && p != nullptr; ++field) {
-    p = strchr(p + 1, ' ');
-  }
-  return p != nullptr ? strtoull(p + 1, nullptr, 10) : 0;
-}
-
-/// The pid of a process that has ended (forked, ended and reaped).
-inline pid_t endedPid() {
-  const pid_t pid = fork();
-  if (pid == 0) _exit(0);
-  waitpid(pid, nullptr, 0);
-  return pid;
+/// The message of a takeover of a lock left by `pid` running this test program.
+inline std::string takeoverLine(const std::string& segment, pid_t pid) {
+  return "MediaCache: " + segment + ": took over the lock left held by process " + std::to_string(pid) +
+         " (" + zev::detail::lockProgramName() + "), which ended\n";
 }
 
 /// The body of a process outside the library: it waits for `go` (when given), locks the named

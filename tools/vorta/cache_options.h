@@ -4,6 +4,8 @@
 
 #include <boost/interprocess/exceptions.hpp>
 #include <cerrno>
+#include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <optional>
@@ -12,6 +14,7 @@
 
 #include "cli.h"
 #include "media_cache.h"
+#include "output.h"
 
 namespace vorta {
 namespace cli {
@@ -27,7 +30,35 @@ inline std::vector<Option> cacheNameOptions() {
       {"clip-lock", "NAME", "the clip mutex's name"},
       {"playlist-segment", "NAME", "the playlist segment's name"},
       {"playlist-lock", "NAME", "the playlist mutex's name"},
+      {"wait", "SECONDS",
+       "wait at most SECONDS for a cache's lock that another process holds, then fail (0: do not wait; "
+       "default: as long as it takes)"},
   };
+}
+
+/// The line that tells who holds the lock a command waits for.
+inline std::string lockWaitLine(const zev::media::LockWait& wait) {
+  std::string line =
+      std::string("waiting for the ") + (wait.playlist ? "playlist" : "clip") + " cache's lock, held by ";
+  if (wait.pid <= 0) return line + "a process outside this library";
+  line += "process " + std::to_string(wait.pid);
+  if (!wait.program.empty()) line += " (" + wait.program + ")";
+  if (wait.heldSeconds >= 0)
+    line += " for " + std::to_string(static_cast<long long>(wait.heldSeconds)) + " s";
+  return line;
+}
+
+/// --wait: how long a command waits for a held lock, as the library takes it (negative: for good).
+inline double lockTimeoutOf(const Invocation& in) {
+  const auto text = in.value("wait");
+  if (!text) return -1;
+  char* end = nullptr;
+  errno = 0;
+  const double seconds = std::strtod(text->c_str(), &end);
+  if (text->empty() || end != text->c_str() + text->size() || errno != 0 ||
+      !(seconds >= 0 && seconds <= 86400))
+    throw UsageError("--wait must be a number of seconds from 0 to 86400, not '" + *text + "'");
+  return seconds;
 }
 
 /// The prefix of the caches' names: --prefix, else $VORTA_PREFIX, else none
@@ -59,6 +90,16 @@ inline zev::media::MediaCacheOptions cacheOptionsFrom(const Invocation& in) {
       options.*(name.field) = *value;
     }
   }
+  // A wait for a held lock is said on standard error about a second in, and every few seconds
+  // after; when --wait runs out, the same line, with how long it waited, ends the command.
+  options.lockTimeout = lockTimeoutOf(in);
+  const std::string command = in.command().name;
+  options.onLockWait = [command](const zev::media::LockWait& wait) {
+    if (!wait.timedOut) return warn(command, lockWaitLine(wait));
+    char waited[32];
+    std::snprintf(waited, sizeof waited, "%g", std::floor(wait.waitedSeconds * 10) / 10);
+    throw Failure(lockWaitLine(wait) + "; gave up after " + waited + " s");
+  };
   return options;
 }
 

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <iostream>
 #include <list>
 #include <map>
@@ -52,24 +51,6 @@ const char* lockKind(const MediaCache::LockState& lock) {
   }
 }
 
-// A process start time in clock ticks after boot as an ISO 8601 local time
-// with its zone; empty when the boot time cannot be read.
-std::string startTimeText(std::uint64_t ticks) {
-  std::ifstream stat("/proc/stat");
-  std::string key;
-  long long boot = -1;
-  while (stat >> key) {
-    if (key == "btime") {
-      stat >> boot;
-      break;
-    }
-    stat.ignore(1 << 20, '\n');
-  }
-  const long hertz = sysconf(_SC_CLK_TCK);
-  if (boot < 0 || hertz <= 0 || ticks == 0) return "";
-  return isoTime(static_cast<std::time_t>(boot + static_cast<long long>(ticks / hertz)));
-}
-
 std::string modeText(unsigned mode) {
   char text[8];
   std::snprintf(text, sizeof text, "%04o", mode & 07777);
@@ -78,8 +59,9 @@ std::string modeText(unsigned mode) {
 
 std::string holderText(const MediaCache::LockState& lock) {
   std::string text = "pid " + std::to_string(lock.pid);
-  const std::string started = startTimeText(lock.startTime);
-  if (!started.empty()) text += ", started " + started;
+  if (!lock.program.empty()) text += " (" + lock.program + ")";
+  if (lock.heldSeconds >= 0)
+    text += " for " + std::to_string(static_cast<long long>(lock.heldSeconds)) + " s";
   return text;
 }
 
@@ -90,8 +72,12 @@ std::string lockText(const MediaCache::LockState& lock) {
       text = "lock free";
       break;
     case MediaCache::LockState::Held:
-      if (lock.recorded && lock.pid > 0)
-        text = "lock held by " + holderText(lock) + " (alive)";
+      if (lock.pid > 0)
+        text = "lock held by " + holderText(lock);
+      else if (lock.endedMidway > 0)
+        text = "lock held by a process outside this library, or left by pid " +
+               std::to_string(lock.endedMidway) +
+               ", which ended while taking or releasing it (waited for, never taken over)";
       else
         text = "lock held by a process outside this library (waited for, never taken over)";
       break;
@@ -103,7 +89,6 @@ std::string lockText(const MediaCache::LockState& lock) {
       text = "lock state unknown";
   }
   text += "; mutex mode " + (lock.mutexMode != 0 ? modeText(lock.mutexMode) : std::string("unknown"));
-  text += ", owner record mode " + (lock.recordMode != 0 ? modeText(lock.recordMode) : std::string("none"));
   if (lock.takeovers > 0) text += ", " + std::to_string(lock.takeovers) + " taken over so far";
   return text;
 }
@@ -149,16 +134,18 @@ void printInfo(const ImageInfo& info) {
 
 JsonObject jsonInfo(const ImageInfo& info) {
   const MediaCache::LockState& lock = info.lock;
-  const std::string started = startTimeText(lock.startTime);
+  char held[32];
+  std::snprintf(held, sizeof held, "%.1f", lock.heldSeconds);
   JsonObject state;
   state.set("state", text(lockKind(lock)))
       .set("pid", lock.pid > 0 ? integer(lock.pid) : absent())
-      .set("recorded", flag(lock.recorded))
-      .set("alive", lock.recorded ? flag(lock.alive) : absent())
-      .set("startTime", lock.recorded && !started.empty() ? text(started) : absent())
+      .set("recorded", flag(lock.pid > 0))
+      .set("program", lock.pid > 0 ? text(lock.program) : absent())
+      .set("heldSeconds", lock.pid > 0 && lock.heldSeconds >= 0 ? real(lock.heldSeconds, held) : absent())
+      .set("waiter", lock.waiter > 0 ? integer(lock.waiter) : absent())
+      .set("endedMidway", lock.endedMidway > 0 ? integer(lock.endedMidway) : absent())
       .set("takeovers", integer(lock.takeovers))
-      .set("mutexMode", lock.mutexMode != 0 ? text(modeText(lock.mutexMode)) : absent())
-      .set("recordMode", lock.recordMode != 0 ? text(modeText(lock.recordMode)) : absent());
+      .set("mutexMode", lock.mutexMode != 0 ? text(modeText(lock.mutexMode)) : absent());
   JsonObject item;
   item.set("segment", text(info.segment))
       .set("read", flag(info.read))
@@ -292,13 +279,13 @@ const Command kCache{
     "libvorta. 'create' makes them (or grows them) for --clips and --playlists;\n"
     "a 4000-clip segment is 26 MB of address space, but memory is only used for\n"
     "what is written. 'info' shows whether each image is valid, its count, its\n"
-    "size, the names in it, who holds its lock (pid, start time, alive or gone)\n"
-    "and the modes of its mutex and owner record. 'flush' invalidates both\n"
-    "images. A lock left held by a process that has provably ended is taken\n"
-    "over by the next process that uses the cache; 'repair' does that at once.\n"
-    "A holder outside this library is always waited for. 'hold' holds one lock\n"
+    "size, the names in it, who holds its lock (pid, program, for how long, or\n"
+    "gone) and the mode of its mutex. 'flush' invalidates both images. A lock\n"
+    "left by a process that ended inside is taken over by the next process that\n"
+    "uses the cache; 'repair' does that at once. A holder outside this library\n"
+    "is always waited for. 'hold' holds one lock\n"
     "for --seconds, to see what others see meanwhile. 'remove' deletes the\n"
-    "segments, mutexes and owner records from the system.",
+    "segments and mutexes from the system.",
     cacheOptions(),
     run,
     1,
