@@ -11,7 +11,11 @@ namespace zev {
 namespace detail {
 
 int openRegularFile(const char* path, int flags, mode_t mode, struct stat64* info) {
-  const int fd = ::open(path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, mode);
+  return openRegularFileAt(AT_FDCWD, path, flags, mode, info);
+}
+
+int openRegularFileAt(int dirFd, const char* path, int flags, mode_t mode, struct stat64* info) {
+  const int fd = ::openat(dirFd, path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, mode);
   if (fd < 0) return -1;
   struct stat64 seen;
   int error = 0;
