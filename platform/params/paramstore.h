@@ -91,7 +91,10 @@ class MemoryParamStore : public ParamStore {
 /// Parameters kept in a small JSON file, so that separate processes share
 /// them. Every read reads the file; every write takes a lock on
 /// path + ".lock", reads the file, changes one member and replaces the file
-/// atomically (temporary file, fsync, rename). A missing file reads as all
+/// atomically (temporary file, fsync, rename; a write of media-busy, a
+/// status that is stale after a power cut anyway, skips the fsync and its
+/// journal commit, which would cost a scan more than the scan itself on a
+/// busy disk). A missing file reads as all
 /// defaults; a file that is not a JSON object is never overwritten: writes
 /// fail with a message on standard error.
 class FileParamStore : public ParamStore {
