@@ -765,7 +765,7 @@ int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType
       // Substring tests on the whole path, not extension tests: a directory
       // called media.mov makes every entry in it a clip candidate.
       if (detail::isClipCandidate(path.c_str())) {
-        prefetch.ready(entry->d_name);
+        prefetch.ready(*entry);
         Clip* clip = new (arena.allocate(sizeof(Clip), alignof(Clip))) Clip();
         errno = 0;
         if (GrokClip(*clip, path, false)) {

@@ -22,6 +22,7 @@ namespace zev {
 namespace detail {
 
 ScanPrefetch::Engine scanPrefetchEngineHook = ScanPrefetch::Engine::Ring;
+bool scanPrefetchProbeHook = true;
 
 bool isClipCandidate(const char* path) {
   return std::strstr(path, ".mov") != nullptr || std::strstr(path, ".MOV") != nullptr;
@@ -29,8 +30,12 @@ bool isClipCandidate(const char* path) {
 
 namespace {
 
-// Probed files found cached in a row before the read-ahead starts skipping files.
-constexpr unsigned kCachedStreak = 8;
+// Probed files found cached in a row before the read-ahead starts skipping
+// files; the gap between probed files then grows fourfold each time.
+constexpr unsigned kCachedStreak = 4;
+// While reading ahead on a medium found not cached, one file in this many is
+// probed (the probe of a file that is not cached costs a read of its own).
+constexpr unsigned kColdProbeEvery = 16;
 
 /// How many more descriptors the process may open, counted up to most.
 unsigned spareDescriptors(int fd, unsigned most) {
@@ -57,40 +62,55 @@ struct Slot {
   uint64_t offset = 0;
   std::size_t length = 0, got = 0;
   unsigned char* buffer = nullptr;
-  bool probe = true;  // the read is first tried without waiting, which tells a cached file
+  bool probe = true;  // the file's reads are first tried without waiting, which tells a cached file
   bool cold = false;  // a read of the file had to wait for the storage
   std::size_t held = 0;
 };
 
 struct ScanPrefetch::State {
   Engine engine = Engine::Off;
+  int scanFd = -1;               // the scan's directory: files are opened relative to it
   bool markedDirectory = false;  // the directory's own path makes every entry a candidate
+  // Reading ahead, once a file was found not cached, through a directory
+  // stream of its own; until then, only the file the scan is at is probed.
+  bool ahead = false;
   DIR* dir = nullptr;
+  bool exhausted = false;  // that stream has ended
   io_uring ring;
-  bool ringUp = false;
+  bool ringUp = false;  // set up at the first read that has to wait
+  bool ringTried = false;
   unsigned inFlight = 0;    // ring reads submitted or prepared, not yet completed
   bool probesWork = true;   // reads without waiting (RWF_NOWAIT) are understood
-  std::vector<Slot> slots;  // a circle of limit slots
-  unsigned head = 0, count = 0, limit = 0;
-  bool exhausted = false;  // the directory stream has ended
-  std::size_t held = 0;    // read buffers of all files
+  std::vector<Slot> slots;  // a circle of kMaxFiles slots, the scan's next candidates
+  unsigned head = 0, count = 0;
+  // Descriptors: files open at once at most (counted when more than one is
+  // first wanted), and files open now.
+  unsigned openable = 1, open = 0;
+  bool openableCounted = false;
+  std::size_t held = 0;  // read buffers of all files
   unsigned streak = 0, stride = 1, skip = 0;
+  bool looksCached = true;  // the last file probed was cached
+  unsigned sinceProbe = 0;
   unsigned long filesRead = 0, filesCached = 0;
 
   ~State() { stop(); }
 
   void start(const std::string& dirPath, DIR* scanning);
   void stop();
-  void ready(const char* name);
+  void ready(const struct dirent64& entry);
 
  private:
-  Slot& at(unsigned i) { return slots[(head + i) % limit]; }
+  Slot& at(unsigned i) { return slots[(head + i) % kMaxFiles]; }
   unsigned indexOf(const Slot& slot) const { return static_cast<unsigned>(&slot - slots.data()); }
 
+  void take(Slot& slot, const struct dirent64& entry, bool read);
+  bool startAhead(const char* name);
   void fill();
   void startFile(Slot& slot, unsigned char type);
+  bool mayOpen();
   bool startRead(Slot& slot);
   bool issue(Slot& slot, long& result, bool& probed);
+  bool startRing();
   void launch(Slot& slot);
   void progress(Slot& slot, long result, bool probed);
   void finishFile(Slot& slot);
@@ -102,34 +122,33 @@ struct ScanPrefetch::State {
 void ScanPrefetch::State::start(const std::string& dirPath, DIR* scanning) {
   const Engine most = scanPrefetchEngineHook;
   if (most == Engine::Off || scanning == nullptr) return;
-  // Descriptors: the read-ahead's own directory stream, the ring's, one per
-  // file read ahead, and always one left over for the intake.
-  const unsigned spare = spareDescriptors(::dirfd(scanning), kMaxFiles + 3);
-  if (spare < 3) return;
-  const int fd = ::openat(::dirfd(scanning), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return;
-  dir = ::fdopendir(fd);
-  if (dir == nullptr) {
-    ::close(fd);
-    return;
-  }
+  scanFd = ::dirfd(scanning);
+  // A file is probed only while the scan has a descriptor to spare for it.
+  if (spareDescriptors(scanFd, 1) < 1) return;
   markedDirectory = isClipCandidate(dirPath.c_str());
-  unsigned files = spare - 2;
-  if (most == Engine::Ring && files >= 2 && io_uring_queue_init(kMaxFiles, &ring, 0) == 0) {
-    ringUp = true;
-    --files;
-    io_uring_probe* probe = io_uring_get_probe_ring(&ring);
-    const bool reads = probe != nullptr && io_uring_opcode_supported(probe, IORING_OP_READ);
-    if (probe != nullptr) io_uring_free_probe(probe);
-    if (!reads) {
-      io_uring_queue_exit(&ring);
-      ringUp = false;
-      ++files;
+  probesWork = scanPrefetchProbeHook;
+  // The ring is set up only once a read has to wait: a cached medium never
+  // needs it.
+  engine = most == Engine::Ring ? Engine::Ring : Engine::Advice;
+  slots.resize(kMaxFiles);
+}
+
+/// Sets up the ring for the reads that have to wait; false (and the
+/// fallback from now on) where the kernel has none or refuses it.
+bool ScanPrefetch::State::startRing() {
+  if (ringUp) return true;
+  if (!ringTried) {
+    ringTried = true;
+    // Its descriptor must not be the intake's.
+    if (spareDescriptors(scanFd, 2) == 2 && io_uring_queue_init(kMaxFiles, &ring, 0) == 0) {
+      io_uring_probe* probe = io_uring_get_probe_ring(&ring);
+      ringUp = probe != nullptr && io_uring_opcode_supported(probe, IORING_OP_READ);
+      if (probe != nullptr) io_uring_free_probe(probe);
+      if (!ringUp) io_uring_queue_exit(&ring);
     }
   }
-  limit = std::min(files, kMaxFiles);
-  slots.resize(limit);
-  engine = ringUp ? Engine::Ring : Engine::Advice;
+  if (!ringUp) engine = Engine::Advice;
+  return ringUp;
 }
 
 void ScanPrefetch::State::stop() {
@@ -153,6 +172,7 @@ void ScanPrefetch::State::stop() {
   }
   count = 0;
   held = 0;
+  open = 0;
   if (ringUp) io_uring_queue_exit(&ring);
   ringUp = false;
   if (dir != nullptr) ::closedir(dir);
@@ -160,23 +180,70 @@ void ScanPrefetch::State::stop() {
   engine = Engine::Off;
 }
 
-void ScanPrefetch::State::ready(const char* name) {
-  harvest(false);
-  fill();
-  if (count == 0 || std::strcmp(at(0).name, name) != 0) return stop();  // out of step with the scan
+void ScanPrefetch::State::ready(const struct dirent64& entry) {
+  if (!ahead) {
+    // Only the file the scan is at, and on a cached medium only one in
+    // stride of them: when it is cached, the scan goes on without more.
+    if (skip > 0) {
+      --skip;
+      return;
+    }
+    skip = stride - 1;
+    Slot& slot = at(0);
+    take(slot, entry, true);
+    if (!slot.reads) return;
+    // It has to wait for the storage: from here on the files after it are
+    // read ahead too, unless that cannot be (then this one is waited for).
+    count = 1;
+    ahead = startAhead(entry.d_name);
+    if (ahead) fill();
+  } else {
+    harvest(false);
+    fill();
+    if (count == 0 || std::strcmp(at(0).name, entry.d_name) != 0) return stop();  // out of step
+  }
   Slot& front = at(0);
   while (engine != Engine::Off && front.reads) waitFor(front);
   if (engine == Engine::Off) return;
-  head = (head + 1) % limit;
+  head = (head + 1) % kMaxFiles;
   --count;
+  if (!ahead) return;
   fill();
   if (ringUp && io_uring_sq_ready(&ring) >= 8) io_uring_submit(&ring);
 }
 
-/// Takes the directory's next candidates until limit files are in hand.
+/// Opens a directory stream of the read-ahead's own, just past the entry
+/// the scan is at; false when it cannot (no descriptor to spare, the entry
+/// gone).
+bool ScanPrefetch::State::startAhead(const char* name) {
+  if (spareDescriptors(scanFd, 2) < 2) return false;  // its descriptor must not be the intake's
+  const int fd = ::openat(scanFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
+  dir = ::fdopendir(fd);
+  if (dir == nullptr) {
+    ::close(fd);
+    return false;
+  }
+  while (const struct dirent64* entry = ::readdir64(dir))
+    if (std::strcmp(entry->d_name, name) == 0) return true;
+  ::closedir(dir);
+  dir = nullptr;
+  return false;
+}
+
+/// The slot takes the entry, and starts reading it when asked to and a
+/// descriptor is to spare (else the file is left to the intake).
+void ScanPrefetch::State::take(Slot& slot, const struct dirent64& entry, bool read) {
+  slot.queued = false;
+  slot.probe = probesWork && (!ahead || looksCached || ++sinceProbe % kColdProbeEvery == 0);
+  std::strncpy(slot.name, entry.d_name, sizeof slot.name - 1);
+  slot.name[sizeof slot.name - 1] = '\0';
+  if (read && mayOpen()) startFile(slot, entry.d_type);
+}
+
+/// Takes the stream's next candidates until kMaxFiles are in hand.
 void ScanPrefetch::State::fill() {
-  while (engine != Engine::Off && count < limit && !exhausted) {
-    errno = 0;
+  while (engine != Engine::Off && count < kMaxFiles && !exhausted) {
     const struct dirent64* entry = ::readdir64(dir);
     if (entry == nullptr) {
       exhausted = true;
@@ -184,36 +251,47 @@ void ScanPrefetch::State::fill() {
     }
     if (entry->d_name[0] == '.') continue;
     if (!markedDirectory && !isClipCandidate(entry->d_name)) continue;
-    Slot& slot = at(count++);
-    slot.queued = false;
-    slot.probe = true;
-    std::strncpy(slot.name, entry->d_name, sizeof slot.name - 1);
-    slot.name[sizeof slot.name - 1] = '\0';
-    if (skip > 0) {
-      --skip;  // a cached medium: this one is left to the intake
-      continue;
-    }
-    skip = stride - 1;
-    startFile(slot, entry->d_type);
+    // On a medium found cached, one in stride is read, the others are left
+    // to the intake.
+    const bool read = skip == 0;
+    if (read)
+      skip = stride - 1;
+    else
+      --skip;
+    take(at(count++), *entry, read);
   }
 }
 
+/// Whether one more file may be open now; the first time more than one is
+/// wanted, counts what the process can spare (keeping one descriptor for
+/// the intake, and one for the ring while it is not set up).
+bool ScanPrefetch::State::mayOpen() {
+  if (open < openable) return true;
+  if (openableCounted) return false;
+  openableCounted = true;
+  const unsigned keep = 1 + (engine == Engine::Ring && !ringUp ? 1 : 0);
+  const unsigned spare = spareDescriptors(scanFd, kMaxFiles + keep);
+  if (spare > keep) openable = std::min(open + spare - keep, kMaxFiles);
+  return open < openable;
+}
+
 void ScanPrefetch::State::startFile(Slot& slot, unsigned char type) {
-  slot.cold = !probesWork;  // without probes a cached file cannot be told
+  slot.cold = !slot.probe;  // without a probe a cached file cannot be told
   slot.held = 0;
   // Only regular files are opened; the scan's own stat and the reader
   // refuse everything else without blocking on it.
   if (type != DT_REG) {
     struct stat64 info;
-    if (::fstatat64(::dirfd(dir), slot.name, &info, 0) != 0 || !S_ISREG(info.st_mode)) return;
+    if (::fstatat64(scanFd, slot.name, &info, 0) != 0 || !S_ISREG(info.st_mode)) return;
   }
   struct stat64 info;
-  slot.fd = openRegularFileAt(::dirfd(dir), slot.name, O_RDONLY, 0, &info);
+  slot.fd = openRegularFileAt(scanFd, slot.name, O_RDONLY, 0, &info);
   if (slot.fd < 0) {
     // Short of descriptors: the intake needs them more.
-    if (errno == EMFILE || errno == ENFILE) return stop();
+    if (errno == EMFILE || errno == ENFILE) stop();
     return;
   }
+  ++open;
   slot.reads.reset(new (std::nothrow) CQTReadSequence(static_cast<uint64_t>(info.st_size)));
   if (!slot.reads || slot.reads->Finished()) return finishFile(slot);
   ++filesRead;
@@ -256,7 +334,13 @@ bool ScanPrefetch::State::issue(Slot& slot, long& result, bool& probed) {
   probed = slot.probe && probesWork;
   const uint64_t offset = slot.offset + slot.got;
   const std::size_t length = slot.length - slot.got;
-  if (engine == Engine::Ring) {
+  if (probed) {
+    iovec span{slot.buffer + slot.got, length};
+    const ssize_t got = ::preadv64v2(slot.fd, &span, 1, static_cast<off64_t>(offset), RWF_NOWAIT);
+    result = got < 0 ? -errno : got;
+    return true;
+  }
+  if (engine == Engine::Ring && startRing()) {
     io_uring_sqe* sqe = io_uring_get_sqe(&ring);
     if (sqe == nullptr) {
       io_uring_submit(&ring);
@@ -264,21 +348,13 @@ bool ScanPrefetch::State::issue(Slot& slot, long& result, bool& probed) {
     }
     if (sqe == nullptr) {  // cannot happen: a file has one read under way at most
       result = -EBUSY;
-      probed = false;
       return true;
     }
     io_uring_prep_read(sqe, slot.fd, slot.buffer + slot.got, static_cast<unsigned>(length), offset);
-    sqe->rw_flags = probed ? RWF_NOWAIT : 0;
-    io_uring_sqe_set_data64(sqe, (static_cast<uint64_t>(indexOf(slot)) << 1) | (probed ? 1u : 0u));
+    io_uring_sqe_set_data64(sqe, indexOf(slot));
     slot.queued = true;
     ++inFlight;
     return false;
-  }
-  if (probed) {
-    iovec span{slot.buffer + slot.got, length};
-    const ssize_t got = ::preadv64v2(slot.fd, &span, 1, static_cast<off64_t>(offset), RWF_NOWAIT);
-    result = got < 0 ? -errno : got;
-    return true;
   }
   ::posix_fadvise64(slot.fd, static_cast<off64_t>(offset), static_cast<off64_t>(length), POSIX_FADV_WILLNEED);
   slot.queued = true;
@@ -303,6 +379,7 @@ void ScanPrefetch::State::progress(Slot& slot, long result, bool probed) {
       // Not in the page cache: wait for it, and probe this file no more.
       slot.cold = true;
       slot.probe = false;
+      looksCached = false;
     } else if (probed && (result == -EOPNOTSUPP || result == -EINVAL || result == -ENOSYS)) {
       probesWork = false;
       slot.cold = true;
@@ -320,13 +397,15 @@ void ScanPrefetch::State::progress(Slot& slot, long result, bool probed) {
 }
 
 void ScanPrefetch::State::finishFile(Slot& slot) {
-  if (slot.fd >= 0) ::close(slot.fd);
+  if (slot.fd >= 0) {
+    ::close(slot.fd);
+    --open;
+  }
   slot.fd = -1;
   const bool read = slot.reads != nullptr;
   slot.reads.reset();
   held -= slot.held;
   slot.held = 0;
-  slot.probe = true;
   if (!read) return;
   // A medium found cached is probed less and less often, down to one file
   // in kMaxStride; one file that had to wait for the storage ends that.
@@ -335,15 +414,16 @@ void ScanPrefetch::State::finishFile(Slot& slot) {
     stride = 1;
     skip = 0;
   } else {
+    looksCached = true;
     ++filesCached;
-    if (++streak >= kCachedStreak) stride = std::min(stride * 2, kMaxStride);
+    if (++streak >= kCachedStreak) stride = std::min(stride * 4, kMaxStride);
   }
 }
 
 /// Waits until the file's read under way has been made.
 void ScanPrefetch::State::waitFor(Slot& slot) {
   if (!slot.queued) return finishFile(slot);  // nothing under way: cannot happen
-  if (engine == Engine::Ring) return harvest(true);
+  if (ringUp) return harvest(true);
   // Announced long ago, so likely fetched by now.
   const ssize_t got = ::pread64(slot.fd, slot.buffer + slot.got, slot.length - slot.got,
                                 static_cast<off64_t>(slot.offset + slot.got));
@@ -353,25 +433,25 @@ void ScanPrefetch::State::waitFor(Slot& slot) {
 
 /// Takes the ring's completed reads, after waiting for one when wait is set.
 void ScanPrefetch::State::harvest(bool wait) {
-  if (engine != Engine::Ring) return poll();
+  if (!ringUp) return poll();
   io_uring_cqe* cqe = nullptr;
   if (wait) {
     const int waited = io_uring_submit_and_wait(&ring, 1);
     if (waited < 0 && waited != -EINTR) return stop();
   }
-  while (engine == Engine::Ring && io_uring_peek_cqe(&ring, &cqe) == 0) {
-    const uint64_t data = io_uring_cqe_get_data64(cqe);
+  while (ringUp && io_uring_peek_cqe(&ring, &cqe) == 0) {
+    const uint64_t slot = io_uring_cqe_get_data64(cqe);
     const long result = cqe->res;
     io_uring_cqe_seen(&ring, cqe);
     --inFlight;
-    progress(slots[data >> 1], result, (data & 1u) != 0);
+    progress(slots[slot], result, false);
   }
 }
 
-/// Advice only: makes the announced reads that have been fetched, in the
-/// order they were announced, up to the first that has not.
+/// Without the ring: makes the announced reads that have been fetched, in
+/// the order they were announced, up to the first that has not.
 void ScanPrefetch::State::poll() {
-  if (engine != Engine::Advice || !probesWork) return;
+  if (ringUp || !probesWork) return;
   for (unsigned i = 0; i < count; ++i) {
     Slot& slot = at(i);
     if (!slot.queued) continue;
@@ -394,10 +474,10 @@ ScanPrefetch::ScanPrefetch(const std::string& directory, DIR* scanning) noexcept
 
 ScanPrefetch::~ScanPrefetch() = default;
 
-void ScanPrefetch::ready(const char* name) noexcept {
+void ScanPrefetch::ready(const struct dirent64& entry) noexcept {
   if (!state_ || state_->engine == Engine::Off) return;
   try {
-    state_->ready(name);
+    state_->ready(entry);
   } catch (const std::bad_alloc&) {
     state_->stop();
   }

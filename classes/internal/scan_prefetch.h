@@ -5,12 +5,18 @@
 // The scan takes the media directory's entries one at a time, in directory order, and the
 // movie reader waits for each of its small reads in turn: on a medium nothing of which is
 // cached, the scan would wait for one read after another while the storage could serve many
-// at once. A ScanPrefetch reads the same directory through a stream of its own and, some
-// clip candidates ahead of the scan, makes for each candidate exactly the reads the movie
-// reader will make of it (a CQTReadSequence: the top-level atom headers, the 'moov', the
-// 'moof' atoms of a fragmented movie, the timecode sample), many files' reads in flight at
-// once. The scan itself is unchanged: before each candidate's intake it calls ready(), which
-// returns once that candidate's reads are in the page cache.
+// at once. A ScanPrefetch makes, for each clip candidate, exactly the reads the movie reader
+// will make of it (a CQTReadSequence: the top-level atom headers, the 'moov', the 'moof'
+// atoms of a fragmented movie, the timecode sample). The scan itself is unchanged: before
+// each candidate's intake it calls ready(), which returns once that candidate's reads are in
+// the page cache.
+//
+// At first only the candidate the scan is at is read, each read tried without waiting
+// (RWF_NOWAIT): on a medium found cached there is nothing to gain, and fewer and fewer
+// candidates are tried. The first read that has to wait for the storage starts the read-ahead
+// proper: a directory stream of its own, in step with the scan's, from which up to kMaxFiles
+// candidates after the scan's are read at once, their reads in flight together (and one file
+// in a few still tried without waiting first, to notice where the medium is cached again).
 //
 // No thread is started. The reads go through io_uring where the kernel offers it; where it
 // does not (an old kernel, io_uring refused by a seccomp filter or by the
@@ -53,9 +59,12 @@ class ScanPrefetch {
     Off,     ///< no reading ahead
   };
 
-  static constexpr unsigned kMaxFiles = 32;                    ///< files read ahead at once
-  static constexpr std::size_t kMaxBytes = 16u * 1024 * 1024;  ///< read buffers held at once
-  static constexpr unsigned kMaxStride = 64;                   ///< one file probed in this many when cached
+  /// Files read ahead at once.
+  static constexpr unsigned kMaxFiles = 32;
+  /// Read buffers held at once.
+  static constexpr std::size_t kMaxBytes = 16u * 1024 * 1024;
+  /// A medium found cached is probed one file in this many.
+  static constexpr unsigned kMaxStride = 128;
 
   /// Starts reading ahead of a scan of directory, which the scan reads through `scanning`
   /// (its own stream, left where it is). Never throws; a read-ahead that cannot start is Off.
@@ -64,13 +73,14 @@ class ScanPrefetch {
   ScanPrefetch(const ScanPrefetch&) = delete;
   ScanPrefetch& operator=(const ScanPrefetch&) = delete;
 
-  /// The scan is about to take its next clip candidate, the entry `name`: returns when the
-  /// reads of it are done (or have been given up), with the reads of the candidates after it
-  /// under way. Out of step with the scan (the directory changed under it), the read-ahead
-  /// stops. Never throws.
-  void ready(const char* name) noexcept;
+  /// The scan is about to take its next clip candidate, `entry` of its directory stream:
+  /// returns when the reads of it are done (or have been given up), with the reads of the
+  /// candidates after it under way. Out of step with the scan (the directory changed under
+  /// it), the read-ahead stops. Never throws.
+  void ready(const struct dirent64& entry) noexcept;
 
-  /// The engine in use now (Off once the read-ahead has stopped).
+  /// The engine the reads that have to wait go through: Ring until the ring, set up at the
+  /// first of them, turns out to be missing; Off once the read-ahead has stopped.
   Engine engine() const;
 
   /// Files read ahead so far, and of those, files that were already cached.
@@ -86,6 +96,10 @@ class ScanPrefetch {
 /// kernel offers it; Advice makes it take the fallback of a kernel without io_uring; Off turns
 /// reading ahead off. The library never changes it.
 extern ScanPrefetch::Engine scanPrefetchEngineHook;
+/// Test-only: whether a file's reads are first tried without waiting (true, the default). False
+/// sends every read through the engine, as on a medium nothing of which is cached, also where
+/// everything is (a file system held in memory). The library never changes it.
+extern bool scanPrefetchProbeHook;
 
 }  // namespace detail
 }  // namespace zev

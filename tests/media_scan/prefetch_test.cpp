@@ -38,10 +38,18 @@ using zev::media::MediaCache;
 using zev::media::MediaCacheOptions;
 using Engine = ScanPrefetch::Engine;
 
-// Sets the read-ahead's engine hook for a scope.
+// Sets the read-ahead's hooks for a scope: the most it may use, and whether
+// reads are tried without waiting first (without, every read goes through
+// the engine, as on a medium nothing of which is cached).
 struct EngineLimit {
-  explicit EngineLimit(Engine most) { scanPrefetchEngineHook = most; }
-  ~EngineLimit() { scanPrefetchEngineHook = Engine::Ring; }
+  explicit EngineLimit(Engine most, bool probes = true) {
+    scanPrefetchEngineHook = most;
+    zev::detail::scanPrefetchProbeHook = probes;
+  }
+  ~EngineLimit() {
+    scanPrefetchEngineHook = Engine::Ring;
+    zev::detail::scanPrefetchProbeHook = true;
+  }
 };
 
 // A cache of its own, removed afterwards.
@@ -111,8 +119,7 @@ class Medium {
       m.audio = {{1, static_cast<uint32_t>(1 + i % 3)}};
       switch (i % 5) {
         case 0:  // moov at the end, past a gap
-          bytes = movbuild::build(m);
-          bytes.insert(bytes.find("moov") - 4, movbuild::atom("free", movbuild::zeros(600 + 37 * i)));
+          bytes = movbuild::gapBeforeMoov(movbuild::build(m), 600 + 37 * i);
           name += "_end.mov";
           break;
         case 1:  // moov first
@@ -122,8 +129,7 @@ class Medium {
           break;
         case 2:  // moov at the end, 64-bit chunk offsets
           m.timecodeCo64 = true;
-          bytes = movbuild::build(m);
-          bytes.insert(bytes.find("moov") - 4, movbuild::atom("free", movbuild::zeros(900 + 13 * i)));
+          bytes = movbuild::gapBeforeMoov(movbuild::build(m), 900 + 13 * i);
           name += "_co64.MOV";
           break;
         case 3: {  // fragmented, the timecode sample in the first fragment
@@ -186,8 +192,8 @@ struct Images {
   std::size_t count = 0;
   std::string messages;  // what the scan wrote on standard error
 };
-Images scanImages(const Medium& medium, Engine most, bool cold) {
-  EngineLimit limit(most);
+Images scanImages(const Medium& medium, Engine most, bool cold, bool probes = true) {
+  EngineLimit limit(most, probes);
   FreshCache fresh;
   Images images;
   {
@@ -202,6 +208,15 @@ Images scanImages(const Medium& medium, Engine most, bool cold) {
   images.clips = segmentBytes(fresh.options.clipSegment);
   images.playlists = segmentBytes(fresh.options.playlistSegment);
   return images;
+}
+
+// The clip candidates of a directory stream, from where it is, as the scan
+// reads them.
+std::vector<struct dirent64> candidatesOf(DIR* d) {
+  std::vector<struct dirent64> out;
+  while (const struct dirent64* e = readdir64(d))
+    if (std::strstr(e->d_name, ".mov") != nullptr) out.push_back(*e);
+  return out;
 }
 
 // What the system offers here: io_uring (not under qemu-user or a seccomp
@@ -224,10 +239,12 @@ TEST(ScanReadAhead, TheCatalogueIsByteForByteTheSameWithAndWithout) {
   EXPECT_EQ(plain.messages, medium.path() + "/dangling.mov: No such file or directory\n");
   ASSERT_GT(plain.clips.size(), MediaCache::ClipImageSize(plain.count) - 1);
   for (const Engine engine : {Engine::Ring, Engine::Advice}) {
-    for (const bool cold : {true, false}) {
+    for (const int run : {0, 1, 2}) {  // cold, warm, every read through the engine
       SCOPED_TRACE(std::string(engine == Engine::Ring ? "io_uring" : "posix_fadvise") +
-                   (cold ? ", cold" : ", warm"));
-      const Images ahead = scanImages(medium, engine, cold);
+                   (run == 0   ? ", cold"
+                    : run == 1 ? ", warm"
+                               : ", without probes"));
+      const Images ahead = scanImages(medium, engine, run == 0, run != 2);
       EXPECT_EQ(ahead.count, plain.count);
       EXPECT_TRUE(ahead.clips == plain.clips) << "the clip images differ";
       EXPECT_TRUE(ahead.playlists == plain.playlists) << "the playlist images differ";
@@ -244,7 +261,13 @@ TEST(ScanReadAhead, UsesIoUringWhereTheKernelHasItAndFallsBackElsewhere) {
   DIR* d = opendir(dir.path().c_str());
   ASSERT_NE(d, nullptr);
   {
+    EngineLimit limit(Engine::Ring, false);  // the read has to go through the ring
     ScanPrefetch ahead(dir.path(), d);
+    EXPECT_EQ(ahead.engine(), Engine::Ring);  // until a read needs it
+    const auto entries = candidatesOf(d);
+    ASSERT_EQ(entries.size(), 1u);
+    ahead.ready(entries[0]);
+    EXPECT_EQ(ahead.filesRead(), 1u);
     if (kernelHasRing()) {
       EXPECT_EQ(ahead.engine(), Engine::Ring);
     } else {
@@ -262,7 +285,8 @@ TEST(ScanReadAhead, UsesIoUringWhereTheKernelHasItAndFallsBackElsewhere) {
     EngineLimit limit(Engine::Off);
     ScanPrefetch ahead(dir.path(), d);
     EXPECT_EQ(ahead.engine(), Engine::Off);
-    ahead.ready("a.mov");  // does nothing
+    rewinddir(d);
+    ahead.ready(candidatesOf(d).at(0));  // does nothing
     EXPECT_EQ(ahead.filesRead(), 0u);
   }
   closedir(d);
@@ -273,7 +297,7 @@ TEST(ScanReadAhead, UsesIoUringWhereTheKernelHasItAndFallsBackElsewhere) {
 // then does nothing more.
 TEST(ScanReadAhead, FollowsTheScanAndStopsWhenOutOfStep) {
   for (const Engine engine : {Engine::Ring, Engine::Advice}) {
-    EngineLimit limit(engine);
+    EngineLimit limit(engine, false);  // every file as if not cached: all are taken in hand at once
     TempDir dir;
     for (int i = 0; i < 6; ++i)
       writeFile(dir.file("c" + std::to_string(i) + ".mov"), readFile(dataPath("qt/prores_422_25.mov")));
@@ -281,16 +305,14 @@ TEST(ScanReadAhead, FollowsTheScanAndStopsWhenOutOfStep) {
     DIR* d = opendir(dir.path().c_str());
     ASSERT_NE(d, nullptr);
     ScanPrefetch ahead(dir.path(), d);
-    std::vector<std::string> order;
-    while (dirent* e = readdir(d))
-      if (std::strstr(e->d_name, ".mov") != nullptr) order.push_back(e->d_name);
+    const auto order = candidatesOf(d);
     ASSERT_EQ(order.size(), 6u);
-    for (std::size_t i = 0; i < 3; ++i) ahead.ready(order[i].c_str());
+    for (std::size_t i = 0; i < 3; ++i) ahead.ready(order[i]);
     EXPECT_NE(ahead.engine(), Engine::Off);
     EXPECT_EQ(ahead.filesRead(), 6u);  // the first three and the three after them
-    ahead.ready(order[4].c_str());     // the scan skipped one: out of step
+    ahead.ready(order[4]);             // the scan skipped one: out of step
     EXPECT_EQ(ahead.engine(), Engine::Off);
-    ahead.ready(order[5].c_str());
+    ahead.ready(order[5]);
     EXPECT_EQ(ahead.engine(), Engine::Off);
     closedir(d);
   }
@@ -314,10 +336,7 @@ TEST(ScanReadAhead, ACachedMediumIsProbedOneFileInMany) {
     DIR* d = opendir(dir.path().c_str());
     ASSERT_NE(d, nullptr);
     ScanPrefetch ahead(dir.path(), d);
-    std::vector<std::string> order;
-    while (dirent* e = readdir(d))
-      if (e->d_name[0] != '.') order.push_back(e->d_name);
-    for (const auto& name : order) ahead.ready(name.c_str());
+    for (const auto& entry : candidatesOf(d)) ahead.ready(entry);
     if (probes) {
       EXPECT_LT(ahead.filesRead(), 75u);
       EXPECT_EQ(ahead.filesCached(), ahead.filesRead());
@@ -382,13 +401,7 @@ TEST(ScanReadAhead, NearTheDescriptorLimitTheIntakeKeepsADescriptor) {
         MediaCache cache(fresh.options);
         cache.GetClips();  // the cache's own descriptors are open before the limit
         medium.dropCaches();
-        const int lowest = dup(0);
-        if (lowest < 0) return 10;
-        close(lowest);
-        struct rlimit rl;
-        if (getrlimit(RLIMIT_NOFILE, &rl) != 0) return 11;
-        rl.rlim_cur = static_cast<rlim_t>(lowest + spare);
-        if (setrlimit(RLIMIT_NOFILE, &rl) != 0) return 12;
+        if (!vorta_test::limitDescriptors(spare)) return 12;
         std::string dir = medium.path();
         if (cache.ScanMedia(dir, ENCODE_PRORES_422_HQ) != 1) return 1;
         return cache.GetClips().size() == expected ? 0 : 2;

@@ -98,9 +98,9 @@ TEST(QtReadSequence, AMovieWithItsMoovAtTheEndTakesFourReads) {
   movbuild::Movie m;
   m.timecode = true;
   m.startFrame = 90000;
-  std::string file = movbuild::build(m);
-  const std::size_t moov = file.find("moov") - 4;
-  file.insert(moov, movbuild::atom("free", movbuild::zeros(2000)));  // the moov out of the first window
+  const std::size_t moov = movbuild::build(m).find("moov") - 4;
+  const std::string file =
+      movbuild::gapBeforeMoov(movbuild::build(m), 2000);  // the moov out of the first window
   const std::string path = dir.file("end.mov");
   writeFile(path, file);
   uint64_t bytes = 0;

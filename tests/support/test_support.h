@@ -50,4 +50,9 @@ double monotonicSeconds();
 /// instead of hanging the run; -2 when the child cannot be made or waited for.
 int inChild(const std::function<int()>& body, double seconds = 0);
 
+/// Lowers the soft RLIMIT_NOFILE so that exactly `spare` more descriptors
+/// can be opened (descriptors are numbered from the lowest free one). False
+/// when the limit could not be set.
+bool limitDescriptors(int spare);
+
 }  // namespace vorta_test
