@@ -59,7 +59,6 @@ namespace {
 
 using zev::detail::ScanPrefetch;
 using zev::media::MediaCache;
-using zev::media::MediaCacheOptions;
 
 // ---------------------------------------------------------------------------
 // The medium
@@ -230,24 +229,12 @@ void writeClip(const std::string& path, const Layout& layout) {
 /// The layouts of every well-formed fixture, checked against the fixture.
 const std::vector<Layout>& layouts() {
   static const std::vector<Layout> all = [] {
-    std::string source = __FILE__;
-    source = source.substr(0, source.rfind('/')) + "/../tests/data/qt";
-    std::vector<std::string> names;
-    DIR* d = opendir(source.c_str());
-    if (d == nullptr) std::abort();
-    while (dirent* e = readdir(d)) {
-      const std::string name = e->d_name;
-      if (name.size() > 4 &&
-          (name.substr(name.size() - 4) == ".mov" || name.substr(name.size() - 4) == ".MOV"))
-        names.push_back(name);
-    }
-    closedir(d);
-    std::sort(names.begin(), names.end());
+    const std::string source = bench_support::fixtureDir();
     char scratchDir[] = "/tmp/bench_cold_check_XXXXXX";
     if (!mkdtemp(scratchDir)) std::abort();
     const std::string scratch = std::string(scratchDir) + "/clip.mov";
     std::vector<Layout> out;
-    for (const std::string& name : names) {
+    for (const std::string& name : bench_support::fixtureNames()) {
       const std::string path = source + "/" + name;
       const std::string file = readWhole(path);
       const std::string expected = readerView(path);
@@ -386,21 +373,7 @@ void parallelFloor(const Medium& m) {
   for (auto& w : workers) w.join();
 }
 
-struct Catalogue {
-  explicit Catalogue(std::size_t clips)
-      : options(MediaCacheOptions::named("vorta_bench_cold_" + std::to_string(getpid()) + "_" +
-                                         std::to_string(clips))) {
-    options.maxClips = clips;
-    options.maxPlaylists = 4;
-    cache.reset(new MediaCache(options));
-  }
-  ~Catalogue() {
-    cache.reset();
-    MediaCache::Remove(options);
-  }
-  MediaCacheOptions options;
-  std::unique_ptr<MediaCache> cache;
-};
+using Catalogue = bench_support::BenchCache;
 
 void scan(const Medium& m, Catalogue& catalogue, ScanPrefetch::Engine engine) {
   zev::detail::scanPrefetchEngineHook = engine;
@@ -466,9 +439,13 @@ class Rounds {
   std::vector<Measure> measures_;
 };
 
-std::vector<std::string> gSummary;
-
-void summarise(const std::string& line) { gSummary.push_back(line); }
+/// One line of figures, printed as it is measured.
+template <typename... Args>
+void summarise(const char* format, Args... args) {
+  std::printf(format, args...);
+  std::printf("\n");
+  std::fflush(stdout);
+}
 
 // ---------------------------------------------------------------------------
 // Cold
@@ -476,7 +453,7 @@ void summarise(const std::string& line) { gSummary.push_back(line); }
 void BM_ColdScan(benchmark::State& state) {
   const int clips = static_cast<int>(state.range(0));
   Medium& m = medium(clips);
-  Catalogue catalogue(m.clips());
+  Catalogue catalogue("vorta_bench_cold", m.clips(), 4);
   const auto drop = [&m] { m.dropCaches(); };
   Rounds rounds;
   rounds.add("serial", drop, [&] { serialFloor(m); });
@@ -497,15 +474,13 @@ void BM_ColdScan(benchmark::State& state) {
   state.counters["us_per_clip"] = ring * 1000.0 / clips;
   state.counters["x_parallel"] = ring / parallel;
   state.counters["serial_over_scan"] = serial / ring;
-  char line[400];
-  std::snprintf(line, sizeof line,
-                "cold, %5d clips (%4.0f MB): scan %6.1f ms (%5.1f us a clip) = %.2fx the parallel floor "
-                "(%.1f ms), %.2fx faster than the serial floor (%.1f ms); fallback %.1f ms (%.2fx), "
-                "no read-ahead %.1f ms (%.2fx)",
-                clips, static_cast<double>(m.bytes()) / 1e6, ring, ring * 1000.0 / clips, ring / parallel,
-                parallel, serial / ring, serial, rounds["advice"], rounds["advice"] / parallel, rounds["off"],
-                rounds["off"] / parallel);
-  summarise(line);
+  summarise(
+      "cold, %5d clips (%4.0f MB): scan %6.1f ms (%5.1f us a clip) = %.2fx the parallel floor "
+      "(%.1f ms), %.2fx faster than the serial floor (%.1f ms); fallback %.1f ms (%.2fx), "
+      "no read-ahead %.1f ms (%.2fx)",
+      clips, static_cast<double>(m.bytes()) / 1e6, ring, ring * 1000.0 / clips, ring / parallel, parallel,
+      serial / ring, serial, rounds["advice"], rounds["advice"] / parallel, rounds["off"],
+      rounds["off"] / parallel);
 }
 BENCHMARK(BM_ColdScan)->Arg(1000)->Iterations(5)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ColdScan)->Arg(10000)->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
@@ -515,7 +490,7 @@ BENCHMARK(BM_ColdScan)->Arg(10000)->Iterations(3)->UseManualTime()->Unit(benchma
 
 void BM_WarmScan(benchmark::State& state) {
   Medium& m = medium(static_cast<int>(state.range(0)));
-  Catalogue catalogue(m.clips());
+  Catalogue catalogue("vorta_bench_warm", m.clips(), 4);
   scan(m, catalogue, ScanPrefetch::Engine::Off);  // everything cached
   Rounds rounds;
   rounds.add("floor", nullptr, [&] { serialFloor(m); });
@@ -527,13 +502,10 @@ void BM_WarmScan(benchmark::State& state) {
   state.counters["off_ms"] = off;
   state.counters["ring_ms"] = ring;
   state.counters["x_off"] = ring / off;
-  char line[300];
-  std::snprintf(line, sizeof line,
-                "warm, %5d clips: scan %.1f ms reading ahead, %.1f ms not (%.2fx); the floor %.1f ms",
-                static_cast<int>(state.range(0)), ring, off, ring / off, floor);
-  summarise(line);
+  summarise("warm, %5d clips: scan %.1f ms reading ahead, %.1f ms not (%.2fx); the floor %.1f ms",
+            static_cast<int>(state.range(0)), ring, off, ring / off, floor);
 }
-BENCHMARK(BM_WarmScan)->Arg(1000)->Iterations(11)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WarmScan)->Arg(1000)->Iterations(31)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 #if defined(VORTA_BENCH_TOOL) && defined(VORTA_BENCH_FLOOR_PROCESS)
 
@@ -584,11 +556,8 @@ void BM_WarmProcess(benchmark::State& state) {
   state.counters["floor_ms"] = floor;
   state.counters["vorta_ms"] = vorta_ms;
   state.counters["x_floor"] = vorta_ms / floor;
-  char line[300];
-  std::snprintf(line, sizeof line,
-                "warm, %5d clips: the vorta scan process %.1f ms = %.2fx the floor process (%.1f ms)",
-                static_cast<int>(state.range(0)), vorta_ms, vorta_ms / floor, floor);
-  summarise(line);
+  summarise("warm, %5d clips: the vorta scan process %.1f ms = %.2fx the floor process (%.1f ms)",
+            static_cast<int>(state.range(0)), vorta_ms, vorta_ms / floor, floor);
 }
 BENCHMARK(BM_WarmProcess)->Arg(1000)->Iterations(11)->UseManualTime()->Unit(benchmark::kMillisecond);
 
@@ -596,11 +565,4 @@ BENCHMARK(BM_WarmProcess)->Arg(1000)->Iterations(11)->UseManualTime()->Unit(benc
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  for (const auto& line : gSummary) std::printf("%s\n", line.c_str());
-  return 0;
-}
+BENCHMARK_MAIN();

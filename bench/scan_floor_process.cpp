@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <string>
 
-#include "bench_support.h"
+#include "reader_floor.h"
 
 int main(int argc, char** argv) {
   if (argc != 2) {
