@@ -123,6 +123,25 @@ dsc_version() {
   [ -n "$dsc" ] && basename "$dsc" .dsc || echo "$1 (not fetched)"
 }
 
+# Starts on a dependency from a Debian source package: true when it is
+# staged already by this recipe (its stamp matches and its library is
+# there); else fetches and extracts the source into $src. Sets log and key
+# (for stamp_set) either way.
+#   needs_build PACKAGE LIBRARY LABEL
+needs_build() {
+  log=$work/logs/$1.log
+  : >"$log"
+  key="recipe=$recipe $(dsc_version "$1")"
+  if stamp_ok "$1" "$key" && [ -f "$staging/lib/$2" ]; then
+    say "$3: up to date"
+    return 1
+  fi
+  say "$3: building for the target"
+  source_tree "$1"
+  key="recipe=$recipe $(dsc_version "$1")"
+  step="building $3 (log: $log)"
+}
+
 cmake_cross() {
   cmake -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DVORTA_PPC_STAGING="$staging" \
     -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$staging" -DCMAKE_INSTALL_LIBDIR=lib "$@"
@@ -133,16 +152,7 @@ step="linking the Boost headers"
 ln -sfn /usr/include/boost "$staging/include/boost"
 
 # --- cJSON
-log=$work/logs/cjson.log
-: >"$log"
-key="recipe=$recipe $(dsc_version cjson)"
-if stamp_ok cjson "$key" && [ -f "$staging/lib/libcjson.so" ]; then
-  say "cJSON: up to date"
-else
-  say "cJSON: building for the target"
-  source_tree cjson
-  key="recipe=$recipe $(dsc_version cjson)"
-  step="building cJSON (log: $log)"
+if needs_build cjson libcjson.so cJSON; then
   rm -rf "$work/build-cjson"
   quiet cmake_cross -S "$src" -B "$work/build-cjson" \
     -DENABLE_CJSON_TEST=OFF -DENABLE_CJSON_UTILS=ON -DBUILD_SHARED_AND_STATIC_LIBS=ON
@@ -152,16 +162,7 @@ else
 fi
 
 # --- The ANTLR 3 C runtime, configured for 32-bit pointers.
-log=$work/logs/libantlr3c.log
-: >"$log"
-key="recipe=$recipe $(dsc_version libantlr3c)"
-if stamp_ok libantlr3c "$key" && [ -f "$staging/lib/libantlr3c.so" ]; then
-  say "libantlr3c: up to date"
-else
-  say "libantlr3c: building for the target"
-  source_tree libantlr3c
-  key="recipe=$recipe $(dsc_version libantlr3c)"
-  step="building libantlr3c (log: $log)"
+if needs_build libantlr3c libantlr3c.so libantlr3c; then
   # The release tarball's build files are incomplete (antlr3convertutf.c is
   # missing from the generated Makefile): regenerate them.
   cd "$src"
@@ -196,16 +197,7 @@ fi
 
 # --- liburing (io_uring), shared and static like cJSON; its own configure
 # script takes the cross compiler.
-log=$work/logs/liburing.log
-: >"$log"
-key="recipe=$recipe $(dsc_version liburing)"
-if stamp_ok liburing "$key" && [ -f "$staging/lib/liburing.so" ]; then
-  say "liburing: up to date"
-else
-  say "liburing: building for the target"
-  source_tree liburing
-  key="recipe=$recipe $(dsc_version liburing)"
-  step="building liburing (log: $log)"
+if needs_build liburing liburing.so liburing; then
   cd "$src"
   quiet ./configure --cc=powerpc-linux-gnu-gcc --cxx=powerpc-linux-gnu-g++ \
     --prefix="$staging" --includedir="$staging/include" --libdir="$staging/lib" \
