@@ -34,22 +34,8 @@ ClipDir& medium() {
   return *dir;
 }
 
-struct Cache {
-  Cache() : options(MediaCacheOptions::named("vorta_bench_scan_" + std::to_string(getpid()))) {
-    options.maxClips = kClips;
-    options.maxPlaylists = kPlaylists;
-    cache.reset(new MediaCache(options));
-  }
-  ~Cache() {
-    cache.reset();
-    MediaCache::Remove(options);
-  }
-  MediaCacheOptions options;
-  std::unique_ptr<MediaCache> cache;
-};
-
-Cache& sharedCache() {
-  static Cache cache;
+bench_support::BenchCache& sharedCache() {
+  static bench_support::BenchCache cache("vorta_bench_scan", kClips, kPlaylists);
   return cache;
 }
 

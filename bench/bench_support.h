@@ -9,15 +9,60 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "media_cache.h"
+#include "reader_floor.h"
 
 namespace bench_support {
 
 constexpr int kClips = 1000;
+
+/// The directory of the committed clips: they sit beside this source, in
+/// bench/../tests/data/qt.
+inline std::string fixtureDir() {
+  const std::string source = __FILE__;
+  return source.substr(0, source.rfind('/')) + "/../tests/data/qt";
+}
+
+/// The names of the well-formed committed clips (not those in bad/), sorted.
+inline std::vector<std::string> fixtureNames() {
+  std::vector<std::string> fixtures;
+  DIR* d = opendir(fixtureDir().c_str());
+  if (!d) std::abort();
+  while (dirent* e = readdir(d)) {
+    const std::string name = e->d_name;
+    if (name.size() > 4 && (name.substr(name.size() - 4) == ".mov" || name.substr(name.size() - 4) == ".MOV"))
+      fixtures.push_back(name);
+  }
+  closedir(d);
+  if (fixtures.empty()) std::abort();
+  std::sort(fixtures.begin(), fixtures.end());
+  return fixtures;
+}
+
+/// A catalogue and playlist cache of the benchmark's own, removed with it.
+struct BenchCache {
+  BenchCache(const std::string& prefix, std::size_t clips, std::size_t playlists)
+      : options(zev::media::MediaCacheOptions::named(prefix + "_" + std::to_string(getpid()))) {
+    options.maxClips = clips;
+    options.maxPlaylists = playlists;
+    cache.reset(new zev::media::MediaCache(options));
+  }
+  ~BenchCache() {
+    cache.reset();
+    zev::media::MediaCache::Remove(options);
+  }
+  zev::media::MediaCacheOptions options;
+  std::unique_ptr<zev::media::MediaCache> cache;
+};
 
 /// A temporary directory holding kClips copies of the well-formed fixtures.
 class ClipDir {
@@ -26,20 +71,8 @@ class ClipDir {
     char pattern[] = "/tmp/bench_qt_XXXXXX";
     if (!mkdtemp(pattern)) std::abort();
     dir_ = pattern;
-    // The fixtures sit beside this source: bench/../tests/data/qt.
-    std::string source = __FILE__;
-    source = source.substr(0, source.rfind('/')) + "/../tests/data/qt";
-    std::vector<std::string> fixtures;
-    DIR* d = opendir(source.c_str());
-    if (!d) std::abort();
-    while (dirent* e = readdir(d)) {
-      const std::string name = e->d_name;
-      if (name.size() > 4 &&
-          (name.substr(name.size() - 4) == ".mov" || name.substr(name.size() - 4) == ".MOV"))
-        fixtures.push_back(name);
-    }
-    closedir(d);
-    if (fixtures.empty()) std::abort();
+    const std::string source = fixtureDir();
+    const std::vector<std::string> fixtures = fixtureNames();
     for (int i = 0; i < kClips; ++i) {
       const std::string& name = fixtures[static_cast<std::size_t>(i) % fixtures.size()];
       const std::string path = dir_ + "/" + std::to_string(i) + "_" + name;

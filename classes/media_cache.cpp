@@ -31,6 +31,7 @@
 #include "fileparams.h"
 #include "internal/cache_lock.h"
 #include "internal/regular_file.h"
+#include "internal/scan_prefetch.h"
 #include "internal/work_arena.h"
 #include "media_attributes.h"
 #include "productid.h"
@@ -774,6 +775,9 @@ int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType
   // descriptor or memory left, an unreadable directory) abandons the scan
   // before anything is written.
   try {
+    // The clips' reads are made ahead of their intake, many at a time; the
+    // intake then finds them in the page cache.
+    detail::ScanPrefetch prefetch(directory, dir);
     for (;;) {
       errno = 0;
       struct dirent64* entry = ::readdir64(dir);
@@ -785,7 +789,8 @@ int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType
       const std::string path = directory + "/" + entry->d_name;
       // Substring tests on the whole path, not extension tests: a directory
       // called media.mov makes every entry in it a clip candidate.
-      if (path.find(".mov") != std::string::npos || path.find(".MOV") != std::string::npos) {
+      if (detail::isClipCandidate(path.c_str())) {
+        prefetch.ready(*entry);
         Clip* clip = new (arena.allocate(sizeof(Clip), alignof(Clip))) Clip();
         errno = 0;
         if (GrokClip(*clip, path, false)) {

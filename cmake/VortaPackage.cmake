@@ -189,7 +189,7 @@ endif()
 # there they are named by hand (the device image's Debian packages).
 if(CMAKE_CROSSCOMPILING)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
-  set(CPACK_DEBIAN_LIBS_PACKAGE_DEPENDS "libc6 (>= 2.36), libstdc++6 (>= 12), libgcc-s1 (>= 3.0), libcjson1 (>= 1.7.15), libantlr3c-3.4-0 (>= 3.4)")
+  set(CPACK_DEBIAN_LIBS_PACKAGE_DEPENDS "libc6 (>= 2.36), libstdc++6 (>= 12), libgcc-s1 (>= 3.0), libcjson1 (>= 1.7.15), libantlr3c-3.4-0 (>= 3.4), liburing2 (>= 2.1)")
   set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "libc6 (>= 2.36), libstdc++6 (>= 12), libgcc-s1 (>= 3.0), libcjson1 (>= 1.7.15)")
   get_property(_vorta_cli_png GLOBAL PROPERTY VORTA_CLI_HAS_PNG)
   if(_vorta_cli_png)

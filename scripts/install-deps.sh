@@ -15,7 +15,7 @@ set -euo pipefail
 
 base=(
   build-essential cmake ninja-build pkg-config make git
-  libboost-dev libcjson-dev libantlr3c-dev antlr3 default-jre-headless
+  libboost-dev libcjson-dev libantlr3c-dev antlr3 default-jre-headless liburing-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libpng-dev libavutil-dev
   python3 python3-jsonschema

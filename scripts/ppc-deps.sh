@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: MIT
 # Builds the target's own copies of vorta's dependencies for the recorder's
 # processor (32-bit big-endian PowerPC) into a staging prefix, from Debian
-# source packages: cJSON, the ANTLR 3 C runtime (libantlr3c) and GoogleTest.
+# source packages: cJSON, the ANTLR 3 C runtime (libantlr3c), liburing and
+# GoogleTest.
 # Boost is header-only for vorta: the host's headers are linked in.
 #
 #   scripts/ppc-deps.sh [--guest-tools] [STAGING]     default: build/ppc-staging
@@ -208,6 +209,18 @@ if ! powerpc-linux-gnu-gcc -I"$staging/include" -fsyntax-only "$check" 2>"$work/
   say "the staged libantlr3c is not configured for 32-bit pointers; remove $staging/.stamps/libantlr3c and rerun"
   exit 1
 fi
+
+# --- liburing (io_uring), shared and static like cJSON; its own configure
+# script takes the cross compiler.
+build_liburing() {
+  cd "$src"
+  quiet ./configure --cc=powerpc-linux-gnu-gcc --cxx=powerpc-linux-gnu-g++ \
+    --prefix="$staging" --includedir="$staging/include" --libdir="$staging/lib" \
+    --libdevdir="$staging/lib" --mandir="$work/liburing-man"
+  quiet make -j "$jobs" -C src
+  quiet make -C src install
+}
+from_source liburing liburing "the target" build_liburing "$staging/lib/liburing.so"
 
 # --- GoogleTest, from the host's source copy (libgtest-dev).
 log=$work/logs/googletest.log

@@ -11,7 +11,11 @@ namespace zev {
 namespace detail {
 
 UniqueFd openRegularFile(const char* path, int flags, mode_t mode, struct stat64* info) {
-  UniqueFd fd = UniqueFd::open(path, flags | O_NONBLOCK | O_NOCTTY, mode);
+  return openRegularFileAt(AT_FDCWD, path, flags, mode, info);
+}
+
+UniqueFd openRegularFileAt(int dirFd, const char* path, int flags, mode_t mode, struct stat64* info) {
+  UniqueFd fd(::openat(dirFd, path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, mode));
   if (!fd) return fd;
   struct stat64 seen;
   int error = 0;

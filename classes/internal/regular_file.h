@@ -18,6 +18,9 @@ namespace detail {
 /// errno EISDIR for a directory or EINVAL for any other file that is not regular. `info`, when
 /// given, gets what fstat said of the open file. Nothing is truncated or written.
 UniqueFd openRegularFile(const char* path, int flags, mode_t mode = 0, struct stat64* info = nullptr);
+/// openRegularFile for a path relative to the directory open as dirFd (or AT_FDCWD).
+UniqueFd openRegularFileAt(int dirFd, const char* path, int flags, mode_t mode = 0,
+                           struct stat64* info = nullptr);
 
 /// A record-lock range of the single byte 0 with the given lock type.
 struct flock byteZeroRange(short type);

@@ -214,7 +214,9 @@ void removeStaleTemporaries(const std::string& path) {
   ::closedir(dir);
 }
 
-bool writeAtomically(const std::string& path, const cJSON* doc) {
+// The file is replaced whole through a temporary file and rename. When
+// durable, the new content is forced to storage before the rename.
+bool writeAtomically(const std::string& path, const cJSON* doc, bool durable) {
   char* text = cJSON_Print(doc);
   if (text == nullptr) return false;
   const std::string tmp = temporaryPath(path, static_cast<long>(getpid()));
@@ -251,7 +253,7 @@ bool writeAtomically(const std::string& path, const cJSON* doc) {
     }
     done += static_cast<std::size_t>(w);
   }
-  if (ok && ::fsync(fd) != 0) ok = false;
+  if (ok && durable && ::fsync(fd) != 0) ok = false;
   if (::close(fd) != 0) ok = false;
   if (ok && std::rename(tmp.c_str(), path.c_str()) != 0) ok = false;
   if (!ok) {
@@ -284,7 +286,10 @@ int updateFile(const std::string& given, eParam_t id, cJSON* value) {
   const std::string key = keyOf(id);
   cJSON_DeleteItemFromObjectCaseSensitive(doc.get(), key.c_str());
   cJSON_AddItemToObject(doc.get(), key.c_str(), owned.release());
-  return writeAtomically(path, doc.get()) ? 1 : 0;
+  // media-busy says what a process is doing now, and is written around
+  // every scan: after a power cut it is stale whatever it says, so its
+  // writes are not forced to storage (each costs a journal commit).
+  return writeAtomically(path, doc.get(), id != eParamMediaBusy) ? 1 : 0;
 }
 
 }  // namespace

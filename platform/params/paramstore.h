@@ -95,7 +95,10 @@ class MemoryParamStore : public ParamStore {
 /// the resolved path + ".lock", removes the temporary files that writers
 /// killed part-way left there, reads the file, changes one member and
 /// replaces the file atomically (temporary file path + ".tmp." + pid,
-/// fsync, rename). A missing file reads as all defaults; a file that is not
+/// fsync, rename; a write of media-busy, a status that is stale after a
+/// power cut anyway, skips the fsync and its journal commit, which would
+/// cost a scan more than the scan itself on a busy disk). A missing file
+/// reads as all defaults; a file that is not
 /// a JSON object is never overwritten. A write that fails says why on
 /// standard error and leaves no temporary file.
 class FileParamStore : public ParamStore {

@@ -598,17 +598,16 @@ bool firstTimecodeSample(const Track& track, uint64_t& offset) {
   return true;
 }
 
+/// A top-level atom: where it starts, its type, header length and size.
+struct TopLevelAtom {
+  uint64_t offset = 0;
+  uint32_t type = 0;
+  uint64_t header = 0, size = 0;
+};
+
 /// An open file read with pread, counting the bytes read.
-///
-/// Atom headers are read through a small window: one read fetches
-/// kHeaderWindow bytes, so that the headers of neighbouring atoms, and the
-/// header and start of a small 'moov', come in with a single system call.
-/// Later reads take what the window already holds from there, so no byte is
-/// read from the file twice, and nothing far beyond a header is read.
 class File {
  public:
-  static constexpr std::size_t kHeaderWindow = 512;
-
   /// Opens without blocking: a FIFO, socket or device named like a movie
   /// must not hold the caller up (opening a FIFO for reading waits for a
   /// writer, a terminal could become the controlling one). usable() then
@@ -638,143 +637,447 @@ class File {
     return true;
   }
 
-  /// The system error that stopped the open or a read; 0 when none did.
+  /// The system error that stopped the open; 0 when none did.
   int error() const { return error_; }
 
-  /// Reads exactly length bytes at offset; false on error or end of file
-  /// (a file that shrank while being read).
-  bool readAt(uint64_t offset, unsigned char* buffer, std::size_t length) {
-    if (length > 0 && offset >= windowStart_ && offset - windowStart_ < windowLength_) {
-      const std::size_t at = static_cast<std::size_t>(offset - windowStart_);
-      const std::size_t held = std::min(length, windowLength_ - at);
-      std::memcpy(buffer, window_ + at, held);
-      buffer += held;
-      length -= held;
-      offset += held;
-    }
-    return readFile(offset, buffer, length);
-  }
-
-  /// Reads the length bytes (at most kHeaderWindow) of an atom header at
-  /// offset, through the window; fileSize bounds what the window fetches.
-  bool readHeaderAt(uint64_t offset, unsigned char* buffer, std::size_t length, uint64_t fileSize) {
-    if (length > kHeaderWindow || offset > fileSize || fileSize - offset < length) return false;
-    if (offset < windowStart_ || offset - windowStart_ > windowLength_ ||
-        windowLength_ - static_cast<std::size_t>(offset - windowStart_) < length) {
-      // A header that begins in the window keeps the bytes already there.
-      std::size_t kept = 0;
-      if (offset >= windowStart_ && offset - windowStart_ < windowLength_) {
-        const std::size_t at = static_cast<std::size_t>(offset - windowStart_);
-        kept = windowLength_ - at;
-        std::memmove(window_, window_ + at, kept);
-      }
-      const std::size_t want = static_cast<std::size_t>(std::min<uint64_t>(kHeaderWindow, fileSize - offset));
-      windowLength_ = 0;
-      if (!readFile(offset + kept, window_ + kept, want - kept)) return false;
-      windowStart_ = offset;
-      windowLength_ = want;
-    }
-    std::memcpy(buffer, window_ + static_cast<std::size_t>(offset - windowStart_), length);
-    return true;
-  }
-
- private:
-  bool readFile(uint64_t offset, unsigned char* buffer, std::size_t length) {
+  /// Reads exactly length bytes at offset. 0 when they were read, -1 at the
+  /// end of the file (a file that shrank while being read), else the errno
+  /// of the read that failed.
+  int readAt(uint64_t offset, unsigned char* buffer, std::size_t length) {
     while (length > 0) {
-      if (offset > static_cast<uint64_t>(INT64_MAX)) return false;
+      if (offset > static_cast<uint64_t>(INT64_MAX)) return -1;
       const ssize_t got = ::pread(fd_.get(), buffer, length, static_cast<off_t>(offset));
       if (got < 0 && errno == EINTR) continue;
-      if (got < 0) error_ = errno;
-      if (got <= 0) return false;
+      if (got < 0) return errno;
+      if (got == 0) return -1;
       counter_ += static_cast<uint64_t>(got);
       buffer += got;
       length -= static_cast<std::size_t>(got);
       offset += static_cast<uint64_t>(got);
     }
-    return true;
+    return 0;
   }
 
+ private:
   zev::detail::UniqueFd fd_;
   int error_ = 0;
   uint64_t& counter_;
-  unsigned char window_[kHeaderWindow];
-  uint64_t windowStart_ = 0;
-  std::size_t windowLength_ = 0;
 };
-
-/// A top-level atom: where it starts, its type, header length and size.
-struct TopLevelAtom {
-  uint64_t offset = 0;
-  uint32_t type = 0;
-  uint64_t header = 0, size = 0;
-};
-
-/// Reads the header of the top-level atom at offset. False at the end of
-/// the file, for a header that is cut, a size below its header, or a size
-/// (32- or 64-bit) that runs past the end of the file.
-bool topLevelAtomAt(File& file, uint64_t fileSize, uint64_t offset, TopLevelAtom& atom) {
-  if (offset > fileSize || fileSize - offset < 8) return false;
-  unsigned char raw[16];
-  const std::size_t want = fileSize - offset >= 16 ? 16 : 8;
-  if (!file.readHeaderAt(offset, raw, want, fileSize)) return false;
-  const BigEndianView header(raw, want);
-  uint32_t size32;
-  header.u32(0, size32);
-  header.u32(4, atom.type);
-  atom.offset = offset;
-  atom.size = size32;
-  atom.header = 8;
-  if (size32 == 1) {
-    if (!header.u64(8, atom.size)) return false;
-    atom.header = 16;
-  } else if (size32 == 0) {
-    atom.size = fileSize - offset;
-  }
-  return atom.size >= atom.header && atom.size <= fileSize - offset;
-}
-
-/// Walks the top-level atoms by their headers only and locates 'moov'.
-bool locateMovie(File& file, uint64_t fileSize, TopLevelAtom& moov) {
-  uint64_t offset = 0;
-  for (unsigned n = 0; n < kMaxTopLevelAtoms && topLevelAtomAt(file, fileSize, offset, moov); ++n) {
-    if (moov.type == kMoov) return true;
-    offset += moov.size;
-  }
-  return false;
-}
-
-/// Walks the top-level atoms from offset (the end of the moov) and reads
-/// every 'moof' into fragments, within the caps; the walk ends quietly at
-/// what is cut or malformed. False only when the system failed (a read
-/// error, no memory for a fragment): error then says why.
-bool walkFragments(File& file, uint64_t fileSize, uint64_t offset, const FragmentTracks& tracks,
-                   Fragments& fragments, int& error) {
-  std::vector<unsigned char> buffer;
-  TopLevelAtom atom;
-  unsigned fragmentsRead = 0;
-  for (unsigned n = 0; n < kMaxFragmentWalkAtoms && fragmentsRead < CQTStreaming::kMaxFragments &&
-                       topLevelAtomAt(file, fileSize, offset, atom);
-       ++n) {
-    offset += atom.size;
-    if (atom.type != kMoof) continue;
-    const uint64_t bodySize = atom.size - atom.header;
-    if (bodySize > CQTStreaming::kMaxFragmentAtomSize) break;
-    try {
-      buffer.resize(static_cast<std::size_t>(bodySize));
-    } catch (const std::bad_alloc&) {
-      error = ENOMEM;
-      return false;
-    }
-    if (!file.readAt(atom.offset + atom.header, buffer.data(), buffer.size())) break;
-    ++fragmentsRead;
-    if (!readFragment(BigEndianView(buffer.data(), buffer.size()), atom.offset, fileSize, tracks, fragments))
-      break;
-  }
-  error = file.error();
-  return error == 0;
-}
 
 }  // namespace
+
+/// The reader's work on one movie, stopped at each read of the file until
+/// that read is done (see CQTReadSequence).
+///
+/// Atom headers are read through a window: one read fetches kHeaderWindow
+/// bytes, so that the headers of neighbouring atoms, and the header and
+/// start of a small 'moov', come in with a single read. Later reads take
+/// what the window already holds from there, so no byte is read twice, and
+/// nothing far beyond a header is read.
+struct CQTReadSequence::Impl {
+  static constexpr std::size_t kHeaderWindow = 512;
+
+  explicit Impl(uint64_t size) : fileSize(size) { advance(); }
+
+  /// The read asked for: length bytes at offset, into what target names.
+  enum class Target { Window, Movie, Fragment, Timecode };
+  struct Read {
+    bool pending = false;
+    uint64_t offset = 0;
+    std::size_t length = 0;
+    Target target = Target::Window;
+  };
+
+  /// Where the bytes of the pending read go; null (and the work ends with
+  /// ENOMEM) when there is no memory for them.
+  unsigned char* buffer() {
+    if (!read.pending) return nullptr;
+    if (read.target == Target::Window) return window + (read.offset - pendingWindowStart);
+    if (!takeBody()) {
+      read.pending = false;
+      fail(ENOMEM);
+      return nullptr;
+    }
+    return body.data + body.held;
+  }
+
+  /// The pending read is done: whole when every byte arrived; else error is
+  /// the errno of the read that failed, 0 at the end of the file.
+  void done(bool whole, int readError) {
+    if (!read.pending) return;
+    read.pending = false;
+    if (!whole) {
+      failedRead = true;
+      if (readError != 0) fileError = readError;
+    } else if (read.target == Target::Window) {
+      windowStart = pendingWindowStart;
+      windowLength = pendingWindowLength;
+    } else {
+      body.ready = true;
+    }
+    advance();
+  }
+
+  // --- What was found (valid once finished is set).
+  bool finished = false;
+  bool ok = false;
+  int error = 0;  // the system error that made the read fail; 0 for a file refused
+  CQTVideoConfiguration video;
+  uint16_t audioChannels = 0;
+  uint32_t soundTracks = 0;
+  bool hasTimecode = false;
+  uint32_t startFrame = 0;
+
+  Read read;
+
+ private:
+  enum class Phase { LocateMovie, MovieBody, Fragments, FragmentBody, TimecodeSample, Done };
+  enum class Header { Parsed, Refused, Wanted };
+
+  /// Runs until a read is wanted or the work is finished.
+  void advance() {
+    while (!read.pending && phase != Phase::Done) {
+      switch (phase) {
+        case Phase::LocateMovie:
+          locateStep();
+          break;
+        case Phase::MovieBody:
+          if (!bodyArrived()) return;
+          readMovie();
+          break;
+        case Phase::Fragments:
+          fragmentStep();
+          break;
+        case Phase::FragmentBody:
+          if (!bodyArrived()) return;
+          fragmentArrived();
+          break;
+        case Phase::TimecodeSample:
+          if (!bodyArrived()) return;
+          if (body.ready) {
+            BigEndianView(timecodeSample, 4).u32(0, startFrame);
+            hasTimecode = true;
+          }
+          succeed();
+          break;
+        case Phase::Done:
+          break;
+      }
+    }
+  }
+
+  void fail(int systemError) {
+    phase = Phase::Done;
+    finished = true;
+    ok = false;
+    error = systemError;
+  }
+  void succeed() {
+    phase = Phase::Done;
+    finished = true;
+    ok = true;
+  }
+
+  /// True once, after the read asked for last failed.
+  bool takeFailure() {
+    const bool failed = failedRead;
+    failedRead = false;
+    return failed;
+  }
+
+  // --- The window.
+
+  bool windowHolds(uint64_t offset, std::size_t length) const {
+    return offset >= windowStart && offset - windowStart <= windowLength &&
+           windowLength - static_cast<std::size_t>(offset - windowStart) >= length;
+  }
+
+  /// Asks for the window to be filled from offset; a header that begins in
+  /// the window keeps the bytes already there.
+  void fillWindow(uint64_t offset) {
+    std::size_t kept = 0;
+    if (offset >= windowStart && offset - windowStart < windowLength) {
+      const std::size_t at = static_cast<std::size_t>(offset - windowStart);
+      kept = windowLength - at;
+      std::memmove(window, window + at, kept);
+    }
+    const std::size_t want = static_cast<std::size_t>(std::min<uint64_t>(kHeaderWindow, fileSize - offset));
+    windowLength = 0;
+    pendingWindowStart = offset;
+    pendingWindowLength = want;
+    read.pending = true;
+    read.offset = offset + kept;
+    read.length = want - kept;
+    read.target = Target::Window;
+  }
+
+  /// The top-level atom whose header starts at offset. Refused at the end
+  /// of the file, for a header that is cut or whose read failed, a size
+  /// below its header, or a size (32- or 64-bit) that runs past the end of
+  /// the file; Wanted when the window must be filled first.
+  Header topLevelAtomAt(uint64_t offset, TopLevelAtom& atom) {
+    if (offset > fileSize || fileSize - offset < 8) return Header::Refused;
+    const std::size_t want = fileSize - offset >= 16 ? 16 : 8;
+    if (!windowHolds(offset, want)) {
+      if (takeFailure()) return Header::Refused;
+      fillWindow(offset);
+      return Header::Wanted;
+    }
+    const BigEndianView header(window + static_cast<std::size_t>(offset - windowStart), want);
+    uint32_t size32;
+    header.u32(0, size32);
+    header.u32(4, atom.type);
+    atom.offset = offset;
+    atom.size = size32;
+    atom.header = 8;
+    if (size32 == 1) {
+      if (!header.u64(8, atom.size)) return Header::Refused;
+      atom.header = 16;
+    } else if (size32 == 0) {
+      atom.size = fileSize - offset;
+    }
+    return atom.size >= atom.header && atom.size <= fileSize - offset ? Header::Parsed : Header::Refused;
+  }
+
+  // --- Bodies: the moov, a moof, the timecode sample. What the window holds
+  // of one is taken from it; only the rest is read.
+
+  struct Body {
+    uint64_t offset = 0;
+    std::size_t length = 0, held = 0;
+    Target target = Target::Movie;
+    unsigned char* data = nullptr;
+    bool taken = false;  // data holds it, with the window's part
+    bool ready = false;  // every byte is there
+  };
+
+  /// Starts on the body of length bytes at offset, for target.
+  void startBody(uint64_t offset, std::size_t length, Target target) {
+    body = Body();
+    body.offset = offset;
+    body.length = length;
+    body.target = target;
+    if (length > 0 && offset >= windowStart && offset - windowStart < windowLength)
+      body.held = std::min(length, windowLength - static_cast<std::size_t>(offset - windowStart));
+    if (body.held == length) {
+      if (!takeBody()) return fail(ENOMEM);
+      body.ready = true;
+      return;
+    }
+    read.pending = true;
+    read.offset = offset + body.held;
+    read.length = length - body.held;
+    read.target = target;
+  }
+
+  /// Gives the body its memory and the window's part of it; false when
+  /// there is no memory for it.
+  bool takeBody() {
+    if (body.taken) return true;
+    switch (body.target) {
+      case Target::Movie:
+      case Target::Fragment: {
+        std::vector<unsigned char>& storage = body.target == Target::Movie ? movie : fragment;
+        try {
+          storage.resize(body.length);
+        } catch (const std::bad_alloc&) {
+          return false;
+        }
+        body.data = storage.data();
+        break;
+      }
+      case Target::Timecode:
+        body.data = timecodeSample;
+        break;
+      case Target::Window:
+        return false;
+    }
+    if (body.held > 0)
+      std::memcpy(body.data, window + static_cast<std::size_t>(body.offset - windowStart), body.held);
+    body.taken = true;
+    return true;
+  }
+
+  /// True when the body's read has ended, well (body.ready) or not.
+  bool bodyArrived() {
+    if (body.ready) return true;
+    return takeFailure();
+  }
+
+  // --- The steps.
+
+  /// Walks the top-level atoms by their headers only and locates 'moov'.
+  void locateStep() {
+    if (locateCount >= kMaxTopLevelAtoms) return fail(fileError);
+    TopLevelAtom atom;
+    switch (topLevelAtomAt(locateOffset, atom)) {
+      case Header::Wanted:
+        return;
+      case Header::Refused:
+        return fail(fileError);
+      case Header::Parsed:
+        break;
+    }
+    if (atom.type == kMoov) {
+      const uint64_t moovSize = atom.size - atom.header;
+      if (moovSize > CQTStreaming::kMaxMovieAtomSize) return fail(0);
+      moovEnd = atom.offset + atom.size;
+      phase = Phase::MovieBody;
+      return startBody(atom.offset + atom.header, static_cast<std::size_t>(moovSize), Target::Movie);
+    }
+    locateOffset += atom.size;
+    ++locateCount;
+  }
+
+  /// The moov has arrived (or its read failed): one pass over the tracks,
+  /// the first video track, every sound track, the first timecode track.
+  void readMovie() {
+    if (!body.ready) return fail(fileError);
+    const BigEndianView moov(body.data, body.length);
+    ChildAtoms children(moov);
+    uint32_t type;
+    BigEndianView trak;
+    while (children.next(type, trak)) {
+      if (type == kTrak) {
+        const Track track = parseTrack(trak);
+        if (track.handler == kVide && !haveVideo) {
+          videoTrack = track;
+          haveVideo = true;
+        } else if (track.handler == kSoun) {
+          if (soundTracks == 0 || audioChannels == 0) audioChannels = channelsOf(track);
+          ++soundTracks;
+        } else if (track.handler == kTmcd && !haveTimecode) {
+          timecodeTrack = track;
+          haveTimecode = true;
+        }
+      }
+    }
+
+    // The video samples of the moov, then those of the fragments, if any.
+    fragments.videoDurations = DurationTally(videoTrack.timescale);
+    if (!haveVideo || !videoTrack.hasStts || !addTimeToSample(videoTrack.stts, fragments.videoDurations))
+      return fail(0);
+    timecodeInMovie = haveTimecode && firstTimecodeSample(timecodeTrack, timecodeOffset);
+    if (findChild(moov, kMvex, tracks.mvex)) {
+      tracks.videoId = videoTrack.trackId;
+      tracks.hasTimecode = haveTimecode && !timecodeInMovie;
+      tracks.timecodeId = timecodeTrack.trackId;
+      walkOffset = moovEnd;
+      phase = Phase::Fragments;
+      return;
+    }
+    finishTracks();
+  }
+
+  /// One step of the walk over the top-level atoms after the moov: every
+  /// 'moof' is read into fragments, within the caps; the walk ends quietly
+  /// at what is cut or malformed.
+  void fragmentStep() {
+    if (walkCount >= kMaxFragmentWalkAtoms || fragmentsRead >= CQTStreaming::kMaxFragments) return endWalk();
+    TopLevelAtom atom;
+    switch (topLevelAtomAt(walkOffset, atom)) {
+      case Header::Wanted:
+        return;
+      case Header::Refused:
+        return endWalk();
+      case Header::Parsed:
+        break;
+    }
+    walkOffset += atom.size;
+    if (atom.type != kMoof) {
+      ++walkCount;
+      return;
+    }
+    const uint64_t bodySize = atom.size - atom.header;
+    if (bodySize > CQTStreaming::kMaxFragmentAtomSize) return endWalk();
+    fragmentOffset = atom.offset;
+    phase = Phase::FragmentBody;
+    startBody(atom.offset + atom.header, static_cast<std::size_t>(bodySize), Target::Fragment);
+  }
+
+  void fragmentArrived() {
+    if (!body.ready) return endWalk();
+    phase = Phase::Fragments;
+    ++fragmentsRead;
+    if (!readFragment(BigEndianView(body.data, body.length), fragmentOffset, fileSize, tracks, fragments))
+      return endWalk();
+    ++walkCount;
+  }
+
+  /// The walk is over: a failed read of the system fails the movie.
+  void endWalk() {
+    if (fileError != 0) return fail(fileError);
+    finishTracks();
+  }
+
+  /// The video record from the tracks, then the timecode sample, if any.
+  void finishTracks() {
+    if (!readVideoTrack(videoTrack, fragments, video)) return fail(0);
+    if (!haveTimecode) return succeed();
+    BigEndianView entry;
+    uint32_t flags = 0;
+    if (timecodeTrack.hasStsd && firstSampleEntry(timecodeTrack.stsd, entry) && entry.u32(20, flags))
+      video.dropFrame = flags & 0x1u;
+    uint32_t timecodeSize = 4;
+    if (!timecodeInMovie && fragments.timecodeFound) {
+      timecodeOffset = fragments.timecodeOffset;
+      timecodeSize = fragments.timecodeSize;
+    }
+    if ((timecodeInMovie || fragments.timecodeFound) && timecodeSize >= 4 && timecodeOffset <= fileSize &&
+        fileSize - timecodeOffset >= 4) {
+      phase = Phase::TimecodeSample;
+      return startBody(timecodeOffset, 4, Target::Timecode);
+    }
+    succeed();
+  }
+
+  const uint64_t fileSize;
+  Phase phase = Phase::LocateMovie;
+  int fileError = 0;        // the errno of the last read that failed
+  bool failedRead = false;  // the read asked for last failed, not yet looked at
+
+  unsigned char window[kHeaderWindow];
+  uint64_t windowStart = 0;
+  std::size_t windowLength = 0;
+  uint64_t pendingWindowStart = 0;
+  std::size_t pendingWindowLength = 0;
+
+  Body body;
+  std::vector<unsigned char> movie, fragment;
+  unsigned char timecodeSample[4];
+
+  uint64_t locateOffset = 0;
+  unsigned locateCount = 0;
+  uint64_t moovEnd = 0;
+
+  bool haveVideo = false, haveTimecode = false, timecodeInMovie = false;
+  Track videoTrack, timecodeTrack;
+  uint64_t timecodeOffset = 0;
+
+  Fragments fragments;
+  FragmentTracks tracks;
+  uint64_t walkOffset = 0, fragmentOffset = 0;
+  unsigned walkCount = 0, fragmentsRead = 0;
+};
+
+CQTReadSequence::CQTReadSequence(uint64_t fileSize) : impl_(new (std::nothrow) Impl(fileSize)) {}
+
+CQTReadSequence::~CQTReadSequence() { delete impl_; }
+
+bool CQTReadSequence::NextRead(uint64_t& offset, std::size_t& length) const {
+  if (impl_ == nullptr || !impl_->read.pending) return false;
+  offset = impl_->read.offset;
+  length = impl_->read.length;
+  return true;
+}
+
+unsigned char* CQTReadSequence::ReadBuffer() { return impl_ ? impl_->buffer() : nullptr; }
+
+void CQTReadSequence::ReadDone(bool whole, int error) {
+  if (impl_) impl_->done(whole, error);
+}
+
+bool CQTReadSequence::Finished() const { return impl_ == nullptr || impl_->finished; }
 
 CQTAtomConfiguration::~CQTAtomConfiguration() = default;
 
@@ -809,99 +1112,28 @@ bool CQTStreaming::OpenForReading(const std::string& path) {
   openError_ = 0;
   File file(path, bytesRead_);
   uint64_t fileSize = 0;
-  TopLevelAtom moovAtom;
-  if (!file.usable(fileSize) || !locateMovie(file, fileSize, moovAtom)) {
+  if (!file.usable(fileSize)) {
     openError_ = file.error();
     return false;
   }
-  const uint64_t moovSize = moovAtom.size - moovAtom.header;
-  if (moovSize > kMaxMovieAtomSize) return false;
-
-  std::vector<unsigned char> movie;
-  try {
-    movie.resize(static_cast<std::size_t>(moovSize));
-  } catch (const std::bad_alloc&) {
-    openError_ = ENOMEM;
-    return false;
+  // The same work a CQTReadSequence hands out, its reads made here in turn.
+  CQTReadSequence::Impl movie(fileSize);
+  while (movie.read.pending) {
+    unsigned char* buffer = movie.buffer();
+    if (buffer == nullptr) break;
+    const int result = file.readAt(movie.read.offset, buffer, movie.read.length);
+    movie.done(result == 0, result > 0 ? result : 0);
   }
-  if (!file.readAt(moovAtom.offset + moovAtom.header, movie.data(), movie.size())) {
-    openError_ = file.error();
-    return false;
-  }
-  const BigEndianView moov(movie.data(), movie.size());
-
-  // One pass over the tracks: the first video track, every sound track,
-  // the first timecode track.
-  bool haveVideo = false, haveTimecode = false;
-  Track videoTrack, timecodeTrack;
-  uint32_t soundTracks = 0;
-  ChildAtoms children(moov);
-  uint32_t type;
-  BigEndianView trak;
-  while (children.next(type, trak)) {
-    if (type == kTrak) {
-      const Track track = parseTrack(trak);
-      if (track.handler == kVide && !haveVideo) {
-        videoTrack = track;
-        haveVideo = true;
-      } else if (track.handler == kSoun) {
-        if (soundTracks == 0 || audioChannels_ == 0) audioChannels_ = channelsOf(track);
-        ++soundTracks;
-      } else if (track.handler == kTmcd && !haveTimecode) {
-        timecodeTrack = track;
-        haveTimecode = true;
-      }
-    }
-  }
-
-  // The video samples of the moov, then those of the fragments, if any.
-  Fragments fragments;
-  fragments.videoDurations = DurationTally(videoTrack.timescale);
-  if (!haveVideo || !videoTrack.hasStts || !addTimeToSample(videoTrack.stts, fragments.videoDurations)) {
+  if (!movie.ok) {
     Reset();
+    openError_ = movie.error;
     return false;
   }
-  uint64_t timecodeOffset = 0;
-  uint32_t timecodeSize = 4;
-  bool timecodeInMovie = haveTimecode && firstTimecodeSample(timecodeTrack, timecodeOffset);
-  FragmentTracks tracks;
-  if (findChild(moov, kMvex, tracks.mvex)) {
-    tracks.videoId = videoTrack.trackId;
-    tracks.hasTimecode = haveTimecode && !timecodeInMovie;
-    tracks.timecodeId = timecodeTrack.trackId;
-    int error = 0;
-    if (!walkFragments(file, fileSize, moovAtom.offset + moovAtom.size, tracks, fragments, error)) {
-      Reset();
-      openError_ = error;
-      return false;
-    }
-  }
-
-  CQTVideoConfiguration video;
-  if (!readVideoTrack(videoTrack, fragments, video)) {
-    Reset();
-    return false;
-  }
-
-  if (haveTimecode) {
-    BigEndianView entry;
-    uint32_t flags = 0;
-    if (timecodeTrack.hasStsd && firstSampleEntry(timecodeTrack.stsd, entry) && entry.u32(20, flags))
-      video.dropFrame = flags & 0x1u;
-    if (!timecodeInMovie && fragments.timecodeFound) {
-      timecodeOffset = fragments.timecodeOffset;
-      timecodeSize = fragments.timecodeSize;
-    }
-    unsigned char sample[4];
-    if ((timecodeInMovie || fragments.timecodeFound) && timecodeSize >= 4 && timecodeOffset <= fileSize &&
-        fileSize - timecodeOffset >= 4 && file.readAt(timecodeOffset, sample, 4)) {
-      BigEndianView(sample, 4).u32(0, startFrame_);
-      hasTimecode_ = true;
-    }
-  }
-
-  video_ = video;
-  audioTrackCount = soundTracks > UINT16_MAX ? UINT16_MAX : static_cast<uint16_t>(soundTracks);
+  video_ = movie.video;
+  audioChannels_ = movie.audioChannels;
+  hasTimecode_ = movie.hasTimecode;
+  startFrame_ = movie.startFrame;
+  audioTrackCount = movie.soundTracks > UINT16_MAX ? UINT16_MAX : static_cast<uint16_t>(movie.soundTracks);
   open_ = true;
   return true;
 }

@@ -63,6 +63,44 @@ class CQTAudioConfiguration : public CQTAtomConfiguration {
   uint16_t audioChannelsPerTrack;  // channels of the first audio track; 0 when there is none
 };
 
+/// The reads CQTStreaming::OpenForReading makes of a movie file, handed to
+/// a caller that makes them itself: to read ahead for many files at once,
+/// for example, so that OpenForReading later finds every byte it needs in
+/// the page cache. The reads come one at a time, in OpenForReading's order,
+/// each chosen from what the ones before it gave; for a file of fileSize
+/// bytes they are exactly the reads OpenForReading would make of it, and
+/// they end where OpenForReading would have the movie or refuse it.
+///
+/// Memory: the sequence holds the 'moov' atom (kMaxMovieAtomSize at most),
+/// one 'moof' atom and a few hundred bytes; a read's buffer is allocated
+/// only when ReadBuffer is called, so a caller may look at a read's length
+/// first and give up on the file.
+class CQTReadSequence {
+ public:
+  explicit CQTReadSequence(uint64_t fileSize);
+  ~CQTReadSequence();
+  CQTReadSequence(const CQTReadSequence&) = delete;
+  CQTReadSequence& operator=(const CQTReadSequence&) = delete;
+
+  /// The next read: length bytes (at least one) at offset. False when no
+  /// read is wanted any more (Finished) or there was no memory to start.
+  bool NextRead(uint64_t& offset, std::size_t& length) const;
+  /// Where the next read's bytes go: length bytes owned by the sequence,
+  /// valid until ReadDone. Null when there is no memory for them; the
+  /// sequence is then finished.
+  unsigned char* ReadBuffer();
+  /// The next read is done: whole when all its bytes arrived; else error is
+  /// the errno of the read that failed, 0 when the file ended first.
+  void ReadDone(bool whole, int error);
+  /// True when no read is wanted any more: the movie has been read or refused.
+  bool Finished() const;
+
+ private:
+  friend class CQTStreaming;
+  struct Impl;
+  Impl* impl_;
+};
+
 /// Reads the parameters of one QuickTime movie file, then closes it again;
 /// the queries answer from what was read. OpenForReading reads, in this
 /// order, only these byte ranges, never the media data ('mdat'):

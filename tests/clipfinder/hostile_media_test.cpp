@@ -227,14 +227,8 @@ TEST(HostileMedia, DescriptorExhaustionAbandonsTheScanAndKeepsTheCatalogue) {
       finder.findClips(true, false, true);  // the cache is open before the limit
       if (std::freopen(said.c_str(), "w", stderr) == nullptr) return 13;
       std::setvbuf(stderr, nullptr, _IONBF, 0);  // as standard error always is
-      const int lowest = dup(0);
-      if (lowest < 0) return 10;
-      close(lowest);
       // spare 0: not even the directory opens; 1: the directory and nothing else.
-      struct rlimit rl;
-      if (getrlimit(RLIMIT_NOFILE, &rl) != 0) return 11;
-      rl.rlim_cur = static_cast<rlim_t>(lowest + spare);
-      if (setrlimit(RLIMIT_NOFILE, &rl) != 0) return 12;
+      if (!vorta_test::limitDescriptors(spare)) return 12;
       if (finder.scanMedia(medium.media.path()) != -1) return 1;
       if (params.busyWrites() != std::vector<uint32_t>{1, 2}) return 2;
       return 0;

@@ -152,6 +152,14 @@ inline std::string build(const Movie& m) {
   return ftyp + moovFor(ftyp.size() + moovSize + 8) + atom("wide", "") + mdat;
 }
 
+/// A built movie with a 'free' atom of gap body bytes just before its moov,
+/// which moves a moov at the end out of a reader's first window (the chunk
+/// offsets, into the media data before it, stay right).
+inline std::string gapBeforeMoov(std::string movie, std::size_t gap) {
+  movie.insert(movie.find("moov") - 4, atom("free", zeros(gap)));
+  return movie;
+}
+
 /// The time-to-sample entries of frames at num/den frames a second on a
 /// clock of timescale, each time stamp rounded to the nearest tick.
 inline std::vector<std::pair<uint32_t, uint32_t>> roundedDurations(uint32_t timescale, uint64_t num,

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -147,6 +148,16 @@ int inChild(const std::function<int()>& body, double seconds) {
     }
     usleep(2000);
   }
+}
+
+bool limitDescriptors(int spare) {
+  const int lowest = dup(0);
+  if (lowest < 0) return false;
+  close(lowest);
+  struct rlimit rl;
+  if (getrlimit(RLIMIT_NOFILE, &rl) != 0) return false;
+  rl.rlim_cur = static_cast<rlim_t>(lowest + spare);
+  return setrlimit(RLIMIT_NOFILE, &rl) == 0;
 }
 
 }  // namespace vorta_test

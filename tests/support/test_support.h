@@ -57,4 +57,9 @@ int inChild(const std::function<int()>& body, double seconds = 0);
 /// buffered) would otherwise be written by both processes.
 pid_t forkFlushed();
 
+/// Lowers the soft RLIMIT_NOFILE so that exactly `spare` more descriptors
+/// can be opened (descriptors are numbered from the lowest free one). False
+/// when the limit could not be set.
+bool limitDescriptors(int spare);
+
 }  // namespace vorta_test

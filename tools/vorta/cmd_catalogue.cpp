@@ -35,10 +35,9 @@ using zev::media::MediaCache;
 
 std::string clipName(const Clip& clip) { return std::string(clip.name, strnlen(clip.name, Clip::kNameSize)); }
 
-std::string attribute(Clip& clip, const std::string& key) {
-  const auto map = clip.attributes.getAttributesMap();
-  const auto it = map.find(key);
-  return it == map.end() ? "" : it->second;
+std::string attribute(const std::map<std::string, std::string>& attributes, const std::string& key) {
+  const auto it = attributes.find(key);
+  return it == attributes.end() ? "" : it->second;
 }
 
 // Why a clip is not playable in the given codec mode, or "" when it is.
@@ -85,16 +84,16 @@ Rows catalogueRows(MediaCache& cache, std::list<Clip>& clips, unsigned encodeTyp
     const bool nameOnly = clip.fourCC[0] == '\0';  // taken by name only
     std::string why = whyNotPlayable(cache, clip, encodeType);
     if (why.empty() && unplayable(clip)) why = "marked unplayable at intake";
-    std::vector<std::pair<std::string, std::string>> attributes;
-    for (const auto& pair : clip.attributes.getAttributesMap()) attributes.push_back(pair);
+    const std::map<std::string, std::string> map = clip.attributes.getAttributesMap();
+    const std::vector<std::pair<std::string, std::string>> attributes(map.begin(), map.end());
     const Picture picture{fourCCOf(clip),
                           clip.width,
                           clip.height,
                           clip.frameRate,
                           clip.scanMode,
                           clip.videoLength,
-                          text(attribute(clip, zev::media::MediaAudioChannels)),
-                          text(attribute(clip, zev::media::MediaStartingTimecode))};
+                          text(attribute(map, zev::media::MediaAudioChannels)),
+                          text(attribute(map, zev::media::MediaStartingTimecode))};
     rows.add(join(join({text(clipName(clip)), nameOnly ? none("-") : text(isoTime(clip.modTime))},
                        pictureValues(picture, [nameOnly](Value v) { return nameOnly ? v.shows("-") : v; })),
                   {flag(!unplayable(clip)), why.empty() ? absent() : text(why), pairs(attributes)}));
@@ -289,8 +288,14 @@ int runScan(Invocation& in) {
                   catalogueName(in) + " --" + kind + " " + std::to_string(need) + "' and scan again");
   }
 
-  std::list<Clip> clips = session.finder().findClips(true, false, true);
-  const std::map<std::string, PlaylistCacheEntry> playlists = session.cache().GetPlaylists();
+  // Every clip as stored, in catalogue order (what findClips(true, false,
+  // true) gives, without its second copy of a catalogue of megabytes).
+  std::list<Clip> clips = session.cache().GetClips();
+  // The stored playlists with "All Clips" built from those clips: what
+  // GetPlaylists gives, without reading the catalogue a second time.
+  std::map<std::string, PlaylistCacheEntry> playlists;
+  session.cache().addAllClipsPlaylistToPlaylistCache(playlists, clips);
+  session.cache().ReadPlaylistCacheFromSharedMemory(playlists);
   // What was taken, by name, and each file left out with its reason.
   std::set<std::string> taken;
   for (const Clip& clip : clips) taken.insert(clipName(clip));
@@ -328,17 +333,20 @@ int runScan(Invocation& in) {
                    : text(path)});
   }
   const Rows catalogue = catalogueRows(session.cache(), clips, encodeType);
+  // The JSON document is built only when it is printed: for a full medium
+  // it costs as much as the table.
   JsonObject json;
-  json.set("directory", text(dir))
-      .set("encodeType", integer(encodeType))
-      .set("files", integer(static_cast<long long>(names.size())))
-      .set("accepted", integer(static_cast<long long>(accepted)))
-      .set("leftOut", leftOut)
-      .set("clips", catalogue)
-      .set("playlists", playlistRows)
-      .set("allClips", std::move(JsonObject()
-                                     .set("built", flag(allClips.empty()))
-                                     .set("reason", allClips.empty() ? absent() : text(allClips))));
+  if (formatOf(in) == Format::Json)
+    json.set("directory", text(dir))
+        .set("encodeType", integer(encodeType))
+        .set("files", integer(static_cast<long long>(names.size())))
+        .set("accepted", integer(static_cast<long long>(accepted)))
+        .set("leftOut", leftOut)
+        .set("clips", catalogue)
+        .set("playlists", playlistRows)
+        .set("allClips", std::move(JsonObject()
+                                       .set("built", flag(allClips.empty()))
+                                       .set("reason", allClips.empty() ? absent() : text(allClips))));
   printCatalogue(in, catalogue, encodeType, &json);
   if (formatOf(in) != Format::Text) return 0;
   const std::size_t width = terminalWidth();

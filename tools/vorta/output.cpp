@@ -72,6 +72,7 @@ void escapeByte(std::string& out, unsigned char c) {
 // Terminal columns a code point of shown text takes: 0 for combining marks
 // and zero-width characters, 2 for the wide East Asian ranges and emoji.
 std::size_t columnsOf(char32_t c) {
+  if (c < 0x300) return 1;  // every range below starts above Latin
   if ((c >= 0x300 && c <= 0x36F) || (c >= 0x1AB0 && c <= 0x1AFF) || (c >= 0x1DC0 && c <= 0x1DFF) ||
       (c >= 0x20D0 && c <= 0x20FF) || (c >= 0xFE20 && c <= 0xFE2F) || (c >= 0x200B && c <= 0x200D) ||
       c == 0xFEFF)
@@ -96,18 +97,23 @@ std::vector<std::pair<std::string, std::size_t>> glyphs(const std::string& text)
   return out;
 }
 
+// The columns shown text takes: the sum of its glyphs' widths, counted
+// without taking the glyphs apart (a table measures every cell).
 std::size_t widthOf(const std::string& text) {
   std::size_t width = 0;
-  for (const auto& glyph : glyphs(text)) width += glyph.second;
+  for (std::size_t i = 0; i < text.size();) {
+    char32_t point = 0;
+    const std::size_t length = std::max<std::size_t>(sequenceAt(text, i, point), 1);
+    width += columnsOf(point);
+    i += length;
+  }
   return width;
 }
 
 // text cut to width columns: "...", at the end or in the middle.
 std::string cut(const std::string& text, std::size_t width, Column::Fit fit) {
+  if (fit == Column::Keep || widthOf(text) <= width) return text;
   const auto all = glyphs(text);
-  std::size_t total = 0;
-  for (const auto& glyph : all) total += glyph.second;
-  if (total <= width || fit == Column::Keep) return text;
   const std::size_t room = width > 3 ? width - 3 : 0;
   const std::size_t headRoom = fit == Column::End ? room : (room + 1) / 2;
   std::string head, tail;
