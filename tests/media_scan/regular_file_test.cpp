@@ -23,7 +23,7 @@ TEST(RegularFile, ARegularFileOpensBlockingAndCloseOnExec) {
   const std::string path = dir.file("f");
   vorta_test::writeFile(path, "12345");
   struct stat64 info {};
-  const int fd = openRegularFile(path.c_str(), O_RDONLY, 0, &info);
+  const int fd = openRegularFile(path.c_str(), O_RDONLY, 0, &info).release();
   ASSERT_GE(fd, 0);
   EXPECT_EQ(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
   EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
@@ -31,7 +31,7 @@ TEST(RegularFile, ARegularFileOpensBlockingAndCloseOnExec) {
   EXPECT_TRUE(S_ISREG(info.st_mode));
   ::close(fd);
   // Created with the mode given, when asked to create.
-  const int created = openRegularFile(dir.file("new").c_str(), O_WRONLY | O_CREAT, 0600);
+  const int created = openRegularFile(dir.file("new").c_str(), O_WRONLY | O_CREAT, 0600).release();
   ASSERT_GE(created, 0);
   ::close(created);
   struct stat status;
@@ -54,7 +54,7 @@ TEST(RegularFile, OtherFilesAreRefusedWithTheirReason) {
   } const cases[] = {{dir.file("missing"), ENOENT}, {dir.path(), EISDIR}, {dir.file("fifo"), EINVAL}};
   for (const auto& c : cases) {
     errno = 0;
-    EXPECT_EQ(openRegularFile(c.path.c_str(), O_RDONLY), -1) << c.path;
+    EXPECT_EQ(openRegularFile(c.path.c_str(), O_RDONLY).get(), -1) << c.path;
     EXPECT_EQ(errno, c.error) << c.path;
   }
   const int after = open("/dev/null", O_RDONLY);
