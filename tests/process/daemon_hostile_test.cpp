@@ -102,3 +102,33 @@ TEST(DaemonizerHostile, NoDescriptorLeftSkipsThePidFile) {
   EXPECT_FALSE(fileExists(path));
   unlink(path.c_str());
 }
+
+// When the pid file's stream cannot be made (no memory for it), the file is
+// left empty and its descriptor is closed, not leaked.
+TEST(DaemonizerHostile, PidFileWithoutAStreamIsClosed) {
+  if (!canWritePidFiles()) GTEST_SKIP() << "needs write access to /var/run";
+  if (!vorta_test::allocationFailureAvailable()) GTEST_SKIP() << "allocations cannot be made to fail here";
+  const std::string name = vorta_test::uniqueName("vorta_pidnostream");
+  const std::string path = "/var/run/" + name + ".pid";
+  const pid_t pid = forkChild([&] {
+    program_invocation_short_name = strdup(name.c_str());
+    // A first set-up loads what set-up loads once; the second one, with a
+    // short daemon name, allocates nothing but the pid file's stream.
+    Daemonizer::setupSignalHandler("d", nullptr, nullptr, true);
+    const int before = dup(0);
+    close(before);
+    {
+      vorta_test::FailAlloc failing;
+      Daemonizer::setupSignalHandler("d", nullptr, nullptr, true);
+      if (vorta_test::FailAlloc::failures() == 0) _exit(20);
+    }
+    const int after = dup(0);
+    close(after);
+    _exit(after == before ? 0 : 21);
+  });
+  const int status = waitForExit(pid, patience());
+  ASSERT_TRUE(WIFEXITED(status)) << status;
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "20: nothing failed; 21: a descriptor left open";
+  EXPECT_EQ(vorta_test::readFile(path), "");
+  unlink(path.c_str());
+}

@@ -9,22 +9,27 @@
 #include <limits.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <string>
 
 #include "child_process.h"
+#include "fail_alloc.h"
 #include "test_support.h"
 
-// The C library's chdir, failing on request: this binary's definition comes
-// before the C library's for the daemon code's call too.
+// The C library's chdir and backtrace, failing on request: this binary's
+// definitions come before the C library's for the daemon code's calls too.
 namespace {
 volatile int gFailChdir = 0;
+// backtrace aborts, as an unwinder that cannot read a signal frame does.
+volatile int gAbortBacktrace = 0;
 }  // namespace
 
 extern "C" int chdir(const char* path) {
@@ -34,6 +39,12 @@ extern "C" int chdir(const char* path) {
   }
   static const auto real = reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "chdir"));
   return real(path);
+}
+
+extern "C" int backtrace(void** buffer, int size) {
+  if (gAbortBacktrace != 0) abort();
+  static const auto real = reinterpret_cast<int (*)(void**, int)>(dlsym(RTLD_NEXT, "backtrace"));
+  return real(buffer, size);
 }
 
 namespace {
@@ -361,6 +372,127 @@ TEST(Daemonizer, SigsegvWritesBacktraceAndExitsWithMinus99) {
   EXPECT_EQ(trace.back(), '\n');
 }
 
+// Calls itself depth times (each frame kept: the sum is taken after the
+// call), then crashes.
+__attribute__((noinline)) int crashAtDepth(int depth) {
+  volatile int here = depth;
+  if (depth == 0) {
+    raise(SIGSEGV);
+    return 0;
+  }
+  return crashAtDepth(depth - 1) + here;
+}
+
+// A crash deeper than 1024 calls writes the innermost 1024 frames, one line each.
+TEST(Daemonizer, CrashTraceHoldsAtMost1024Frames) {
+  DaemonChild child(uniqueName("no-such-dir") + "/deep");
+  child.start([] {
+    Daemonizer::setupSignalHandler("deep", nullptr, nullptr, true);
+    report("ready");
+    crashAtDepth(1100);
+    report("survived");
+  });
+  EXPECT_EQ(child.line(), "ready");
+  EXPECT_EQ(child.rest(), "");
+  const int status = child.wait();
+  ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
+  EXPECT_EQ(WEXITSTATUS(status), 157);
+  const std::string trace = child.out();
+  if (trace.empty() && vorta_test::underEmulation()) {
+    std::cout << "note: no back-trace under emulation (its signal frames cannot be unwound)\n";
+    return;
+  }
+  EXPECT_EQ(std::count(trace.begin(), trace.end(), '\n'), 1024);
+}
+
+// The back-trace of a crash needs no heap: the unwinder was loaded at
+// set-up, so a crash where allocation fails still gets its trace.
+TEST(Daemonizer, CrashTraceIsTakenWithoutTheHeap) {
+  if (!vorta_test::allocationFailureAvailable()) GTEST_SKIP() << "allocations cannot be made to fail here";
+  DaemonChild child(uniqueName("no-such-dir") + "/noheap");
+  child.start([] {
+    Daemonizer::setupSignalHandler("noheap", nullptr, nullptr, true);
+    report("ready");
+    vorta_test::FailAlloc noHeap;
+    raise(SIGSEGV);
+  });
+  EXPECT_EQ(child.line(), "ready");
+  EXPECT_EQ(child.rest(), "");
+  const int status = child.wait();
+  ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
+  EXPECT_EQ(WEXITSTATUS(status), 157);
+  const std::string trace = child.out();
+  if (trace.empty() && vorta_test::underEmulation()) {
+    std::cout << "note: no back-trace under emulation (its signal frames cannot be unwound)\n";
+    return;
+  }
+  EXPECT_NE(trace.find("[0x"), std::string::npos) << trace;
+}
+
+// When taking the back-trace aborts (an unwinder that cannot read the
+// signal frame gives up so), the crash still removes the pid file and ends
+// with status -99.
+TEST(Daemonizer, AbortWhileTakingTheCrashTraceStillEndsWithMinus99) {
+  REQUIRE_PID_FILES();
+  DaemonChild child(uniqueName("unwound"));
+  child.start([] {
+    Daemonizer::setupSignalHandler("unwound", onTermination, nullptr, true);
+    gAbortBacktrace = 1;
+    report("ready");
+    awaitGo();
+    raise(SIGSEGV);
+    report("survived");
+  });
+  EXPECT_EQ(child.line(), "ready");
+  EXPECT_TRUE(fileExists(child.pidfile()));
+  child.go();
+  EXPECT_EQ(child.rest(), "");
+  const int status = child.wait();
+  ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
+  EXPECT_EQ(WEXITSTATUS(status), 157);
+  EXPECT_FALSE(fileExists(child.pidfile()));
+  EXPECT_EQ(child.out(), "");
+  EXPECT_EQ(child.err(), "");
+}
+
+// A termination hook that leaves errno at EINTR does not keep the handler
+// writing: the shutdown line is written once and the handler returns.
+void leaveEintr(int) { errno = EINTR; }
+
+TEST(Daemonizer, HookLeavingEintrDoesNotHoldUpTheShutdownLine) {
+  DaemonChild child(uniqueName("no-such-dir") + "/eintr");
+  child.start([] {
+    Daemonizer::setupSignalHandler("eintr", leaveEintr, nullptr, true);
+    report("ready");
+    Daemonizer::sleepUntilKilled();
+    report("killed " + std::to_string(Daemonizer::killed));
+  });
+  ASSERT_EQ(child.line(), "ready");
+  ASSERT_EQ(kill(child.pid(), SIGTERM), 0);
+  EXPECT_EQ(child.line(), "killed 1");
+  const pid_t pid = child.pid();
+  EXPECT_EQ(child.wait(), 0);
+  EXPECT_EQ(child.err(), receivedLine("eintr", SIGTERM, pid));
+}
+
+// With standard input closed the pid file takes descriptor 0, and is
+// written all the same.
+TEST(Daemonizer, PidFileOnDescriptorZeroIsWritten) {
+  REQUIRE_PID_FILES();
+  DaemonChild child(uniqueName("nostdin"));
+  child.start([] {
+    ::close(STDIN_FILENO);
+    Daemonizer::setupSignalHandler("nostdin", nullptr, nullptr, true);
+    report("ready");
+    awaitGo();
+    unlink(Daemonizer::pidfile);
+  });
+  ASSERT_EQ(child.line(), "ready");
+  EXPECT_EQ(readFile(child.pidfile()), std::to_string(child.pid()) + "\n");
+  child.go();
+  EXPECT_EQ(child.wait(), 0);
+}
+
 // A pid file that cannot be opened is skipped; the handlers work all the same.
 TEST(Daemonizer, UnopenablePidFileIsSkipped) {
   const std::string shortName = uniqueName("no-such-dir") + "/daemon";
@@ -401,8 +533,10 @@ TEST(Daemonizer, PidFilePathIsCutTo127Characters) {
 TEST(Daemonizer, SetupStoresHooksAndResetsKilled) {
   DaemonChild child(uniqueName("no-such-dir") + "/setup");
   child.start([] {
-    // Before any set-up: not killed, no frames.
-    report("before " + std::to_string(Daemonizer::killed) + " " + std::to_string(Daemonizer::size));
+    // Before any set-up: not killed, no frames, no hooks, the pid file not kept.
+    report("before " + std::to_string(Daemonizer::killed) + " " + std::to_string(Daemonizer::size) +
+           " hooks " + yesNo(Daemonizer::_handleTermOrKillSignal != nullptr) +
+           yesNo(Daemonizer::_getStatus != nullptr) + " keep " + yesNo(Daemonizer::_hasCleanupAfterKilled));
     Daemonizer::killed = 5;
     Daemonizer::setupSignalHandler("setup", onTermination, onStatus, true);
     report("killed " + std::to_string(Daemonizer::killed) + " name [" + Daemonizer::name + "] hooks " +
@@ -410,7 +544,8 @@ TEST(Daemonizer, SetupStoresHooksAndResetsKilled) {
            yesNo(Daemonizer::_getStatus == onStatus) + " keep " + yesNo(Daemonizer::_hasCleanupAfterKilled) +
            " frames " + std::to_string(Daemonizer::size));
   });
-  EXPECT_EQ(child.rest(), "before 0 0\nkilled 0 name [setup: ] hooks yesyes keep yes frames 0\n");
+  EXPECT_EQ(child.rest(),
+            "before 0 0 hooks nono keep no\nkilled 0 name [setup: ] hooks yesyes keep yes frames 0\n");
   EXPECT_EQ(child.wait(), 0);
 }
 
@@ -441,11 +576,17 @@ TEST(Daemonizer, DaemonizeDetachesIntoANewSession) {
     char out[PATH_MAX] = "";
     const ssize_t m = readlink("/proc/self/fd/1", out, sizeof out - 1);
     if (m > 0) out[m] = '\0';
-    // Standard error is the console or /dev/null, never left closed.
-    const bool errOpen = fcntl(STDERR_FILENO, F_GETFD) != -1;
+    // Standard error is the console when it can be opened, else /dev/null.
+    const char* errOn = "closed";
+    struct stat err, device;
+    if (fstat(STDERR_FILENO, &err) == 0 && S_ISCHR(err.st_mode)) {
+      if (stat("/dev/console", &device) == 0 && device.st_rdev == err.st_rdev)
+        errOn = "console";
+      else if (stat("/dev/null", &device) == 0 && device.st_rdev == err.st_rdev)
+        errOn = "null";
+    }
     report(std::to_string(getpid()) + " " + std::to_string(getsid(0)) + " " + cwd + " " +
-           std::to_string(mask) + " " + in + " " + Daemonizer::pidfile + " " + out + " " +
-           (errOpen ? "err" : "noerr"));
+           std::to_string(mask) + " " + in + " " + Daemonizer::pidfile + " " + out + " " + errOn);
     Daemonizer::sleepUntilKilled();
     report("killed " + std::to_string(Daemonizer::killed) + " pidfile " +
            yesNo(access(Daemonizer::pidfile, F_OK) == 0));
@@ -471,16 +612,23 @@ TEST(Daemonizer, DaemonizeDetachesIntoANewSession) {
   EXPECT_NE(daemonPid, child.pid());
   EXPECT_NE(session, testSession);
   EXPECT_NE(session, daemonPid);  // not the session leader: cannot take a terminal
+  // The caller's process left at the first fork: a child of it made the session.
+  EXPECT_NE(session, child.pid());
   EXPECT_STREQ(cwd, "/tmp");
   EXPECT_EQ(mask, 0);
   EXPECT_STREQ(in, "/dev/null");
   EXPECT_STREQ(out, "/dev/null");
-  EXPECT_STREQ(err, "err");
+  const int console = open("/dev/console", O_WRONLY | O_NOCTTY);
+  if (console >= 0) close(console);
+  EXPECT_STREQ(err, console >= 0 ? "console" : "null");
   // Nothing failed on the way, so nothing was said on the standard error it had.
   EXPECT_EQ(child.err(), "");
   EXPECT_EQ(pidfile, child.pidfile());
   if (canWritePidFiles()) {
     EXPECT_EQ(readFile(child.pidfile()), std::to_string(daemonPid) + "\n");
+    struct stat info;
+    ASSERT_EQ(stat(child.pidfile().c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0666u);  // created with 0666 under the daemon's mask 0
   }
 
   ASSERT_EQ(kill(static_cast<pid_t>(daemonPid), SIGTERM), 0);
@@ -493,7 +641,35 @@ TEST(Daemonizer, DaemonizeDetachesIntoANewSession) {
     const int daemonStatus = waitForExit(static_cast<pid_t>(daemonPid), patience());
     ASSERT_TRUE(WIFEXITED(daemonStatus));
     EXPECT_EQ(WEXITSTATUS(daemonStatus), 0);
+    // The session's leader, the daemon's parent, also left with status 0.
+    const int leaderStatus = waitForExit(static_cast<pid_t>(session), patience());
+    ASSERT_TRUE(WIFEXITED(leaderStatus)) << leaderStatus;
+    EXPECT_EQ(WEXITSTATUS(leaderStatus), 0);
   }
+}
+
+// When fork fails, each failure is reported with the daemon's name, and the
+// daemon runs on in the calling process. Fork is made to fail by a process
+// limit of 0 on a user id of its own (no privilege to go past it).
+TEST(Daemonizer, AFailedForkIsReportedAndTheDaemonRunsInTheCaller) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to take a user id of its own";
+  DaemonChild child(uniqueName("nofork"));
+  child.start([] {
+    const uid_t unused = 3000000000u + static_cast<uid_t>(getpid() % 100000);
+    struct rlimit none = {0, 0};
+    if (setrlimit(RLIMIT_NPROC, &none) != 0 || setgid(unused) != 0 || setuid(unused) != 0) {
+      report("no user id of its own");
+      return;
+    }
+    Daemonizer::daemonize("nofork", nullptr, nullptr, true);
+    report(std::to_string(getpid()));
+  });
+  const std::string line = child.line();
+  EXPECT_EQ(line, std::to_string(child.pid()));
+  EXPECT_EQ(child.wait(), 0);
+  EXPECT_EQ(child.err(),
+            "nofork: fork: Resource temporarily unavailable\n"
+            "nofork: fork: Resource temporarily unavailable\n");
 }
 
 }  // namespace

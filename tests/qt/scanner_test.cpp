@@ -176,6 +176,103 @@ TEST_F(QtScannerBuilt, FieldDetailsNineAndFourteenAreInterlaced) {
   EXPECT_EQ(p->attributes.getAttributesMap()["Format"], "1920x1080i25");
 }
 
+// 24 fps with fields is psf like 23.976; both count their time code at 24.
+TEST_F(QtScannerBuilt, Rate24InterlacedIsPsfAndCountsAt24) {
+  movbuild::Movie m = movie(24, 1, 2, 1);
+  m.timecode = true;
+  m.startFrame = 86400 + 24 * 61 + 5;  // 01:01:01:05 at 24 fps
+  auto p = scanBuilt(m);
+  ASSERT_TRUE(p->FileIsValid());
+  auto map = p->attributes.getAttributesMap();
+  EXPECT_EQ(map["Format"], "1920x1080psf24");
+  EXPECT_EQ(map["Starting TC"], "01:01:01:05");
+  m = movie(24000, 1001, 2, 1);
+  m.timecode = true;
+  m.startFrame = 86400;
+  map = scanBuilt(m)->attributes.getAttributesMap();
+  EXPECT_EQ(map["Format"], "1920x1080psf23.98");
+  EXPECT_EQ(map["Starting TC"], "01:00:00:00");
+}
+
+// The rates just outside the table's (22.5 below 23, 31 above 30) count
+// their time code in the unknown format, at 30 a second without drop frames
+// even when the movie's time code says drop frame; 30 itself honours it.
+TEST_F(QtScannerBuilt, RatesBesideTheTableHaveUnknownTimecodeFormat) {
+  movbuild::Movie m = movie(45, 2, 2, 1);  // 22.5 fps, interlaced
+  m.timecode = true;
+  m.startFrame = 100;
+  auto p = scanBuilt(m);
+  ASSERT_TRUE(p->FileIsValid());
+  auto map = p->attributes.getAttributesMap();
+  EXPECT_EQ(map["Format"], "1920x1080i22.50");
+  EXPECT_EQ(map["Starting TC"], "00:00:03:10");
+
+  m = movie(31, 1);
+  m.timecode = true;
+  m.timecodeFlags = 0x1;
+  m.startFrame = 107892;
+  map = scanBuilt(m)->attributes.getAttributesMap();
+  EXPECT_EQ(map["Format"], "1920x1080p31");
+  EXPECT_EQ(map["Starting TC"], "00:59:56:12");
+
+  m.timescale = 30;
+  map = scanBuilt(m)->attributes.getAttributesMap();
+  EXPECT_EQ(map["Format"], "1920x1080p30");
+  EXPECT_EQ(map["Starting TC"], "01:00:00;00");
+  m.timecodeFlags = 0;
+  EXPECT_EQ(scanBuilt(m)->attributes.getAttributesMap()["Starting TC"], "00:59:56:12");
+}
+
+// A rate past the range of an int (here 2^32 - 1 frames a second) is kept
+// as read, printed with two places, and counts its time code as unknown.
+TEST_F(QtScannerBuilt, RatePastTheIntRangeIsPrintedWithTwoPlaces) {
+  movbuild::Movie m = movie(4294967295u, 1, 2, 1);
+  m.timecode = true;
+  m.startFrame = 100;
+  auto p = scanBuilt(m);
+  ASSERT_TRUE(p->FileIsValid());
+  EXPECT_DOUBLE_EQ(p->frameRate, 4294967295.0);
+  auto map = p->attributes.getAttributesMap();
+  EXPECT_EQ(map["Format"], "1920x1080i4294967295.00");
+  EXPECT_EQ(map["Starting TC"], "00:00:03:10");
+}
+
+// readError is for failures of the system: a scanned file, and a file
+// refused for its codec, leave it 0.
+TEST_F(QtScannerBuilt, ReadErrorStaysZeroWhenTheFileWasRead) {
+  auto p = scanBuilt(movie(25, 1));
+  ASSERT_TRUE(p->FileIsValid());
+  EXPECT_EQ(static_cast<CZEVQTFileParams&>(*p).readError, 0);
+  movbuild::Movie m = movie(25, 1);
+  m.codec = "AVdn";
+  p = scanBuilt(m);
+  ASSERT_FALSE(p->FileIsValid());
+  EXPECT_EQ(static_cast<CZEVQTFileParams&>(*p).readError, 0);
+}
+
+// Every bit of every byte of the codec code reaches fourCC, the lowest
+// ones included: a code made of odd bytes (0x71 0x73 0x77 0x31).
+TEST_F(QtScannerBuilt, FourCCKeepsEveryBitOfTheCodecCode) {
+  movbuild::Movie m = movie(25, 1);
+  m.codec = "qsw1";
+  auto p = scanBuilt(m);
+  EXPECT_FALSE(p->FileIsValid());
+  EXPECT_EQ(std::string(p->fourCC, 4), "qsw1");
+}
+
+// The channel count is cut to the 7 characters its 8-byte text holds:
+// 200 tracks of 65535 channels are 13107000 channels, written "1310700".
+TEST_F(QtScannerBuilt, ChannelCountIsCutToSevenCharacters) {
+  movbuild::Movie m = movie(25, 1);
+  m.audio.assign(200, {0, 65535});
+  auto p = scanBuilt(m);
+  ASSERT_TRUE(p->FileIsValid());
+  EXPECT_EQ(p->attributes.getAttributesMap()["Audio Chan"], "1310700");
+  // Seven characters exactly are kept whole: 16 tracks, 1048560 channels.
+  m.audio.assign(16, {0, 65535});
+  EXPECT_EQ(scanBuilt(m)->attributes.getAttributesMap()["Audio Chan"], "1048560");
+}
+
 TEST_F(QtScannerBuilt, UnknownCodecIsInvalidAfterFieldsAreWritten) {
   movbuild::Movie m = movie(24000, 1001);
   m.codec = "AVdn";
