@@ -3,6 +3,7 @@
 #include "shmstring.h"
 #include "internal/regular_file.h"
 #include "internal/shrinkable_mapping.h"
+#include "internal/unique_fd.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -17,6 +18,8 @@
 #include <time.h>
 #include <algorithm>
 #include <cstring>
+
+using zev::detail::UniqueFd;
 
 namespace {
 
@@ -121,19 +124,19 @@ namespace {
 // Opens the shared-memory object without ever blocking (a FIFO or device put
 // in the shared-memory directory under the name would otherwise block the
 // open) and refuses anything that is not a plain memory object.
-int openSegmentFile(const char* name, int flags) {
+UniqueFd openSegmentFile(const char* name, int flags) {
   const mode_t previousMask = umask(0);
-  const int fd = shm_open(name, flags | O_NONBLOCK | O_NOCTTY, 0666);
+  UniqueFd fd(shm_open(name, flags | O_NONBLOCK | O_NOCTTY, 0666));
   umask(previousMask);
-  if (fd == -1) return -1;
+  if (!fd) return fd;
   struct stat status;
-  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
-    ::close(fd);
+  if (fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    fd.reset();
     errno = EINVAL;
-    return -1;
+    return fd;
   }
-  const int fileFlags = fcntl(fd, F_GETFL);
-  if (fileFlags != -1) fcntl(fd, F_SETFL, fileFlags & ~O_NONBLOCK);
+  const int fileFlags = fcntl(fd.get(), F_GETFL);
+  if (fileFlags != -1) fcntl(fd.get(), F_SETFL, fileFlags & ~O_NONBLOCK);
   return fd;
 }
 
@@ -174,11 +177,8 @@ bool sameFile(int a, int b) {
 
 bool ShmString::hasLiveOwner(const char* shmName) {
   if (shmName == nullptr || shmName[0] == '\0' || strnlen(shmName, 256) == 256) return false;
-  const int fd = openSegmentFile(shmName, O_RDONLY);
-  if (fd == -1) return false;
-  const bool held = ownerLockHeld(fd);
-  ::close(fd);
-  return held;
+  const UniqueFd fd = openSegmentFile(shmName, O_RDONLY);
+  return fd && ownerLockHeld(fd.get());
 }
 
 // Becomes the owner of a fresh, never-mapped segment of the given size, or
@@ -189,7 +189,7 @@ bool ShmString::hasLiveOwner(const char* shmName) {
 // and re-attach by name) and a new segment is made.
 bool ShmString::createSegment(std::size_t size) {
   for (int attempt = 0; attempt < 8; ++attempt) {
-    fd_ = openSegmentFile(name_, O_RDWR | O_CREAT);
+    fd_ = openSegmentFile(name_, O_RDWR | O_CREAT).release();
     if (fd_ == -1) return false;
     // Fails while a live owner holds the name, or when the lock cannot be had.
     if (!takeOwnerLock(fd_)) {
@@ -212,11 +212,8 @@ bool ShmString::createSegment(std::size_t size) {
     }
     // A gone owner's segment. While we hold its lock no other creator can
     // unlink it, so the name still names it if it did a moment ago.
-    const int current = shm_open(name_, O_RDONLY | O_NONBLOCK | O_NOCTTY, 0);
-    if (current != -1) {
-      if (sameFile(fd_, current)) shm_unlink(name_);
-      ::close(current);
-    }
+    const UniqueFd current(shm_open(name_, O_RDONLY | O_NONBLOCK | O_NOCTTY, 0));
+    if (current && sameFile(fd_, current.get())) shm_unlink(name_);
     close();
   }
   return false;
@@ -233,7 +230,7 @@ bool ShmString::attach(bool create, int capacity) {
     size = static_cast<std::size_t>(capacity) + kOverhead;
     if (!createSegment(size)) return false;
   } else {
-    fd_ = openSegmentFile(name_, O_RDWR);
+    fd_ = openSegmentFile(name_, O_RDWR).release();
     if (fd_ == -1) return false;
     // The header is only read from a segment long enough to hold it, and the
     // capacity it holds must describe the segment's real size: a segment

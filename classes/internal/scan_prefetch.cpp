@@ -39,14 +39,13 @@ constexpr unsigned kColdProbeEvery = 16;
 
 /// How many more descriptors the process may open, counted up to most.
 unsigned spareDescriptors(int fd, unsigned most) {
-  std::vector<int> taken;
+  std::vector<UniqueFd> taken;
   taken.reserve(most);
   while (taken.size() < most) {
-    const int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
-    if (copy < 0) break;
-    taken.push_back(copy);
+    UniqueFd copy(::fcntl(fd, F_DUPFD_CLOEXEC, 0));
+    if (!copy) break;
+    taken.push_back(std::move(copy));
   }
-  for (int copy : taken) ::close(copy);
   return static_cast<unsigned>(taken.size());
 }
 
@@ -55,7 +54,7 @@ unsigned spareDescriptors(int fd, unsigned most) {
 /// One clip candidate of the directory, in the scan's order.
 struct Slot {
   char name[256];  // the entry's name (NAME_MAX bytes at most)
-  int fd = -1;
+  UniqueFd fd;
   std::unique_ptr<CQTReadSequence> reads;  // set while the file is being read ahead
   // The read under way: length bytes at offset into buffer, got of them so far.
   bool queued = false;  // submitted to the ring, or announced to the kernel
@@ -165,8 +164,7 @@ void ScanPrefetch::State::stop() {
   }
   // The slots stay (a caller may still refer to one); they are emptied.
   for (Slot& slot : slots) {
-    if (slot.fd >= 0) ::close(slot.fd);
-    slot.fd = -1;
+    slot.fd.reset();
     slot.reads.reset();
     slot.queued = false;
   }
@@ -217,13 +215,11 @@ void ScanPrefetch::State::ready(const struct dirent64& entry) {
 /// gone).
 bool ScanPrefetch::State::startAhead(const char* name) {
   if (spareDescriptors(scanFd, 2) < 2) return false;  // its descriptor must not be the intake's
-  const int fd = ::openat(scanFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return false;
-  dir = ::fdopendir(fd);
-  if (dir == nullptr) {
-    ::close(fd);
-    return false;
-  }
+  UniqueFd fd(::openat(scanFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) return false;
+  dir = ::fdopendir(fd.get());
+  if (dir == nullptr) return false;
+  fd.release();  // the stream owns it now
   while (const struct dirent64* entry = ::readdir64(dir))
     if (std::strcmp(entry->d_name, name) == 0) return true;
   ::closedir(dir);
@@ -285,8 +281,8 @@ void ScanPrefetch::State::startFile(Slot& slot, unsigned char type) {
     if (::fstatat64(scanFd, slot.name, &info, 0) != 0 || !S_ISREG(info.st_mode)) return;
   }
   struct stat64 info;
-  slot.fd = openRegularFileAt(scanFd, slot.name, O_RDONLY, 0, &info).release();
-  if (slot.fd < 0) {
+  slot.fd = openRegularFileAt(scanFd, slot.name, O_RDONLY, 0, &info);
+  if (!slot.fd) {
     // Short of descriptors: the intake needs them more.
     if (errno == EMFILE || errno == ENFILE) stop();
     return;
@@ -309,7 +305,7 @@ bool ScanPrefetch::State::startRead(Slot& slot) {
   }
   if (length > kMaxBytes - held) {
     // Too large to hold now: the kernel is told to fetch it, the intake reads it.
-    ::posix_fadvise64(slot.fd, static_cast<off64_t>(offset), static_cast<off64_t>(length),
+    ::posix_fadvise64(slot.fd.get(), static_cast<off64_t>(offset), static_cast<off64_t>(length),
                       POSIX_FADV_WILLNEED);
     finishFile(slot);
     return false;
@@ -336,7 +332,7 @@ bool ScanPrefetch::State::issue(Slot& slot, long& result, bool& probed) {
   const std::size_t length = slot.length - slot.got;
   if (probed) {
     iovec span{slot.buffer + slot.got, length};
-    const ssize_t got = ::preadv64v2(slot.fd, &span, 1, static_cast<off64_t>(offset), RWF_NOWAIT);
+    const ssize_t got = ::preadv64v2(slot.fd.get(), &span, 1, static_cast<off64_t>(offset), RWF_NOWAIT);
     result = got < 0 ? -errno : got;
     return true;
   }
@@ -350,13 +346,14 @@ bool ScanPrefetch::State::issue(Slot& slot, long& result, bool& probed) {
       result = -EBUSY;
       return true;
     }
-    io_uring_prep_read(sqe, slot.fd, slot.buffer + slot.got, static_cast<unsigned>(length), offset);
+    io_uring_prep_read(sqe, slot.fd.get(), slot.buffer + slot.got, static_cast<unsigned>(length), offset);
     io_uring_sqe_set_data64(sqe, indexOf(slot));
     slot.queued = true;
     ++inFlight;
     return false;
   }
-  ::posix_fadvise64(slot.fd, static_cast<off64_t>(offset), static_cast<off64_t>(length), POSIX_FADV_WILLNEED);
+  ::posix_fadvise64(slot.fd.get(), static_cast<off64_t>(offset), static_cast<off64_t>(length),
+                    POSIX_FADV_WILLNEED);
   slot.queued = true;
   return false;
 }
@@ -397,11 +394,10 @@ void ScanPrefetch::State::progress(Slot& slot, long result, bool probed) {
 }
 
 void ScanPrefetch::State::finishFile(Slot& slot) {
-  if (slot.fd >= 0) {
-    ::close(slot.fd);
+  if (slot.fd) {
+    slot.fd.reset();
     --open;
   }
-  slot.fd = -1;
   const bool read = slot.reads != nullptr;
   slot.reads.reset();
   held -= slot.held;
@@ -425,7 +421,7 @@ void ScanPrefetch::State::waitFor(Slot& slot) {
   if (!slot.queued) return finishFile(slot);  // nothing under way: cannot happen
   if (ringUp) return harvest(true);
   // Announced long ago, so likely fetched by now.
-  const ssize_t got = ::pread64(slot.fd, slot.buffer + slot.got, slot.length - slot.got,
+  const ssize_t got = ::pread64(slot.fd.get(), slot.buffer + slot.got, slot.length - slot.got,
                                 static_cast<off64_t>(slot.offset + slot.got));
   progress(slot, got < 0 ? -errno : got, false);
   poll();
@@ -457,7 +453,7 @@ void ScanPrefetch::State::poll() {
     if (!slot.queued) continue;
     iovec span{slot.buffer + slot.got, slot.length - slot.got};
     const ssize_t got =
-        ::preadv64v2(slot.fd, &span, 1, static_cast<off64_t>(slot.offset + slot.got), RWF_NOWAIT);
+        ::preadv64v2(slot.fd.get(), &span, 1, static_cast<off64_t>(slot.offset + slot.got), RWF_NOWAIT);
     if (got < 0 && errno == EAGAIN) return;
     progress(slot, got < 0 ? -errno : got, false);
   }

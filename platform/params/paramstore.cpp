@@ -18,6 +18,10 @@
 #include <memory>
 #include <new>
 
+#include "internal/unique_fd.h"
+
+using zev::detail::UniqueFd;
+
 namespace {
 
 // clang-format off
@@ -77,20 +81,16 @@ enum class FileState { Missing, Ok, Bad };
 FileState readFile(const std::string& path, Json& doc) {
   // The open never blocks (a FIFO under the name would wait for a writer)
   // and anything but a regular file is Bad; the file is then read blocking.
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-  if (fd < 0) return errno == ENOENT ? FileState::Missing : FileState::Bad;
+  UniqueFd fd = UniqueFd::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY);
+  if (!fd) return errno == ENOENT ? FileState::Missing : FileState::Bad;
   struct stat info;
-  const int flags = ::fcntl(fd, F_GETFL);
-  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || flags == -1 ||
-      ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1) {
-    ::close(fd);
+  const int flags = ::fcntl(fd.get(), F_GETFL);
+  if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || flags == -1 ||
+      ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) == -1)
     return FileState::Bad;
-  }
-  FILE* f = ::fdopen(fd, "rb");
-  if (f == nullptr) {
-    ::close(fd);
-    return FileState::Bad;
-  }
+  FILE* f = ::fdopen(fd.get(), "rb");
+  if (f == nullptr) return FileState::Bad;
+  fd.release();  // the stream owns it now
   std::string text;
   char chunk[4096];
   std::size_t n;
@@ -152,13 +152,12 @@ std::string resolvedPath(const std::string& path) {
 class WriteLock {
  public:
   explicit WriteLock(const std::string& path) {
-    fd_ = ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0644);
-    if (fd_ < 0) return;
+    fd_ = UniqueFd::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_NOCTTY, 0644);
+    if (!fd_) return;
     // Only a regular file is locked: a FIFO or device under the name is refused.
     struct stat info;
-    if (::fstat(fd_, &info) != 0 || !S_ISREG(info.st_mode)) {
-      ::close(fd_);
-      fd_ = -1;
+    if (::fstat(fd_.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+      fd_.reset();
       errno = EINVAL;
       return;
     }
@@ -166,21 +165,17 @@ class WriteLock {
     std::memset(&lock, 0, sizeof lock);
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
-    while (fcntl(fd_, F_SETLKW, &lock) < 0) {
+    while (fcntl(fd_.get(), F_SETLKW, &lock) < 0) {
       if (errno != EINTR) {
-        ::close(fd_);
-        fd_ = -1;
+        fd_.reset();
         return;
       }
     }
   }
-  ~WriteLock() {
-    if (fd_ >= 0) ::close(fd_);  // closing releases the lock
-  }
-  bool held() const { return fd_ >= 0; }
+  bool held() const { return fd_.valid(); }
 
  private:
-  int fd_ = -1;
+  UniqueFd fd_;  // closing it releases the lock
 };
 
 // The temporary file a writer replaces path through: path + ".tmp." + its pid.
@@ -223,18 +218,17 @@ bool writeAtomically(const std::string& path, const cJSON* doc, bool durable) {
   // A FIFO or device left under the temporary name is neither blocked on
   // nor written: the open does not block, and only a regular file is
   // truncated and written.
-  int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0644);
-  if (fd >= 0) {
+  UniqueFd fd = UniqueFd::open(tmp.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY, 0644);
+  if (fd) {
     struct stat info;
-    const int flags = ::fcntl(fd, F_GETFL);
-    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || flags == -1 ||
-        ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1 || ::ftruncate(fd, 0) != 0) {
-      ::close(fd);
-      fd = -1;
+    const int flags = ::fcntl(fd.get(), F_GETFL);
+    if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || flags == -1 ||
+        ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) == -1 || ::ftruncate(fd.get(), 0) != 0) {
+      fd.reset();
       errno = EINVAL;
     }
   }
-  if (fd < 0) {
+  if (!fd) {
     std::perror(tmp.c_str());
     cJSON_free(text);
     return false;
@@ -245,7 +239,7 @@ bool writeAtomically(const std::string& path, const cJSON* doc, bool durable) {
   std::size_t done = 0;
   bool ok = true;
   while (done < content.size()) {
-    const ssize_t w = ::write(fd, content.data() + done, content.size() - done);
+    const ssize_t w = ::write(fd.get(), content.data() + done, content.size() - done);
     if (w < 0) {
       if (errno == EINTR) continue;
       ok = false;
@@ -253,8 +247,8 @@ bool writeAtomically(const std::string& path, const cJSON* doc, bool durable) {
     }
     done += static_cast<std::size_t>(w);
   }
-  if (ok && durable && ::fsync(fd) != 0) ok = false;
-  if (::close(fd) != 0) ok = false;
+  if (ok && durable && ::fsync(fd.get()) != 0) ok = false;
+  if (!fd.close()) ok = false;
   if (ok && std::rename(tmp.c_str(), path.c_str()) != 0) ok = false;
   if (!ok) {
     std::perror(path.c_str());
