@@ -296,6 +296,61 @@ TEST(LockOwner, ProgramsSpawnedByAHolderNeverKeepItsGate) {
   }
 }
 
+// Prints the name a holder's record carries for this process, between markers: run by exec'ing
+// this test binary with the words chosen by programNameRunAs.
+TEST(LockProgramName, DISABLED_Print) {
+  std::printf("program=[%s]\n", zev::detail::lockProgramName().c_str());
+  std::fflush(stdout);
+}
+
+// The name lockProgramName gives in this test binary exec'd with argv0 as its first word; empty
+// when it cannot be run.
+std::string programNameRunAs(const std::string& argv0) {
+  char self[4096];
+  const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (length <= 0) return "";
+  self[length] = '\0';
+  std::vector<std::string> words = {argv0, "--gtest_filter=LockProgramName.DISABLED_Print",
+                                    "--gtest_also_run_disabled_tests"};
+  std::vector<char*> argv = argvOf(words);
+  int out[2];
+  if (pipe(out) != 0) return "";
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+  posix_spawn_file_actions_addclose(&actions, out[0]);
+  pid_t pid = -1;
+  const int spawned = posix_spawn(&pid, self, &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  close(out[1]);
+  std::string text;
+  char chunk[512];
+  ssize_t got;
+  while (spawned == 0 && (got = read(out[0], chunk, sizeof chunk)) != 0) {
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) break;
+    text.append(chunk, static_cast<std::size_t>(got));
+  }
+  close(out[0]);
+  if (spawned == 0) waitpid(pid, nullptr, 0);
+  const std::size_t start = text.find("program=[");
+  const std::size_t end = text.find("]\n", start);
+  if (start == std::string::npos || end == std::string::npos) return "";
+  return text.substr(start + 9, end - start - 9);
+}
+
+// Makes sure a holder is named by its program's base name and its first argument, cut to the
+// record's 47 characters, read from the first 255 bytes of its command line.
+TEST(LockProgramName, BaseNameAndFirstArgumentFromTheCommandLine) {
+  const std::string whole = "recorderd --gtest_filter=LockProgramName.DISABLED_Print";
+  EXPECT_EQ(programNameRunAs("/usr/local/bin/recorderd"), whole.substr(0, 47));
+  EXPECT_EQ(programNameRunAs("recorderd"), whole.substr(0, 47));
+  EXPECT_EQ(programNameRunAs("./"), " --gtest_filter=LockProgramName.DISABLED_Print");
+  // 253 bytes of program path and its terminator leave one byte of the argument in the 255
+  // bytes read.
+  EXPECT_EQ(programNameRunAs("/" + std::string(250, 'd') + "/p"), "p -");
+}
+
 // Makes sure queries never take or post the semaphore: with a program outside the library
 // holding it, the state is read without changing its value.
 TEST(LockOwner, QueriesNeverTouchTheSemaphore) {
