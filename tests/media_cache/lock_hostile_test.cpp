@@ -424,4 +424,92 @@ TEST(LockHostile, ExitWithAStaticCacheWhileAThreadHoldsKeepsTheLock) {
   EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
 }
 
+// Makes sure a process that finds the mutex held outside the library records a wait and never a
+// claim, so that killed while it waits it leaves nothing a later process would take over. Example
+// failure: the waiter records a claim first, and is killed at that step.
+TEST(LockHostile, WaiterForAnOutsiderNeverClaims) {
+  ScopedNames names;
+  MediaCache cache(names.options);
+  Pipe holding;
+  Pipe release;
+  Child outsider([&] {
+    bip::named_mutex direct(bip::open_only, names.options.clipLock.c_str());
+    direct.lock();
+    holding.post();
+    release.await();
+    direct.unlock();
+    return 0;
+  });
+  ASSERT_TRUE(holding.await());
+  Child waiter([&] {
+    zev::detail::lockStepHook = [](zev::detail::LockStep step) {
+      if (step == zev::detail::LockStep::Claimed) raise(SIGKILL);
+    };
+    return tryRead(names.options, 0.5) == "MediaCache: " + names.options.clipSegment +
+                                              ": the lock is held by a process outside this library; gave up "
+                                              "after 0 s"
+               ? 0
+               : 1;
+  });
+  EXPECT_EQ(waiter.wait(), 0) << "1: not the time-out's message; 137: killed at a claim";
+  EXPECT_EQ(semaphoreValue(names.options.clipLock), 0);
+  release.post();
+  EXPECT_EQ(outsider.wait(), 0);
+  EXPECT_EQ(tryRead(names.options, 5), "");
+  EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
+}
+
+// Makes sure a lock that times out gives its gate back at once: another cache object, in the
+// same process, gets the lock once the outsider is done, while the first object lives on.
+TEST(LockHostile, ATimedOutLockGivesItsGateBack) {
+  ScopedNames names;
+  MediaCacheOptions impatient = names.options;
+  impatient.lockTimeout = 0.2;
+  MediaCache first(impatient);
+  Pipe holding;
+  Pipe release;
+  Child outsider([&] {
+    bip::named_mutex direct(bip::open_only, names.options.clipLock.c_str());
+    direct.lock();
+    holding.post();
+    release.await();
+    direct.unlock();
+    return 0;
+  });
+  ASSERT_TRUE(holding.await());
+  std::list<Clip> clips;
+  EXPECT_THROW(first.ReadClipCacheFromSharedMemory(clips), bip::interprocess_exception);
+  release.post();
+  EXPECT_EQ(outsider.wait(), 0);
+  EXPECT_EQ(tryRead(names.options, 2), "");
+  EXPECT_EQ(first.ReadClipCacheFromSharedMemory(clips), 0);
+}
+
+// Makes sure a holder whose record names no process (its pid and program torn, its state still
+// Holding) is taken over with the line that names no process.
+TEST(LockHostile, HolderRecordedWithoutItsNameIsTakenOverAsALibraryProcess) {
+  ScopedNames names;
+  MediaCache cache(names.options);
+  {
+    sem_t* sem = sem_open(("/" + names.options.clipLock).c_str(), 0);
+    ASSERT_NE(sem, SEM_FAILED);
+    ASSERT_EQ(sem_trywait(sem), 0);
+    sem_close(sem);
+    RawRecord record(names.options.clipLock);
+    record.fill(0);
+    std::memcpy(record->magic, LockOwnerRecord::kMagic, sizeof record->magic);
+    record->version = LockOwnerRecord::kVersion;
+    record->size = sizeof(LockOwnerRecord);
+    record->state = LockOwnerRecord::Holding;
+    record->pid = 4242;
+    record->check = 0;  // not the check of pid 4242: the name is torn
+  }
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(tryRead(names.options, 2), "");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "MediaCache: " + names.options.clipSegment +
+                ": took over the lock left held by a library process, which ended\n");
+  EXPECT_EQ(semaphoreValue(names.options.clipLock), 1);
+}
+
 }  // namespace
