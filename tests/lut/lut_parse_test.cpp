@@ -53,7 +53,22 @@ void expectEntry(const Result& r, std::size_t i, int16_t red, int16_t green, int
   EXPECT_EQ(r.blue[i], blue) << "blue of entry " << i;
 }
 
+// The library's globals as this program found them, read before main and so
+// before any parse.
+const int32_t kLutSizeAtStart = g_lut_size;
+const int32_t kLutIndexAtStart = g_lut_index;
+const uint32_t kErrorAtStart = g_error;
+const bool kTablesUnsetAtStart = g_red_lut == nullptr && g_green_lut == nullptr && g_blue_lut == nullptr;
+
 // ---- lines and entries
+
+// A program that has parsed nothing sees no table, no entries and no error.
+TEST(LutParse, GlobalsStartEmpty) {
+  EXPECT_EQ(kLutSizeAtStart, 0);
+  EXPECT_EQ(kLutIndexAtStart, 0);
+  EXPECT_EQ(kErrorAtStart, 0u);
+  EXPECT_TRUE(kTablesUnsetAtStart);
+}
 
 TEST(LutParse, TwoLinesStoreTwoEntries) {
   const Result r = parseFile(data("two_lines.lut"));
@@ -274,6 +289,24 @@ TEST_F(LutText, NonPrintableCharacterIsWrittenRawInTheLexerError) {
   EXPECT_EQ(r.count, 1);
 }
 
+// DEL (0x7F) is ASCII, so well-formed UTF-8: the lexer, not the UTF-8
+// check, refuses it.
+TEST_F(LutText, DeleteCharacterIsALexerErrorNotInvalidUtf8) {
+  const Result r = parseText("1 2 3 \x7F\n");
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.message, std::string("table.lut(line:1, col:6) : lexer error 3 :  - near char(\x7F) :\n\x7F\n..."));
+  EXPECT_EQ(r.count, 1);
+}
+
+// A bad character that is the file's last byte is still shown with the
+// text from it on, not as the end of the input.
+TEST_F(LutText, LexerErrorAtTheLastByteShowsThatByte) {
+  const Result r = parseText("1 2 3\nz");
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.message, "table.lut(line:2, col:1) : lexer error 3 :  - near 'z':\nz...");
+  EXPECT_EQ(r.count, 1);
+}
+
 TEST(LutParse, CommaIsALexerErrorAndTheLineIsNotStored) {
   // The lexer reports the first comma and drops both; the parser then sees
   // "000" as a red value with nothing after it. Its report is the last one.
@@ -468,7 +501,8 @@ TEST_F(LutText, WellFormedSequencesAtEveryLeadByteBoundaryPassTheUtf8Check) {
   const Result r = parseText("1 2 3 # \xC2\x80 \xDF\xBF \xE0\xA0\x80 \xEF\xBF\xBD\n");
   EXPECT_TRUE(r.ok) << r.message;
   EXPECT_EQ(r.count, 1);
-  for (const char* text : {"1 2 3 # \xF0\x90\x80\x80\n", "1 2 3 # \xF4\x8F\xBF\xBF\n"}) {
+  for (const char* text :
+       {"1 2 3 # \xF0\x90\x80\x80\n", "1 2 3 # \xF1\x80\x80\x80\n", "1 2 3 # \xF4\x8F\xBF\xBF\n"}) {
     const Result four = parseText(text);
     EXPECT_FALSE(four.ok);
     EXPECT_EQ(four.message.find("invalid UTF-8"), std::string::npos) << four.message;
@@ -493,6 +527,7 @@ TEST_F(LutText, MalformedSequencesAreRefused) {
       "1 2 3 # \xC0\xAF\n",          // overlong '/'
       "1 2 3 # \xE0\x80\xAF\n",      // overlong three-byte form
       "1 2 3 # \xED\xA0\x80\n",      // a surrogate
+      "1 2 3 # \xF0\x8F\xBF\xBF\n",  // overlong four-byte form
       "1 2 3 # \xF4\x90\x80\x80\n",  // past U+10FFFF
       "1 2 3 # \x80\n",              // a lone continuation byte
       "1 2 3 # \xE2\x94\n",          // three-byte form cut before the line end
