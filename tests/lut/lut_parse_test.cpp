@@ -294,7 +294,8 @@ TEST_F(LutText, NonPrintableCharacterIsWrittenRawInTheLexerError) {
 TEST_F(LutText, DeleteCharacterIsALexerErrorNotInvalidUtf8) {
   const Result r = parseText("1 2 3 \x7F\n");
   EXPECT_FALSE(r.ok);
-  EXPECT_EQ(r.message, std::string("table.lut(line:1, col:6) : lexer error 3 :  - near char(\x7F) :\n\x7F\n..."));
+  EXPECT_EQ(r.message,
+            std::string("table.lut(line:1, col:6) : lexer error 3 :  - near char(\x7F) :\n\x7F\n..."));
   EXPECT_EQ(r.count, 1);
 }
 
