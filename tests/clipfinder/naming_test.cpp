@@ -2,6 +2,7 @@
 // Tests of clip names and takes: the four schemas, take rules, slave names, rollover names.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 
@@ -275,6 +276,21 @@ TEST_F(Naming, RolloverIndexAddsOrIncrementsThePlus) {
   name = "A+9.mov.bak";
   EXPECT_EQ(finder.getClipNameWithIncrementedRolloverIndex(name, next), 0);
   EXPECT_EQ(next, "A+10.mov.bak");
+}
+
+// The index is read with errno cleared first, so errno afterwards is the
+// reader's own: 0 for an index that fits, ERANGE for one past 64 bits
+// (which saturates at 2^32 - 1).
+TEST_F(Naming, RolloverIndexLeavesTheReadersErrno) {
+  std::string name = "A+7.mov", next;
+  errno = EINVAL;
+  EXPECT_EQ(finder.getClipNameWithIncrementedRolloverIndex(name, next), 0);
+  EXPECT_EQ(errno, 0);
+  EXPECT_EQ(next, "A+8.mov");
+  name = "A+" + std::string(30, '9') + ".mov";
+  EXPECT_EQ(finder.getClipNameWithIncrementedRolloverIndex(name, next), 0);
+  EXPECT_EQ(errno, ERANGE);
+  EXPECT_EQ(next, "A+0.mov");
 }
 
 TEST_F(Naming, RolloverIndexRefusesNamesWithoutAUsablePlace) {
