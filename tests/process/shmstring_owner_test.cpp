@@ -196,6 +196,30 @@ TEST(ShmStringOwner, SecondOwnerInTheSameProcessIsRefused) {
   EXPECT_TRUE(third.create(4));
 }
 
+// A segment that cannot be sized (here a file size limit below it) fails
+// the create and lets go of the name at once: no live owner is left behind,
+// and the name can be created once the limit is gone.
+TEST(ShmStringOwner, SegmentThatCannotBeSizedLeavesNoOwner) {
+  OwnedName name;
+  struct rlimit saved;
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+  struct rlimit small = saved;
+  small.rlim_cur = 1024;
+  void (*previous)(int) = signal(SIGXFSZ, SIG_IGN);  // EFBIG instead of the signal
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  ShmString first(name.c_str());
+  const bool created = first.create(4096);
+  const bool ownerAfterFailure = ShmString::hasLiveOwner(name.c_str());
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &saved), 0);
+  signal(SIGXFSZ, previous);
+  EXPECT_FALSE(created);
+  EXPECT_FALSE(ownerAfterFailure);
+  EXPECT_EQ(first.capacity(), 0);
+  ShmString second(name.c_str());
+  EXPECT_TRUE(second.create(4096));
+  EXPECT_TRUE(second.set("sized"));
+}
+
 // An owner killed while a reader maps its segment: a new owner with a
 // smaller capacity makes a new segment; the old one keeps its size, so the
 // reader's mapping stays valid, and the reader moves to the new owner.
