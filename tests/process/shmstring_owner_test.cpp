@@ -226,6 +226,25 @@ TEST(ShmStringOwner, SegmentThatCannotBeSizedLeavesNoOwner) {
   EXPECT_TRUE(second.set("sized"));
 }
 
+// With standard input closed the segment's descriptor is 0; close() gives
+// it back like any other, and the owner's mark with it.
+TEST(ShmStringOwner, SegmentOnDescriptorZeroIsClosedToo) {
+  OwnedName name;
+  const pid_t pid = forkChild([&] {
+    ::close(0);
+    ShmString owner(name.c_str());
+    if (!owner.create(8)) _exit(1);
+    if (fcntl(0, F_GETFD) == -1) _exit(2);
+    owner.close();
+    if (fcntl(0, F_GETFD) != -1) _exit(3);
+    if (ShmString::hasLiveOwner(name.c_str())) _exit(4);
+    _exit(0);
+  });
+  const int status = waitForExit(pid, patience());
+  ASSERT_TRUE(WIFEXITED(status)) << status;
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "1: create, 2: not on descriptor 0, 3: descriptor kept, 4: mark kept";
+}
+
 // Makes this process's fcntl calls with the open-file-description lock
 // commands fail with EINVAL, as a kernel before 3.15 has them; false where a
 // filter cannot be installed.
