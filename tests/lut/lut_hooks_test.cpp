@@ -192,6 +192,50 @@ TEST(LutParserHook, TypeJustPastTheNameTableIsInvalid) {
   EXPECT_EQ(c.display(), kHead + "10 : crafted, at offset 4\n    near 42\n     : Missing COMMENT \n");
 }
 
+// Another recogniser's name table (not the parser's) is read for any type:
+// its own names come out, and a set lists at most eight of them.
+TEST(LutParserHook, AnotherNameTableIsReadForEveryType) {
+  pANTLR3_UINT8 names[] = {u8("<invalid>"), u8("ONE"),   u8("TWO"),   u8("THREE"), u8("FOUR"), u8("FIVE"),
+                           u8("SIX"),       u8("SEVEN"), u8("EIGHT"), u8("NINE"),  u8("TEN"),  u8("ELEVEN")};
+  Crafted c(ANTLR3_TYPE_PARSER);
+  c.raise(ANTLR3_MISSING_TOKEN_EXCEPTION)->expecting = 2;
+  EXPECT_EQ(c.display(names), kHead + "10 : crafted, at offset 4\n    near 42\n     : Missing TWO \n");
+  pANTLR3_EXCEPTION ex = c.raise(ANTLR3_MISMATCHED_SET_EXCEPTION);
+  ANTLR3_BITWORD words[1] = {0xFFE};  // types 1 to 11
+  ANTLR3_BITSET_LIST list = {words, 1};
+  ex->expectingSet = &list;
+  EXPECT_EQ(c.display(names), kHead +
+                                  "4 : crafted, at offset 4\n    near 42\n     : unexpected input...\n"
+                                  "  expected one of : ONE, TWO, THREE, FOUR, FIVE, SIX, SEVEN, EIGHT\n");
+  ex->expectingSet = nullptr;
+}
+
+// A recogniser with a debugger attached tells it of every error reported,
+// those not displayed while recovering included.
+TEST(LutReportHook, TellsTheDebuggerOfEveryError) {
+  static int told;
+  static pANTLR3_EXCEPTION toldOf;
+  told = 0;
+  toldOf = nullptr;
+  ANTLR3_DEBUG_EVENT_LISTENER debugger;
+  std::memset(&debugger, 0, sizeof debugger);
+  debugger.recognitionException = [](pANTLR3_DEBUG_EVENT_LISTENER, pANTLR3_EXCEPTION e) {
+    ++told;
+    toldOf = e;
+  };
+  Crafted c(ANTLR3_TYPE_PARSER);
+  pANTLR3_EXCEPTION ex = c.raise(ANTLR3_EARLY_EXIT_EXCEPTION);
+  pANTLR3_BASE_RECOGNIZER rec = c.recognizer();
+  rec->debugger = &debugger;
+  rec->state->errorRecovery = ANTLR3_FALSE;
+  LUT_Utils::reportParserError(rec);
+  LUT_Utils::reportParserError(rec);  // while recovering: told, not displayed
+  rec->debugger = nullptr;
+  EXPECT_EQ(told, 2);
+  EXPECT_EQ(toldOf, ex);
+  EXPECT_EQ(rec->state->errorCount, 1u);
+}
+
 // ---- the store action
 
 // A token that carries a text of its own (as the runtime gives tokens it

@@ -2,6 +2,7 @@
 // LUT files read through LUT_Utils::parse: entries stored, counts, and the error texts.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <fstream>
 #include <string>
@@ -451,6 +452,29 @@ TEST_F(LutText, OnlyTheLastErrorIsKept) {
   ASSERT_EQ(r.count, 2);
   expectEntry(r, 0, 4, 5, 6);
   expectEntry(r, 1, 9, 9, 9);
+}
+
+// An errno of EINTR left over from before the parse does not make the end
+// of the file look like an interrupted read: the file is read and parsed.
+TEST_F(LutText, LeftOverInterruptedErrnoDoesNotStopTheRead) {
+  vorta_test::writeFile(path(), "1 2 3\n");
+  errno = EINTR;
+  const Result r = parseFile(path());
+  EXPECT_TRUE(r.ok) << r.message;
+  EXPECT_EQ(r.count, 1);
+}
+
+// A regular file whose read fails (the process's own memory at address 0
+// gives EIO) cannot be read: false, "Unable to open file", nothing stored.
+TEST(LutParse, FileWhoseReadFailsIsUnableToOpen) {
+  testing::internal::CaptureStderr();
+  const Result r = parseFile("/proc/self/mem");
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.message, "Unable to open file");
+  EXPECT_EQ(r.count, -7) << "count untouched";
+  EXPECT_EQ(err, "Failed to open file /proc/self/mem\n");
+  EXPECT_EQ(r.red[0], 0x5555);
 }
 
 // ---- state between parses
