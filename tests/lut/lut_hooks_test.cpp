@@ -197,9 +197,10 @@ TEST(LutParserHook, TypeJustPastTheNameTableIsInvalid) {
 TEST(LutParserHook, AnotherNameTableIsReadForEveryType) {
   pANTLR3_UINT8 names[] = {u8("<invalid>"), u8("ONE"),   u8("TWO"),   u8("THREE"), u8("FOUR"), u8("FIVE"),
                            u8("SIX"),       u8("SEVEN"), u8("EIGHT"), u8("NINE"),  u8("TEN"),  u8("ELEVEN")};
+  Crafted missing(ANTLR3_TYPE_PARSER);
+  missing.raise(ANTLR3_MISSING_TOKEN_EXCEPTION)->expecting = 2;
+  EXPECT_EQ(missing.display(names), kHead + "10 : crafted, at offset 4\n    near 42\n     : Missing TWO \n");
   Crafted c(ANTLR3_TYPE_PARSER);
-  c.raise(ANTLR3_MISSING_TOKEN_EXCEPTION)->expecting = 2;
-  EXPECT_EQ(c.display(names), kHead + "10 : crafted, at offset 4\n    near 42\n     : Missing TWO \n");
   pANTLR3_EXCEPTION ex = c.raise(ANTLR3_MISMATCHED_SET_EXCEPTION);
   ANTLR3_BITWORD words[1] = {0xFFE};  // types 1 to 11
   ANTLR3_BITSET_LIST list = {words, 1};
