@@ -147,6 +147,24 @@ TEST_F(NamingUnderFailure, EveryAllocationFailingGivesMinusOneAndAMessage) {
   EXPECT_EQ(err, "buildClipNameBase(). out of memory building the clip name\n");
 }
 
+// Through buildClipName, whose name base is built by a nested call: the
+// failure is handled once, by the outer call, with its own line.
+TEST_F(NamingUnderFailure, NestedFailureIsHandledOnceByTheOuterCall) {
+  params.setParam(eParamCustomClipName, 1);
+  params.setParamString(eParamCustomClipNameText, "Interview with the director");
+  std::string name = "left over from before";
+  testing::internal::CaptureStderr();
+  int result;
+  {
+    AllocationFailure fail(1);
+    result = finder.buildClipName(name, nullptr);
+  }
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(result, -1);
+  EXPECT_EQ(name, "");
+  EXPECT_EQ(err, "buildClipName(). out of memory building the clip name\n");
+}
+
 // The UTF-8 copies and the code page 437 mapping allocate nothing: with
 // every allocation failing they give exactly what they give otherwise.
 TEST(TextconvUnderFailure, CopiesAndMappingNeedNoAllocation) {
