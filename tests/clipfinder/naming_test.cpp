@@ -278,6 +278,16 @@ TEST_F(Naming, RolloverIndexAddsOrIncrementsThePlus) {
   EXPECT_EQ(next, "A+10.mov.bak");
 }
 
+// The take is the number after the last "TK", or else after the last "_";
+// an empty name has take 0, and a name with neither -1.
+TEST_F(Naming, TakeOfANameFollowsTKOrTheLastUnderscore) {
+  EXPECT_EQ(Clip::extractTake(""), 0);
+  EXPECT_EQ(Clip::extractTake("Interview_4.mov"), 4);
+  EXPECT_EQ(Clip::extractTake("A_B_12.mov"), 12);
+  EXPECT_EQ(Clip::extractTake("SC12ATK7.mov"), 7);
+  EXPECT_EQ(Clip::extractTake("Clip.mov"), -1);
+}
+
 // The index is read with errno cleared first, so errno afterwards is the
 // reader's own: 0 for an index that fits, ERANGE for one past 64 bits
 // (which saturates at 2^32 - 1).
