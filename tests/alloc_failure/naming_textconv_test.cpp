@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <list>
 #include <string>
 
@@ -129,9 +130,10 @@ TEST_F(NamingUnderFailure, SlaveNameIsBuiltOrMinusOne) {
   eachAllocation("slave name", "MasterUnitClipNameTK3.mov");
 }
 
-// The same through buildClipNameBase, with every allocation from the first
-// on failing: -1, an empty name and the line on standard error.
-TEST_F(NamingUnderFailure, EveryAllocationFailingGivesMinusOneAndAMessage) {
+// A custom name built by `build` with every allocation from the first on
+// failing: -1, an empty name and one line on standard error naming `who`.
+void expectCustomNameFailsWithOneLine(MemoryParamStore& params, const std::function<int(std::string&)>& build,
+                                      const char* who) {
   params.setParam(eParamCustomClipName, 1);
   params.setParamString(eParamCustomClipNameText, "Interview with the director");
   std::string name = "left over from before";
@@ -139,12 +141,26 @@ TEST_F(NamingUnderFailure, EveryAllocationFailingGivesMinusOneAndAMessage) {
   int result;
   {
     AllocationFailure fail(1);
-    result = finder.buildClipNameBase(name, false);
+    result = build(name);
   }
   const std::string err = testing::internal::GetCapturedStderr();
   EXPECT_EQ(result, -1);
   EXPECT_EQ(name, "");
-  EXPECT_EQ(err, "buildClipNameBase(). out of memory building the clip name\n");
+  EXPECT_EQ(err, std::string(who) + ". out of memory building the clip name\n");
+}
+
+// The same through buildClipNameBase.
+TEST_F(NamingUnderFailure, EveryAllocationFailingGivesMinusOneAndAMessage) {
+  expectCustomNameFailsWithOneLine(
+      params, [&](std::string& name) { return finder.buildClipNameBase(name, false); },
+      "buildClipNameBase()");
+}
+
+// Through buildClipName, whose name base is built by a nested call: the
+// failure is handled once, by the outer call, with its own line.
+TEST_F(NamingUnderFailure, NestedFailureIsHandledOnceByTheOuterCall) {
+  expectCustomNameFailsWithOneLine(
+      params, [&](std::string& name) { return finder.buildClipName(name, nullptr); }, "buildClipName()");
 }
 
 // The UTF-8 copies and the code page 437 mapping allocate nothing: with

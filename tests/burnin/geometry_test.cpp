@@ -105,12 +105,17 @@ TEST(BurnInGeometry, VerticalPercentPlacesTheTopRow) {
   EXPECT_EQ(geometryOf({FBFARGB, 1920, 1080, 90, 0, 0, 0, 0}).verticalStart, 972);  // ends on line 1079
 }
 
+// Refused at every size, the narrowest that a supported format takes
+// (264 pixels, where the eleven cells fill the line) included.
 TEST(BurnInGeometry, UnsupportedFormatsAreRefused) {
   for (uint32_t format : {3u, 4u, 5u, 8u, 100u, 0xFFFFFFFFu}) {
-    CRP188 tc(0u, TCFormat30fps);
-    EXPECT_FALSE(tc.InitBurnIn(static_cast<VexaFrameBufferFormat>(format), SIZE{1920, 1080}, 0)) << format;
-    BurnInGeometry g{};
-    EXPECT_FALSE(tc.GetBurnInGeometry(g));
+    for (const SIZE size : {SIZE{1920, 1080}, SIZE{264, 486}, SIZE{264, 1080}}) {
+      CRP188 tc(0u, TCFormat30fps);
+      EXPECT_FALSE(tc.InitBurnIn(static_cast<VexaFrameBufferFormat>(format), size, 0))
+          << format << " " << size.cx << "x" << size.cy;
+      BurnInGeometry g{};
+      EXPECT_FALSE(tc.GetBurnInGeometry(g));
+    }
   }
 }
 

@@ -181,7 +181,16 @@ TEST(HostileMedia, IntakeOfOneSpecialFileFailsWithoutBlocking) {
   EXPECT_EQ(result, 0) << "-1: an intake hung";
 }
 
-// A FIFO under the name given to writePlaylist is refused without blocking.
+// Descriptors this process has open now.
+int openDescriptors() {
+  int count = 0;
+  for (int fd = 0; fd < 1024; ++fd)
+    if (fcntl(fd, F_GETFD) != -1) ++count;
+  return count;
+}
+
+// A FIFO under the name given to writePlaylist is refused without blocking,
+// and the regular file's stream is closed again.
 TEST(HostileMedia, WritePlaylistRefusesAFifoWithoutBlocking) {
   TempDir media;
   ASSERT_EQ(mkfifo(media.file("fifo.playlist").c_str(), 0644), 0);
@@ -198,7 +207,9 @@ TEST(HostileMedia, WritePlaylistRefusesAFifoWithoutBlocking) {
       if (finder.writePlaylist(file, text)) return 1;
     }
     std::string real = "real.playlist";
+    const int descriptors = openDescriptors();
     if (!finder.writePlaylist(real, text)) return 2;  // opened (read-only): true, file unchanged
+    if (openDescriptors() != descriptors) return 4;   // the stream is closed again
     if (params.busyWrites() != std::vector<uint32_t>{1, 2, 1, 2, 1, 2}) return 3;
     return 0;
   });

@@ -2,6 +2,7 @@
 // Tests of clip names and takes: the four schemas, take rules, slave names, rollover names.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 
@@ -275,6 +276,31 @@ TEST_F(Naming, RolloverIndexAddsOrIncrementsThePlus) {
   name = "A+9.mov.bak";
   EXPECT_EQ(finder.getClipNameWithIncrementedRolloverIndex(name, next), 0);
   EXPECT_EQ(next, "A+10.mov.bak");
+}
+
+// The take is the number after the last "TK", or else after the last "_";
+// an empty name has take 0, and a name with neither -1.
+TEST_F(Naming, TakeOfANameFollowsTKOrTheLastUnderscore) {
+  EXPECT_EQ(Clip::extractTake(""), 0);
+  EXPECT_EQ(Clip::extractTake("Interview_4.mov"), 4);
+  EXPECT_EQ(Clip::extractTake("A_B_12.mov"), 12);
+  EXPECT_EQ(Clip::extractTake("SC12ATK7.mov"), 7);
+  EXPECT_EQ(Clip::extractTake("Clip.mov"), -1);
+}
+
+// The index is read with errno cleared first, so errno afterwards is the
+// reader's own: 0 for an index that fits, ERANGE for one past 64 bits
+// (which saturates at 2^32 - 1).
+TEST_F(Naming, RolloverIndexLeavesTheReadersErrno) {
+  std::string name = "A+7.mov", next;
+  errno = EINVAL;
+  EXPECT_EQ(finder.getClipNameWithIncrementedRolloverIndex(name, next), 0);
+  EXPECT_EQ(errno, 0);
+  EXPECT_EQ(next, "A+8.mov");
+  name = "A+" + std::string(30, '9') + ".mov";
+  EXPECT_EQ(finder.getClipNameWithIncrementedRolloverIndex(name, next), 0);
+  EXPECT_EQ(errno, ERANGE);
+  EXPECT_EQ(next, "A+0.mov");
 }
 
 TEST_F(Naming, RolloverIndexRefusesNamesWithoutAUsablePlace) {

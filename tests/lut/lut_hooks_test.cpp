@@ -182,6 +182,99 @@ TEST(LutParserHook, MissingTokenVariants) {
   EXPECT_EQ(c.display(), kHead + "10 : crafted, at offset 4\n    near 42\n     : Missing <EOF>\n");
 }
 
+// The type just past the parser's name table (it has 8 names, 0 to 7) has no
+// name: it is shown as "<invalid>", nothing is read past the table.
+TEST(LutParserHook, TypeJustPastTheNameTableIsInvalid) {
+  Crafted c(ANTLR3_TYPE_PARSER);
+  c.raise(ANTLR3_MISSING_TOKEN_EXCEPTION)->expecting = 8;
+  EXPECT_EQ(c.display(), kHead + "10 : crafted, at offset 4\n    near 42\n     : Missing <invalid> \n");
+  c.recognizer()->state->exception->expecting = 7;
+  EXPECT_EQ(c.display(), kHead + "10 : crafted, at offset 4\n    near 42\n     : Missing COMMENT \n");
+}
+
+// Another recogniser's name table (not the parser's) is read for any type:
+// its own names come out, and a set lists at most eight of them.
+TEST(LutParserHook, AnotherNameTableIsReadForEveryType) {
+  pANTLR3_UINT8 names[] = {u8("<invalid>"), u8("ONE"),   u8("TWO"),   u8("THREE"), u8("FOUR"), u8("FIVE"),
+                           u8("SIX"),       u8("SEVEN"), u8("EIGHT"), u8("NINE"),  u8("TEN"),  u8("ELEVEN")};
+  Crafted missing(ANTLR3_TYPE_PARSER);
+  missing.raise(ANTLR3_MISSING_TOKEN_EXCEPTION)->expecting = 2;
+  EXPECT_EQ(missing.display(names), kHead + "10 : crafted, at offset 4\n    near 42\n     : Missing TWO \n");
+  Crafted c(ANTLR3_TYPE_PARSER);
+  pANTLR3_EXCEPTION ex = c.raise(ANTLR3_MISMATCHED_SET_EXCEPTION);
+  ANTLR3_BITWORD words[1] = {0xFFE};  // types 1 to 11
+  ANTLR3_BITSET_LIST list = {words, 1};
+  ex->expectingSet = &list;
+  EXPECT_EQ(c.display(names), kHead +
+                                  "4 : crafted, at offset 4\n    near 42\n     : unexpected input...\n"
+                                  "  expected one of : ONE, TWO, THREE, FOUR, FIVE, SIX, SEVEN, EIGHT\n");
+  ex->expectingSet = nullptr;
+}
+
+// A recogniser with a debugger attached tells it of every error reported,
+// those not displayed while recovering included.
+TEST(LutReportHook, TellsTheDebuggerOfEveryError) {
+  static int told;
+  static pANTLR3_EXCEPTION toldOf;
+  told = 0;
+  toldOf = nullptr;
+  ANTLR3_DEBUG_EVENT_LISTENER debugger;
+  std::memset(&debugger, 0, sizeof debugger);
+  debugger.recognitionException = [](pANTLR3_DEBUG_EVENT_LISTENER, pANTLR3_EXCEPTION e) {
+    ++told;
+    toldOf = e;
+  };
+  Crafted c(ANTLR3_TYPE_PARSER);
+  pANTLR3_EXCEPTION ex = c.raise(ANTLR3_EARLY_EXIT_EXCEPTION);
+  pANTLR3_BASE_RECOGNIZER rec = c.recognizer();
+  rec->debugger = &debugger;
+  rec->state->errorRecovery = ANTLR3_FALSE;
+  LUT_Utils::reportParserError(rec);
+  LUT_Utils::reportParserError(rec);  // while recovering: told, not displayed
+  rec->debugger = nullptr;
+  EXPECT_EQ(told, 2);
+  EXPECT_EQ(toldOf, ex);
+  EXPECT_EQ(rec->state->errorCount, 1u);
+}
+
+// ---- the store action
+
+// A token that carries a text of its own (as the runtime gives tokens it
+// makes up while recovering) is stored by that text, not by the characters
+// of the input it would span.
+TEST(LutStoreRecord, TokensWithTextOfTheirOwnAreStoredByThatText) {
+  const char* source = "9 9 9\n";
+  pANTLR3_INPUT_STREAM input = antlr3StringStreamNew(
+      u8(source), ANTLR3_ENC_UTF8, static_cast<ANTLR3_UINT32>(std::strlen(source)), u8("own.lut"));
+  pANTLR3_TOKEN_FACTORY factory = antlr3TokenFactoryNew(input);
+  pANTLR3_COMMON_TOKEN tokens[3];
+  const char* texts[3] = {"12", "-3", "70000"};
+  for (int i = 0; i < 3; ++i) {
+    tokens[i] = factory->newToken(factory);
+    tokens[i]->setTokenIndex(tokens[i], i);
+    tokens[i]->setStartIndex(tokens[i], 2 * i);
+    tokens[i]->setStopIndex(tokens[i], 2 * i);
+    tokens[i]->setText8(tokens[i], u8(texts[i]));
+  }
+  int16_t red[2] = {0x5555, 0x5555}, green[2] = {0x5555, 0x5555}, blue[2] = {0x5555, 0x5555};
+  g_red_lut = red;
+  g_green_lut = green;
+  g_blue_lut = blue;
+  g_lut_size = 2;
+  g_lut_index = 0;
+  lutStoreRecord(nullptr, tokens[0], tokens[0], tokens[1], tokens[1], tokens[2], tokens[2]);
+  EXPECT_EQ(g_lut_index, 1);
+  EXPECT_EQ(red[0], 12);
+  EXPECT_EQ(green[0], -3);
+  EXPECT_EQ(blue[0], 4464);  // 70000 cut to its low 16 bits
+  EXPECT_EQ(red[1], 0x5555);
+  g_red_lut = g_green_lut = g_blue_lut = nullptr;
+  g_lut_size = 0;
+  g_lut_index = 0;
+  factory->close(factory);
+  input->close(input);
+}
+
 TEST(LutParserHook, OtherExceptionTypes) {
   Crafted c(ANTLR3_TYPE_PARSER);
   c.raise(ANTLR3_FAILED_PREDICATE_EXCEPTION);

@@ -150,6 +150,8 @@ TEST(LutHostile, TheRefusalCountsEveryKindOfTokenExactly) {
   // A comment that runs to the end of the file is one token too.
   EXPECT_EQ(refusal("//"), "1048577");
   EXPECT_EQ(refusal("#"), "1048577");
+  // A lone "/" starts no comment: the number and line end after it are two tokens.
+  EXPECT_EQ(refusal("/1\n"), "1048578");
 }
 
 // Exactly at the bound (1,048,575 line ends after one entry, 1,048,576

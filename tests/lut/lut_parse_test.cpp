@@ -2,6 +2,7 @@
 // LUT files read through LUT_Utils::parse: entries stored, counts, and the error texts.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <fstream>
 #include <string>
@@ -53,7 +54,22 @@ void expectEntry(const Result& r, std::size_t i, int16_t red, int16_t green, int
   EXPECT_EQ(r.blue[i], blue) << "blue of entry " << i;
 }
 
+// The library's globals as this program found them, read before main and so
+// before any parse.
+const int32_t kLutSizeAtStart = g_lut_size;
+const int32_t kLutIndexAtStart = g_lut_index;
+const uint32_t kErrorAtStart = g_error;
+const bool kTablesUnsetAtStart = g_red_lut == nullptr && g_green_lut == nullptr && g_blue_lut == nullptr;
+
 // ---- lines and entries
+
+// A program that has parsed nothing sees no table, no entries and no error.
+TEST(LutParse, GlobalsStartEmpty) {
+  EXPECT_EQ(kLutSizeAtStart, 0);
+  EXPECT_EQ(kLutIndexAtStart, 0);
+  EXPECT_EQ(kErrorAtStart, 0u);
+  EXPECT_TRUE(kTablesUnsetAtStart);
+}
 
 TEST(LutParse, TwoLinesStoreTwoEntries) {
   const Result r = parseFile(data("two_lines.lut"));
@@ -266,11 +282,25 @@ TEST_F(LutText, LexerErrorShowsAtMost150CharactersOfWhatFollows) {
             "table.lut(line:2, col:1) : lexer error 3 :  - near 'z':\n" + std::string(150, 'z') + "...");
 }
 
+// A character that is not printable is written raw. DEL (0x7F) is among
+// them: ASCII, so well-formed UTF-8, it is the lexer that refuses it, not
+// the UTF-8 check.
 TEST_F(LutText, NonPrintableCharacterIsWrittenRawInTheLexerError) {
-  const Result r = parseText("1 2 3 \x01\n");
+  for (const char c : {'\x01', '\x7F'}) {
+    const Result r = parseText(std::string("1 2 3 ") + c + "\n");
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(r.message, "table.lut(line:1, col:6) : lexer error 3 :  - near char(" + std::string(1, c) +
+                             ") :\n" + std::string(1, c) + "\n...");
+    EXPECT_EQ(r.count, 1);
+  }
+}
+
+// A bad character that is the file's last byte is still shown with the
+// text from it on, not as the end of the input.
+TEST_F(LutText, LexerErrorAtTheLastByteShowsThatByte) {
+  const Result r = parseText("1 2 3\nz");
   EXPECT_FALSE(r.ok);
-  EXPECT_EQ(r.message,
-            std::string("table.lut(line:1, col:6) : lexer error 3 :  - near char(\x01) :\n\x01\n..."));
+  EXPECT_EQ(r.message, "table.lut(line:2, col:1) : lexer error 3 :  - near 'z':\nz...");
   EXPECT_EQ(r.count, 1);
 }
 
@@ -419,6 +449,29 @@ TEST_F(LutText, OnlyTheLastErrorIsKept) {
   expectEntry(r, 1, 9, 9, 9);
 }
 
+// An errno of EINTR left over from before the parse does not make the end
+// of the file look like an interrupted read: the file is read and parsed.
+TEST_F(LutText, LeftOverInterruptedErrnoDoesNotStopTheRead) {
+  vorta_test::writeFile(path(), "1 2 3\n");
+  errno = EINTR;
+  const Result r = parseFile(path());
+  EXPECT_TRUE(r.ok) << r.message;
+  EXPECT_EQ(r.count, 1);
+}
+
+// A regular file whose read fails (the process's own memory at address 0
+// gives EIO) cannot be read: false, "Unable to open file", nothing stored.
+TEST(LutParse, FileWhoseReadFailsIsUnableToOpen) {
+  testing::internal::CaptureStderr();
+  const Result r = parseFile("/proc/self/mem");
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.message, "Unable to open file");
+  EXPECT_EQ(r.count, -7) << "count untouched";
+  EXPECT_EQ(err, "Failed to open file /proc/self/mem\n");
+  EXPECT_EQ(r.red[0], 0x5555);
+}
+
 // ---- state between parses
 
 TEST_F(LutText, ParseAfterAFailedOneStartsClean) {
@@ -468,7 +521,8 @@ TEST_F(LutText, WellFormedSequencesAtEveryLeadByteBoundaryPassTheUtf8Check) {
   const Result r = parseText("1 2 3 # \xC2\x80 \xDF\xBF \xE0\xA0\x80 \xEF\xBF\xBD\n");
   EXPECT_TRUE(r.ok) << r.message;
   EXPECT_EQ(r.count, 1);
-  for (const char* text : {"1 2 3 # \xF0\x90\x80\x80\n", "1 2 3 # \xF4\x8F\xBF\xBF\n"}) {
+  for (const char* text :
+       {"1 2 3 # \xF0\x90\x80\x80\n", "1 2 3 # \xF1\x80\x80\x80\n", "1 2 3 # \xF4\x8F\xBF\xBF\n"}) {
     const Result four = parseText(text);
     EXPECT_FALSE(four.ok);
     EXPECT_EQ(four.message.find("invalid UTF-8"), std::string::npos) << four.message;
@@ -493,6 +547,7 @@ TEST_F(LutText, MalformedSequencesAreRefused) {
       "1 2 3 # \xC0\xAF\n",          // overlong '/'
       "1 2 3 # \xE0\x80\xAF\n",      // overlong three-byte form
       "1 2 3 # \xED\xA0\x80\n",      // a surrogate
+      "1 2 3 # \xF0\x8F\xBF\xBF\n",  // overlong four-byte form
       "1 2 3 # \xF4\x90\x80\x80\n",  // past U+10FFFF
       "1 2 3 # \x80\n",              // a lone continuation byte
       "1 2 3 # \xE2\x94\n",          // three-byte form cut before the line end

@@ -3,14 +3,20 @@
 // left by dead owners, special files in the name's place, exhausted descriptors and heap.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <random>
@@ -194,6 +200,108 @@ TEST(ShmStringOwner, SecondOwnerInTheSameProcessIsRefused) {
   EXPECT_EQ(name.size(), -1);
   ShmString third(name.c_str());
   EXPECT_TRUE(third.create(4));
+}
+
+// A segment that cannot be sized (here a file size limit below it) fails
+// the create and lets go of the name at once: no live owner is left behind,
+// and the name can be created once the limit is gone.
+TEST(ShmStringOwner, SegmentThatCannotBeSizedLeavesNoOwner) {
+  OwnedName name;
+  struct rlimit saved;
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+  struct rlimit small = saved;
+  small.rlim_cur = 1024;
+  void (*previous)(int) = signal(SIGXFSZ, SIG_IGN);  // EFBIG instead of the signal
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  ShmString first(name.c_str());
+  const bool created = first.create(4096);
+  const bool ownerAfterFailure = ShmString::hasLiveOwner(name.c_str());
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &saved), 0);
+  signal(SIGXFSZ, previous);
+  EXPECT_FALSE(created);
+  EXPECT_FALSE(ownerAfterFailure);
+  EXPECT_EQ(first.capacity(), 0);
+  ShmString second(name.c_str());
+  EXPECT_TRUE(second.create(4096));
+  EXPECT_TRUE(second.set("sized"));
+}
+
+// With standard input closed the segment's descriptor is 0; close() gives
+// it back like any other, and the owner's mark with it.
+TEST(ShmStringOwner, SegmentOnDescriptorZeroIsClosedToo) {
+  OwnedName name;
+  const pid_t pid = forkChild([&] {
+    ::close(0);
+    ShmString owner(name.c_str());
+    if (!owner.create(8)) _exit(1);
+    if (fcntl(0, F_GETFD) == -1) _exit(2);
+    owner.close();
+    if (fcntl(0, F_GETFD) != -1) _exit(3);
+    if (ShmString::hasLiveOwner(name.c_str())) _exit(4);
+    _exit(0);
+  });
+  const int status = waitForExit(pid, patience());
+  ASSERT_TRUE(WIFEXITED(status)) << status;
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "1: create, 2: not on descriptor 0, 3: descriptor kept, 4: mark kept";
+}
+
+// Makes this process's fcntl calls with the open-file-description lock
+// commands fail with EINVAL, as a kernel before 3.15 has them; false where a
+// filter cannot be installed.
+bool refuseOpenFileDescriptionLocks() {
+  std::vector<sock_filter> filter = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_fcntl, 3, 0),
+#ifdef __NR_fcntl64
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_fcntl64, 2, 0),
+#else
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_fcntl, 2, 0),
+#endif
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+      // The command: the low word of the second argument, which a
+      // big-endian machine keeps in its second half.
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS,
+               offsetof(struct seccomp_data, args[1]) + (__BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? 4 : 0)),
+      BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, F_OFD_GETLK, 0, 2),
+      BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, F_OFD_SETLKW, 1, 0),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  sock_fprog program{static_cast<unsigned short>(filter.size()), filter.data()};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0) == 0;
+}
+
+// Where the kernel has no open-file-description locks (EINVAL), the owner's
+// mark is an flock lock with the same effect: the owner is seen live, a
+// second creator is refused, and the mark goes with the owner's close.
+TEST(ShmStringOwner, OwnerMarkFallsBackToFlockWithoutOpenFileDescriptionLocks) {
+  OwnedName name;
+  const pid_t pid = forkChild([&] {
+    if (!refuseOpenFileDescriptionLocks()) _exit(77);
+    struct flock range = {};
+    range.l_type = F_RDLCK;
+    if (fcntl(0, F_OFD_GETLK, &range) != -1 || errno != EINVAL) _exit(78);
+    ShmString first(name.c_str());
+    if (!first.create(16) || !first.set("mine")) _exit(1);
+    if (!ShmString::hasLiveOwner(name.c_str())) _exit(2);
+    ShmString second(name.c_str());
+    if (second.create(4)) _exit(3);
+    char text[16];
+    if (first.get(text, sizeof text) != 4 || std::strcmp(text, "mine") != 0) _exit(4);
+    first.close();
+    if (ShmString::hasLiveOwner(name.c_str())) _exit(5);
+    _exit(0);
+  });
+  const int status = waitForExit(pid, patience());
+  ASSERT_TRUE(WIFEXITED(status)) << status;
+  if (WEXITSTATUS(status) == 77 || WEXITSTATUS(status) == 78) {
+    std::printf("skipped: no seccomp filter can make fcntl refuse the lock commands here (%d)\n",
+                WEXITSTATUS(status));
+    GTEST_SKIP() << "no seccomp filter for fcntl here";
+  }
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "1: create, 2: owner not seen, 3: second owner, 4: get, 5: mark kept";
 }
 
 // An owner killed while a reader maps its segment: a new owner with a
