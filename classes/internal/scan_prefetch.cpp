@@ -128,7 +128,7 @@ void ScanPrefetch::State::start(const std::string& dirPath, DIR* scanning) {
   probesWork = scanPrefetchProbeHook;
   // The ring is set up only once a read has to wait: a cached medium never
   // needs it.
-  engine = most == Engine::Ring ? Engine::Ring : Engine::Advice;
+  engine = most == Engine::Ring && kRingUsable ? Engine::Ring : Engine::Advice;
   slots.resize(kMaxFiles);
 }
 

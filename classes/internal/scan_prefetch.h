@@ -59,6 +59,17 @@ class ScanPrefetch {
     Off,     ///< no reading ahead
   };
 
+  /// Whether reads may go through io_uring on this processor. Not on 32-bit
+  /// PowerPC: there, once a process has used a ring, a later blocking call
+  /// of that process (a read of a pipe, say) can fail with ENOSYS instead of
+  /// being restarted after the ring's task work interrupted it, which would
+  /// break the caller's other work. That processor reads ahead with
+  /// posix_fadvise.
+#if defined(__powerpc__) && !defined(__powerpc64__)
+  static constexpr bool kRingUsable = false;
+#else
+  static constexpr bool kRingUsable = true;
+#endif
   /// Files read ahead at once.
   static constexpr unsigned kMaxFiles = 32;
   /// Read buffers held at once.
