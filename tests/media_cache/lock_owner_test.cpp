@@ -343,7 +343,11 @@ std::string programNameRunAs(const std::string& argv0) {
 // record's 47 characters, read from the first 255 bytes of its command line.
 TEST(LockProgramName, BaseNameAndFirstArgumentFromTheCommandLine) {
   const std::string whole = "recorderd --gtest_filter=LockProgramName.DISABLED_Print";
-  EXPECT_EQ(programNameRunAs("/usr/local/bin/recorderd"), whole.substr(0, 47));
+  const std::string first = programNameRunAs("/usr/local/bin/recorderd");
+  if (first.empty() && vorta_test::underEmulation())
+    GTEST_SKIP() << "qemu-user runs this PowerPC test binary, but the host kernel cannot exec it again "
+                    "(no binfmt_misc entry for PowerPC); make test-ppc-system runs it on a PowerPC kernel";
+  EXPECT_EQ(first, whole.substr(0, 47));
   EXPECT_EQ(programNameRunAs("recorderd"), whole.substr(0, 47));
   EXPECT_EQ(programNameRunAs("./"), " --gtest_filter=LockProgramName.DISABLED_Print");
   // 253 bytes of program path and its terminator leave one byte of the argument in the 255
