@@ -191,17 +191,29 @@ TEST(FileParamsPaths, KilledWritersLeaveNoTemporaryFileOnceTheNextWriterHasRun) 
   const std::string bulk(200000, 'b');
   std::mt19937 random(2025);
   int killedWithATemporary = 0;
+  // Kills land at random moments after the writer's first write: counted
+  // from its start they would all fall before it where start-up is slow
+  // (a PowerPC kernel under emulation).
+  const unsigned longest = vorta_test::underEmulation() ? 30000 : 6000;
   for (int round = 0; round < 50; ++round) {
+    int started[2];
+    ASSERT_EQ(pipe(started), 0);
     const pid_t writer = vorta_test::forkFlushed();
     ASSERT_GE(writer, 0);
     if (writer == 0) {
+      close(started[0]);
       FileParamStore store(path);
       for (uint32_t i = 0;; ++i) {
         store.setParamString(eParamCustomClipNameText, bulk);
         store.setParam(eParamTake, 1 + i % 999);
+        if (i == 0 && write(started[1], "w", 1) != 1) _exit(1);
       }
     }
-    usleep(std::uniform_int_distribution<unsigned>(200, 6000)(random));
+    close(started[1]);
+    char byte = 0;
+    ASSERT_EQ(read(started[0], &byte, 1), 1) << "round " << round << ": the writer did not write";
+    close(started[0]);
+    usleep(std::uniform_int_distribution<unsigned>(0, longest)(random));
     kill(writer, SIGKILL);
     int status = 0;
     waitpid(writer, &status, 0);
