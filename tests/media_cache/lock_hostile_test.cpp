@@ -199,14 +199,7 @@ TEST(LockHostile, GarbageInTheRecordIsNeverTakenOverFrom) {
   for (int variant = 0; variant < 3; ++variant) {
     Pipe holding;
     Pipe release;
-    Child outsider([&] {
-      bip::named_mutex direct(bip::open_only, names.options.clipLock.c_str());
-      direct.lock();
-      holding.post();
-      release.await();
-      direct.unlock();
-      return 0;
-    });
+    Child outsider(holdsMutexUntil(names.options.clipLock, holding, release));
     ASSERT_TRUE(holding.await());
     {
       RawRecord record(names.options.clipLock);
@@ -432,14 +425,7 @@ TEST(LockHostile, WaiterForAnOutsiderNeverClaims) {
   MediaCache cache(names.options);
   Pipe holding;
   Pipe release;
-  Child outsider([&] {
-    bip::named_mutex direct(bip::open_only, names.options.clipLock.c_str());
-    direct.lock();
-    holding.post();
-    release.await();
-    direct.unlock();
-    return 0;
-  });
+  Child outsider(holdsMutexUntil(names.options.clipLock, holding, release));
   ASSERT_TRUE(holding.await());
   Child waiter([&] {
     zev::detail::lockStepHook = [](zev::detail::LockStep step) {
@@ -468,14 +454,7 @@ TEST(LockHostile, ATimedOutLockGivesItsGateBack) {
   MediaCache first(impatient);
   Pipe holding;
   Pipe release;
-  Child outsider([&] {
-    bip::named_mutex direct(bip::open_only, names.options.clipLock.c_str());
-    direct.lock();
-    holding.post();
-    release.await();
-    direct.unlock();
-    return 0;
-  });
+  Child outsider(holdsMutexUntil(names.options.clipLock, holding, release));
   ASSERT_TRUE(holding.await());
   std::list<Clip> clips;
   EXPECT_THROW(first.ReadClipCacheFromSharedMemory(clips), bip::interprocess_exception);

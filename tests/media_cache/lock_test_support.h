@@ -196,6 +196,19 @@ inline std::function<int()> holdsMutexDirectly(const std::string& mutexName, Pip
   };
 }
 
+/// The body of a process outside the library: it locks the named mutex itself, posts `holding`,
+/// keeps it until `release` and gives it back.
+inline std::function<int()> holdsMutexUntil(const std::string& mutexName, Pipe& holding, Pipe& release) {
+  return [mutexName, &holding, &release] {
+    boost::interprocess::named_mutex direct(boost::interprocess::open_only, mutexName.c_str());
+    direct.lock();
+    holding.post();
+    release.await();
+    direct.unlock();
+    return 0;
+  };
+}
+
 /// The body of a library process that takes one of the cache's locks as every operation does,
 /// posts `holding` and keeps it until it is killed.
 inline std::function<int()> holdsCacheLockUntilKilled(const zev::media::MediaCacheOptions& options,
