@@ -2,8 +2,10 @@
 // vorta: the file-parameter record, the attribute block reader and writer, encode types.
 #include "fileparams.h"
 
-#include <boost/tokenizer.hpp>
 #include <cstring>
+#include <string_view>
+
+#include "internal/attribute_text.h"
 
 CFileParams::CFileParams(const char* path)
     : fileName(path ? path : ""),
@@ -43,18 +45,10 @@ namespace zev {
 namespace media {
 
 std::map<std::string, std::string> MediaAttributes::getAttributesMap() {
-  const std::string text(block, strnlen(block, kSize));
-  // char_separator drops empty tokens by default, so runs of newlines count
-  // as one separator and an empty value vanishes.
-  const boost::char_separator<char> newline("\n");
-  const boost::tokenizer<boost::char_separator<char>> tokens(text, newline);
-
   std::map<std::string, std::string> result;
-  for (auto it = tokens.begin(); it != tokens.end(); ++it) {
-    const std::string key = *it;
-    if (++it == tokens.end()) break;  // a final key without a value
-    result[key] = *it;
-  }
+  detail::forEachAttribute(block, kSize, [&result](std::string_view key, std::string_view value) {
+    result[std::string(key)] = std::string(value);  // a repeated key keeps its last value
+  });
   return result;
 }
 

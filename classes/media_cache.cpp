@@ -25,10 +25,12 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "fileparams.h"
+#include "internal/attribute_text.h"
 #include "internal/cache_lock.h"
 #include "internal/regular_file.h"
 #include "internal/scan_prefetch.h"
@@ -942,11 +944,19 @@ std::list<Clip> MediaCache::GetClips() {
 }
 
 bool MediaCache::GetEncodeType(Clip& clip, unsigned int& encodeType) {
-  const std::map<std::string, std::string> attributes = clip.attributes.getAttributesMap();
-  const auto it = attributes.find(MediaVideoEncodeType);
-  if (it == attributes.end()) return false;
+  // The value the attribute map would hold for the key (the last one
+  // written), found without building the map: the scan asks this of every clip.
+  bool found = false;
+  std::string text;
+  detail::forEachAttribute(clip.attributes.block, sizeof clip.attributes.block,
+                           [&](std::string_view key, std::string_view value) {
+                             if (key != MediaVideoEncodeType) return;
+                             found = true;
+                             text.assign(value.data(), value.size());
+                           });
+  if (!found) return false;
   // Read as the device's 32-bit strtol reads it: saturated at the 32-bit limits.
-  long value = std::strtol(it->second.c_str(), nullptr, 10);
+  long value = std::strtol(text.c_str(), nullptr, 10);
   if (value > INT32_MAX) value = INT32_MAX;
   if (value < INT32_MIN) value = INT32_MIN;
   encodeType = static_cast<unsigned int>(static_cast<int32_t>(value));

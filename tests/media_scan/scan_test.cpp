@@ -12,8 +12,10 @@
 #include <boost/interprocess/exceptions.hpp>
 #include <chrono>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <list>
+#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -372,6 +374,54 @@ TEST_F(Scan, AClipWithoutAnEncodeTypeIsNotPlayable) {
   EXPECT_FALSE(cache.IsPlayable(clip, 4));
   clip.height = 2160;
   EXPECT_FALSE(cache.IsPlayable(clip, ENCODE_PRORES_422));
+}
+
+// The encode type is the value the attribute map holds for its key: the last
+// one written, with empty tokens dropped, a final key without a value
+// ignored and a key that appears as a value not taken for one.
+TEST_F(Scan, TheEncodeTypeIsWhatTheAttributeMapHolds) {
+  const auto typeOf = [&](const std::string& text, unsigned& type) {
+    Clip clip;
+    std::memcpy(clip.attributes.block, text.data(), std::min(text.size(), sizeof clip.attributes.block));
+    return cache.GetEncodeType(clip, type);
+  };
+  unsigned type = 0;
+  EXPECT_TRUE(typeOf("Encode Type\n3\nFormat\nx\nEncode Type\n5\n", type));
+  EXPECT_EQ(type, 5u);
+  EXPECT_TRUE(typeOf("\n\nEncode Type\n\n\n7", type));
+  EXPECT_EQ(type, 7u);
+  EXPECT_TRUE(typeOf("X\nEncode Type\nEncode Type\n8\n", type));
+  EXPECT_EQ(type, 8u);
+  type = 99;
+  EXPECT_FALSE(typeOf("Format\nEncode Type\n", type));  // a value, then a key without one
+  EXPECT_FALSE(typeOf("Encode Type\n", type));
+  EXPECT_FALSE(typeOf("Encode Type \n4\n", type));  // nothing is trimmed
+  EXPECT_EQ(type, 99u);
+  EXPECT_TRUE(typeOf("Encode Type\n-1\n", type));
+  EXPECT_EQ(type, 0xFFFFFFFFu);
+  // A block with no terminator is read to its last byte.
+  std::string full = "Encode Type\n2\n";
+  full += std::string(zev::media::MediaAttributes::kSize - full.size() - 1, 'z') + "9";
+  EXPECT_TRUE(typeOf(full, type));
+  EXPECT_EQ(type, 2u);
+
+  // Random texts of the tokens that matter, against the map.
+  std::mt19937 random(2026);
+  const char* pieces[] = {"Encode Type", "\n", "3", "12", "Format", "", "x\n", "\n\n", "Encode Type\n"};
+  for (int round = 0; round < 2000; ++round) {
+    std::string text;
+    const int count = static_cast<int>(random() % 12);
+    for (int i = 0; i < count; ++i) text += pieces[random() % (sizeof pieces / sizeof *pieces)];
+    Clip clip;
+    std::memcpy(clip.attributes.block, text.data(), text.size());
+    const auto map = clip.attributes.getAttributesMap();
+    const auto it = map.find(zev::media::MediaVideoEncodeType);
+    unsigned got = 12345;
+    ASSERT_EQ(cache.GetEncodeType(clip, got), it != map.end()) << text;
+    if (it != map.end()) {
+      EXPECT_EQ(got, static_cast<unsigned>(std::strtol(it->second.c_str(), nullptr, 10))) << text;
+    }
+  }
 }
 
 TEST_F(Scan, GrokClipSetsTheTimeOnlyOnSuccess) {
