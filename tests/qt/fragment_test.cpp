@@ -105,6 +105,30 @@ TEST_F(QtReaderBuiltMovie, RoundedDurationsOfAnOddRateGiveTheMeasuredRate) {
   EXPECT_DOUBLE_EQ(video().frameRate, 2000.0 / 67.0);
 }
 
+// A clock too coarse for the rate: 25 and 50 frames a second on a clock of
+// 60 give durations 2 and 3, or 1 and 2. Seven frames end at 17 and 8
+// ticks, so the measured rate is 24.71 and 52.5; the time stamps fit 25
+// and 50 and no other standard rate.
+TEST_F(QtReaderBuiltMovie, ShortClipsOnACoarseClockSnapToTheRateTheirStampsFit) {
+  ASSERT_TRUE(open(build(withDurations(60, roundedDurations(60, 25, 1, 7)))));
+  EXPECT_EQ(rate(), "25/1");
+  EXPECT_EQ(video().videoLength, 7u);
+  ASSERT_TRUE(open(build(withDurations(60, roundedDurations(60, 50, 1, 7)))));
+  EXPECT_EQ(rate(), "50/1");
+  // Stamps 0 2 4 7 10 12 14 fit no standard rate (the third is 0.8 off 25's
+  // 4.8): the measured rate stays.
+  ASSERT_TRUE(open(build(withDurations(60, {{2, 2}, {2, 3}, {2, 2}, {1, 3}}))));
+  EXPECT_EQ(rate(), "420/17");
+}
+
+// Ten minutes of 23.976 on a millisecond clock: the stamps fit only
+// 24000/1001 itself, not a rate a hair away from it.
+TEST_F(QtReaderBuiltMovie, LongClipsPinTheStandardRateExactly) {
+  ASSERT_TRUE(open(build(withDurations(1000, roundedDurations(1000, 24000, 1001, 14386)))));
+  EXPECT_EQ(rate(), "24000/1001");
+  EXPECT_EQ(video().videoLength, 14386u);
+}
+
 // Durations all equal keep the track's own rate, reduced, whatever it is.
 TEST_F(QtReaderBuiltMovie, ConstantDurationsKeepTheTracksOwnRate) {
   Movie m;

@@ -185,3 +185,18 @@ TEST(QtReaderHostile, MovieAtomAtAndJustPastTheCap) {
       EXPECT_LT(reader.BytesRead(), 1024u) << "an atom past the cap is refused unread";
   }
 }
+
+// A regular file that ends before its stated size (a sysfs attribute says
+// 4096 bytes and holds a line): the read that meets the end is no system
+// error, so the file is refused with OpenError 0.
+TEST(QtReaderHostile, FileShorterThanItsSizeIsRefusedWithoutError) {
+  const char* path = "/sys/class/net/lo/address";
+  struct stat st;
+  if (stat(path, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 512)
+    GTEST_SKIP() << path << " is not a sysfs file longer than its contents here";
+  CQTStreaming reader;
+  EXPECT_FALSE(reader.OpenForReading(path));
+  EXPECT_EQ(reader.OpenError(), 0);
+  EXPECT_GT(reader.BytesRead(), 0u);
+  EXPECT_LT(reader.BytesRead(), 512u);
+}
