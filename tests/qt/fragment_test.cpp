@@ -50,6 +50,48 @@ class QtReaderBuiltMovie : public ::testing::Test {
   uint64_t before_ = 0;
 };
 
+// A built movie (frames 3, start frame 1234 at byte 36) with a timecode
+// track whose chunk offset table is the atom given.
+std::string withTimecodeOffsets(const std::string& stcoAtom) {
+  Movie m;
+  m.startFrame = 1234;
+  const std::string bytes = build(m);
+  const std::size_t moovAt = bytes.find("moov") - 4;
+  return bytes.substr(0, moovAt) +
+         atom("moov", bytes.substr(moovAt + 8) +
+                          trak("tmcd", mdhd(25, 1),
+                               stsd(timecodeEntry(0, 25, 1, 25)) + stts({{1, 1}}) + stsz(1, 4) + stcoAtom));
+}
+
+// A chunk offset table that counts more offsets than it holds gives no
+// timecode, even when its first offset is whole.
+TEST_F(QtReaderBuiltMovie, TimecodeOffsetTableCountingMoreThanItHoldsIsNotRead) {
+  ASSERT_TRUE(open(withTimecodeOffsets(atom("stco", zeros(4) + be32(1) + be32(36) + zeros(3)))));
+  uint32_t start = 0;
+  ASSERT_TRUE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(start, 1234u);
+  ASSERT_TRUE(open(withTimecodeOffsets(atom("stco", zeros(4) + be32(2) + be32(36) + zeros(3)))));
+  EXPECT_FALSE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(video().videoLength, 3u);
+}
+
+// A timecode sample cut by the end of the file is not read at all: three
+// bytes left read no more than two.
+TEST_F(QtReaderBuiltMovie, TimecodeSampleCutByTheEndIsNotRead) {
+  const std::size_t size = withTimecodeOffsets(stco(0)).size();
+  uint32_t start = 0;
+  ASSERT_TRUE(open(withTimecodeOffsets(stco(static_cast<uint32_t>(size - 2)))));
+  EXPECT_FALSE(reader_.GetStartingTimecode(start));
+  const uint64_t twoLeft = bytesRead();
+  ASSERT_TRUE(open(withTimecodeOffsets(stco(static_cast<uint32_t>(size - 3)))));
+  EXPECT_FALSE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(bytesRead(), twoLeft);
+  // Four bytes left are a sample: the file's last four.
+  ASSERT_TRUE(open(withTimecodeOffsets(stco(static_cast<uint32_t>(size - 4)))));
+  ASSERT_TRUE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(bytesRead(), twoLeft + 4);
+}
+
 // Rates a millisecond clock cannot hold: durations one unit apart read as
 // the standard rate, exactly (the frame rate is the rational's quotient).
 TEST_F(QtReaderBuiltMovie, DurationsRoundedToTheClockGiveTheStandardRate) {
@@ -127,6 +169,34 @@ TEST_F(QtReaderBuiltMovie, LongClipsPinTheStandardRateExactly) {
   ASSERT_TRUE(open(build(withDurations(1000, roundedDurations(1000, 24000, 1001, 14386)))));
   EXPECT_EQ(rate(), "24000/1001");
   EXPECT_EQ(video().videoLength, 14386u);
+}
+
+// Every standard rate on a clock that cannot hold it, in a clip whose
+// length leaves the measured rate off the standard one: each snaps to
+// itself, exactly. (Seven frames of 60 would fit 59.94 too, and measure
+// nearer to it: 61 frames fit 60 alone.)
+TEST_F(QtReaderBuiltMovie, EveryStandardRateSnapsToItself) {
+  struct Case {
+    uint32_t timescale;
+    uint32_t num, den;
+    uint32_t frames;
+  };
+  const Case cases[] = {
+      {1000, 24000, 1001, 7}, {1000, 24, 1, 7},       {60, 25, 1, 7},
+      {1000, 30000, 1001, 7}, {1000, 30, 1, 7},       {1000, 48, 1, 7},
+      {60, 50, 1, 7},         {1000, 60000, 1001, 7}, {1000, 60, 1, 61},
+  };
+  for (const Case& c : cases) {
+    const std::string expected = std::to_string(c.num) + "/" + std::to_string(c.den);
+    SCOPED_TRACE(expected);
+    const auto entries = roundedDurations(c.timescale, c.num, c.den, c.frames);
+    ASSERT_GT(entries.size(), 1u);  // the durations differ
+    uint64_t total = 0;
+    for (const auto& e : entries) total += uint64_t{e.first} * e.second;
+    ASSERT_NE(uint64_t{c.timescale} * c.frames * c.den, total * c.num);  // measured rate is off
+    ASSERT_TRUE(open(build(withDurations(c.timescale, entries))));
+    EXPECT_EQ(rate(), expected);
+  }
 }
 
 // Durations all equal keep the track's own rate, reduced, whatever it is.
@@ -348,6 +418,38 @@ TEST_F(QtReaderBuiltMovie, FragmentsCannotClaimWhatTheFileDoesNotHold) {
 // Per-sample records with every field (duration, size, flags, composition
 // offset) are read field by field; sizes that put the data past the end of
 // the file end the walk before that fragment.
+// A run that counts more samples than it lists, though the file could hold
+// them: the fragment is not counted and ends the walk.
+TEST_F(QtReaderBuiltMovie, RunCountingMoreSamplesThanItListsEndsTheWalk) {
+  std::string bytes = fragmentedHead(FragmentedMovie()) + fragment(1, {{1, samples(3, 1, 10), ""}});
+  Tfhd h;
+  h.flags = 0x20000;
+  Trun r;
+  r.flags = 0x301;
+  r.count = 10;
+  r.samples = samples(2, 1, 10);
+  bytes += moof(2, atom("traf", tfhd(h) + trun(r))) + atom("mdat", zeros(200));
+  bytes += fragment(3, {{1, samples(3, 1, 10), ""}});
+  ASSERT_TRUE(open(bytes));
+  EXPECT_EQ(video().videoLength, 3u);
+}
+
+// Track IDs come from a version 1 track header too (64-bit times before
+// the ID).
+TEST_F(QtReaderBuiltMovie, TrackIdOfAVersionOneTrackHeader) {
+  const std::string tkhd1 = atom("tkhd", be32(0x01000000) + zeros(16) + be32(1) + zeros(80));
+  const std::string empty = stts({}) + stsz(0) + atom("stco", zeros(8));
+  const std::string videoTrak = atom(
+      "trak",
+      tkhd1 + atom("mdia", mdhd(25, 0) + hdlr("vide") +
+                               atom("minf", atom("stbl", stsd(videoEntry("apch", 1920, 1080)) + empty))));
+  std::string bytes = atom("ftyp", std::string("qt  ") + zeros(4) + "qt  ") +
+                      atom("moov", atom("mvhd", zeros(100)) + videoTrak + atom("mvex", trex(1, 1, 0)));
+  bytes += fragment(1, {{1, samples(4, 1, 10), ""}});
+  ASSERT_TRUE(open(bytes));
+  EXPECT_EQ(video().videoLength, 4u);
+}
+
 TEST_F(QtReaderBuiltMovie, RunsWithEveryPerSampleField) {
   const std::string head = fragmentedHead(FragmentedMovie());
   auto fragmentOf = [](uint32_t sequence, uint32_t size, uint32_t mdatBytes) {
