@@ -51,8 +51,8 @@ class QtReaderBuiltMovie : public ::testing::Test {
 };
 
 // A built movie (frames 3, start frame 1234 at byte 36) with a timecode
-// track whose chunk offset table is the atom given.
-std::string withTimecodeOffsets(const std::string& stcoAtom) {
+// track whose sample size and chunk offset tables are the atoms given.
+std::string withTimecodeTables(const std::string& stszAtom, const std::string& stcoAtom) {
   Movie m;
   m.startFrame = 1234;
   const std::string bytes = build(m);
@@ -60,7 +60,40 @@ std::string withTimecodeOffsets(const std::string& stcoAtom) {
   return bytes.substr(0, moovAt) +
          atom("moov", bytes.substr(moovAt + 8) +
                           trak("tmcd", mdhd(25, 1),
-                               stsd(timecodeEntry(0, 25, 1, 25)) + stts({{1, 1}}) + stsz(1, 4) + stcoAtom));
+                               stsd(timecodeEntry(0, 25, 1, 25)) + stts({{1, 1}}) + stszAtom + stcoAtom));
+}
+std::string withTimecodeOffsets(const std::string& stcoAtom) {
+  return withTimecodeTables(stsz(1, 4), stcoAtom);
+}
+
+// A first timecode sample recorded as shorter than four bytes, or a size
+// table that lists no sample or counts one it does not hold, gives no
+// timecode.
+TEST_F(QtReaderBuiltMovie, TimecodeSampleSizesBelowFourOrMissingAreNotRead) {
+  uint32_t start = 0;
+  ASSERT_TRUE(open(withTimecodeTables(stsz(1, 4), stco(36))));
+  ASSERT_TRUE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(start, 1234u);
+  ASSERT_TRUE(open(withTimecodeTables(stsz(1, 0, 4), stco(36))));  // one size listed: 4
+  ASSERT_TRUE(reader_.GetStartingTimecode(start));
+  for (const std::string& sizes : {stsz(1, 2), stsz(1, 0, 2), stsz(0, 0), atom("stsz", zeros(8) + be32(1))}) {
+    ASSERT_TRUE(open(withTimecodeTables(sizes, stco(36))));
+    EXPECT_FALSE(reader_.GetStartingTimecode(start));
+    EXPECT_EQ(video().videoLength, 3u);
+  }
+}
+
+// A timecode sample that the first read already brought in is taken from
+// it, even at the very start of that read (a hostile offset of 0 reads the
+// ftyp's size).
+TEST_F(QtReaderBuiltMovie, TimecodeSampleAtTheStartOfTheFirstReadIsNotReadAgain) {
+  ASSERT_TRUE(open(withTimecodeOffsets(stco(36))));
+  const uint64_t inside = bytesRead();
+  uint32_t start = 0;
+  ASSERT_TRUE(open(withTimecodeOffsets(stco(0))));
+  ASSERT_TRUE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(start, 20u);
+  EXPECT_EQ(bytesRead(), inside);
 }
 
 // A chunk offset table that counts more offsets than it holds gives no
@@ -197,6 +230,22 @@ TEST_F(QtReaderBuiltMovie, EveryStandardRateSnapsToItself) {
     ASSERT_TRUE(open(build(withDurations(c.timescale, entries))));
     EXPECT_EQ(rate(), expected);
   }
+}
+
+// What rounding may explain is one millisecond of the clock, rounded down:
+// at 1999 units a second that is one unit, so durations two apart are a
+// mix (the longest run decides), where at 2000 they are rounding (the
+// measured rate, 10 x 2000 / 670, as no standard rate fits the stamps).
+TEST_F(QtReaderBuiltMovie, RoundingIsOneMillisecondOfTheClockRoundedDown) {
+  std::vector<std::pair<uint32_t, uint32_t>> entries;
+  for (int i = 0; i < 5; ++i) {
+    entries.push_back({1, 66});
+    entries.push_back({1, 68});
+  }
+  ASSERT_TRUE(open(build(withDurations(1999, entries))));
+  EXPECT_EQ(rate(), "1999/66");
+  ASSERT_TRUE(open(build(withDurations(2000, entries))));
+  EXPECT_EQ(rate(), "2000/67");
 }
 
 // Durations all equal keep the track's own rate, reduced, whatever it is.
