@@ -83,6 +83,14 @@ TEST_F(QtReaderBuiltMovie, TimecodeSampleSizesBelowFourOrMissingAreNotRead) {
   }
 }
 
+// A timecode track without a chunk offset table has no sample to read.
+TEST_F(QtReaderBuiltMovie, TimecodeTrackWithoutChunkOffsetsHasNoTimecode) {
+  ASSERT_TRUE(open(withTimecodeTables(stsz(1, 4), "")));
+  uint32_t start = 0;
+  EXPECT_FALSE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(video().videoLength, 3u);
+}
+
 // A timecode sample that the first read already brought in is taken from
 // it, even at the very start of that read (a hostile offset of 0 reads the
 // ftyp's size).
@@ -246,6 +254,14 @@ TEST_F(QtReaderBuiltMovie, RoundingIsOneMillisecondOfTheClockRoundedDown) {
   EXPECT_EQ(rate(), "1999/66");
   ASSERT_TRUE(open(build(withDurations(2000, entries))));
   EXPECT_EQ(rate(), "2000/67");
+}
+
+// A measured rate whose reduced fraction does not fit 32 bits is halved
+// until it does: 5000 x 1000003 / 135004999 is 2500007500 / 67502499.
+TEST_F(QtReaderBuiltMovie, MeasuredRatesTooLargeForThirtyTwoBitsAreHalved) {
+  ASSERT_TRUE(open(build(withDurations(1000003, {{1, 27000}, {4999, 27001}}))));
+  EXPECT_EQ(rate(), "2500007500/67502499");
+  EXPECT_EQ(video().videoLength, 5000u);
 }
 
 // Durations all equal keep the track's own rate, reduced, whatever it is.
@@ -497,6 +513,41 @@ TEST_F(QtReaderBuiltMovie, TrackIdOfAVersionOneTrackHeader) {
   bytes += fragment(1, {{1, samples(4, 1, 10), ""}});
   ASSERT_TRUE(open(bytes));
   EXPECT_EQ(video().videoLength, 4u);
+}
+
+// A track fragment without its header is malformed: its fragment is not
+// counted and ends the walk.
+TEST_F(QtReaderBuiltMovie, TrackFragmentWithoutAHeaderEndsTheWalk) {
+  std::string bytes = fragmentedHead(FragmentedMovie()) + fragment(1, {{1, samples(3, 1, 10), ""}});
+  Trun r;
+  r.flags = 0x301;
+  r.count = 2;
+  r.samples = samples(2, 1, 10);
+  bytes += moof(2, atom("traf", trun(r))) + atom("mdat", zeros(20));
+  bytes += fragment(3, {{1, samples(3, 1, 10), ""}});
+  ASSERT_TRUE(open(bytes));
+  EXPECT_EQ(video().videoLength, 3u);
+}
+
+// A fragment header giving a sample description index before its default
+// duration and size: the defaults are read past it.
+TEST_F(QtReaderBuiltMovie, FragmentHeaderWithDescriptionIndexAndDefaults) {
+  Tfhd h;
+  h.flags = 0x20000 | 0x2 | 0x8 | 0x10;
+  h.duration = 2;
+  h.size = 10;
+  Trun r;
+  r.flags = 0x1;
+  r.count = 4;
+  const std::string head = fragmentedHead(FragmentedMovie());  // trex: duration 1, size 0
+  const std::string traf = atom("traf", tfhd(h) + trun(r));
+  const uint32_t moofSize = static_cast<uint32_t>(moof(1, traf).size());
+  r.dataOffset = static_cast<int32_t>(moofSize + 8);
+  ASSERT_TRUE(open(head + moof(1, atom("traf", tfhd(h) + trun(r))) + atom("mdat", zeros(40))));
+  EXPECT_EQ(video().videoLength, 4u);
+  EXPECT_EQ(rate(), "25/2");
+  // The samples' 40 bytes must be in the file: 39 are not enough.
+  EXPECT_FALSE(open(head + moof(1, atom("traf", tfhd(h) + trun(r))) + atom("mdat", zeros(39))));
 }
 
 TEST_F(QtReaderBuiltMovie, RunsWithEveryPerSampleField) {

@@ -369,6 +369,16 @@ TEST_F(QtReaderBuilt, SoundDescriptionVersions) {
   EXPECT_EQ(channels(), 0u);
 }
 
+// The channels are those of the first sound track that says how many it
+// has: a first track of no channels leaves them to the next.
+TEST_F(QtReaderBuilt, ChannelsFromTheFirstSoundTrackThatHasSome) {
+  movbuild::Movie m;
+  m.audio = {{0, 0}, {0, 2}, {0, 6}};
+  ASSERT_TRUE(open(movbuild::build(m)));
+  EXPECT_EQ(channels(), 2u);
+  EXPECT_EQ(reader_.audioTrackCount, 3u);
+}
+
 TEST_F(QtReaderBuilt, TimecodeThroughStcoAndCo64) {
   movbuild::Movie m;
   m.timescale = 30000;
