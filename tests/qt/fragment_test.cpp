@@ -38,6 +38,15 @@ class QtReaderBuiltMovie : public ::testing::Test {
     return std::to_string(v.frameRateNumerator) + "/" + std::to_string(v.frameRateDenominator);
   }
   uint64_t bytesRead() const { return reader_.BytesRead() - before_; }
+  // Time-to-sample entries of pairs of samples, one of duration a, then one of b.
+  static std::vector<std::pair<uint32_t, uint32_t>> alternating(int pairs, uint32_t a, uint32_t b) {
+    std::vector<std::pair<uint32_t, uint32_t>> entries;
+    for (int i = 0; i < pairs; ++i) {
+      entries.push_back({1, a});
+      entries.push_back({1, b});
+    }
+    return entries;
+  }
   static Movie withDurations(uint32_t timescale, std::vector<std::pair<uint32_t, uint32_t>> durations) {
     Movie m;
     m.timescale = timescale;
@@ -178,12 +187,7 @@ TEST_F(QtReaderBuiltMovie, MillisecondRemuxWithAShortLastFrameReadsAsItsRate) {
 // Durations one unit apart that fit no standard rate: the measured rate,
 // timescale x samples / total duration, reduced.
 TEST_F(QtReaderBuiltMovie, RoundedDurationsOfAnOddRateGiveTheMeasuredRate) {
-  std::vector<std::pair<uint32_t, uint32_t>> entries;
-  for (int i = 0; i < 30; ++i) {
-    entries.push_back({1, 33});
-    entries.push_back({1, 34});
-  }
-  ASSERT_TRUE(open(build(withDurations(1000, entries))));
+  ASSERT_TRUE(open(build(withDurations(1000, alternating(30, 33, 34)))));
   EXPECT_EQ(rate(), "2000/67");  // 60 x 1000 / 2010
   EXPECT_DOUBLE_EQ(video().frameRate, 2000.0 / 67.0);
 }
@@ -245,11 +249,7 @@ TEST_F(QtReaderBuiltMovie, EveryStandardRateSnapsToItself) {
 // mix (the longest run decides), where at 2000 they are rounding (the
 // measured rate, 10 x 2000 / 670, as no standard rate fits the stamps).
 TEST_F(QtReaderBuiltMovie, RoundingIsOneMillisecondOfTheClockRoundedDown) {
-  std::vector<std::pair<uint32_t, uint32_t>> entries;
-  for (int i = 0; i < 5; ++i) {
-    entries.push_back({1, 66});
-    entries.push_back({1, 68});
-  }
+  const auto entries = alternating(5, 66, 68);
   ASSERT_TRUE(open(build(withDurations(1999, entries))));
   EXPECT_EQ(rate(), "1999/66");
   ASSERT_TRUE(open(build(withDurations(2000, entries))));
