@@ -5,9 +5,11 @@
 # from them, and probe.tsv: what ffprobe and mediainfo report for every
 # well-formed clip. The clips are committed, so the test suite needs none of
 # these tools; run this only to change them.
-#   scripts/make-qt-fixtures.sh            (needs: scripts/install-deps.sh fixtures)
+#   scripts/make-qt-fixtures.sh
+# It installs the tools it needs first (scripts/install-deps.sh fixtures).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+bash "$root/scripts/install-deps.sh" fixtures
 out=$root/tests/data/qt
 mkdir -p "$out"
 rm -f "$out"/*.mov "$out"/*.MOV "$out"/ffprobe.tsv "$out"/probe.tsv
@@ -138,6 +140,14 @@ gst "${gray[@]}" num-buffers=10 ! video/x-raw,width=64,height=36,framerate=25/1 
 gst "${gray[@]}" num-buffers=4 ! video/x-raw,width=64,height=36,framerate=30000/1001 \
   ! timecodestamper set=always drop-frame=true timecode-offset=107892 \
   ! $prores ! qtmux ! filesink location="$out/gst_tc_df_2997.mov"
+# Streamable fragments: an empty moov, runs with per-sample durations and
+# sizes, an mfra index at the end.
+gst "${gray[@]}" num-buffers=10 ! video/x-raw,width=64,height=36,framerate=30000/1001 \
+  ! $prores ! qtmux fragment-duration=100 streamable=true ! filesink location="$out/gst_frag_stream_2997.mov"
+# A millisecond time scale with a drop-frame time code at 59.94 (16/17).
+gst "${gray[@]}" num-buffers=60 ! video/x-raw,width=64,height=36,framerate=60000/1001 \
+  ! timecodestamper set=always drop-frame=true timecode-offset=215784 \
+  ! $prores ! qtmux trak-timescale=1000 ! filesink location="$out/gst_jit_tc_df_5994.mov"
 
 # libquicktime's transcoder, from uncompressed ffmpeg clips.
 ff -f lavfi -i color=c=gray:s=32x18:r=30000/1001 -frames:v 4 -c:v rawvideo -pix_fmt uyvy422 "$tmp/lqt_in_2997.mov"
@@ -175,6 +185,12 @@ probe() {
 
 # Malformed variants, all made from real clips.
 bad=$out/bad
+# GStreamer 1.22's qtmux with streamable fragments and a time code track
+# writes a moov whose last atom is cut and no readable fragment after it:
+# ffprobe reads no frame of it either.
+gst "${gray[@]}" num-buffers=10 ! video/x-raw,width=64,height=36,framerate=30000/1001 \
+  ! timecodestamper set=always drop-frame=true timecode-offset=107892 \
+  ! $prores ! qtmux fragment-duration=100 streamable=true ! filesink location="$bad/gst_frag_tc_broken.mov"
 src=$out/tc_df_2997.mov      # ftyp wide mdat moov
 fast=$out/faststart.mov      # ftyp moov wide mdat
 size=$(stat -c %s "$src")

@@ -38,6 +38,15 @@ class QtReaderBuiltMovie : public ::testing::Test {
     return std::to_string(v.frameRateNumerator) + "/" + std::to_string(v.frameRateDenominator);
   }
   uint64_t bytesRead() const { return reader_.BytesRead() - before_; }
+  // Time-to-sample entries of pairs of samples, one of duration a, then one of b.
+  static std::vector<std::pair<uint32_t, uint32_t>> alternating(int pairs, uint32_t a, uint32_t b) {
+    std::vector<std::pair<uint32_t, uint32_t>> entries;
+    for (int i = 0; i < pairs; ++i) {
+      entries.push_back({1, a});
+      entries.push_back({1, b});
+    }
+    return entries;
+  }
   static Movie withDurations(uint32_t timescale, std::vector<std::pair<uint32_t, uint32_t>> durations) {
     Movie m;
     m.timescale = timescale;
@@ -49,6 +58,89 @@ class QtReaderBuiltMovie : public ::testing::Test {
   CQTStreaming reader_;
   uint64_t before_ = 0;
 };
+
+// A built movie (frames 3, start frame 1234 at byte 36) with a timecode
+// track whose sample size and chunk offset tables are the atoms given.
+std::string withTimecodeTables(const std::string& stszAtom, const std::string& stcoAtom) {
+  Movie m;
+  m.startFrame = 1234;
+  const std::string bytes = build(m);
+  const std::size_t moovAt = bytes.find("moov") - 4;
+  return bytes.substr(0, moovAt) +
+         atom("moov", bytes.substr(moovAt + 8) +
+                          trak("tmcd", mdhd(25, 1),
+                               stsd(timecodeEntry(0, 25, 1, 25)) + stts({{1, 1}}) + stszAtom + stcoAtom));
+}
+std::string withTimecodeOffsets(const std::string& stcoAtom) {
+  return withTimecodeTables(stsz(1, 4), stcoAtom);
+}
+
+// A first timecode sample recorded as shorter than four bytes, or a size
+// table that lists no sample or counts one it does not hold, gives no
+// timecode.
+TEST_F(QtReaderBuiltMovie, TimecodeSampleSizesBelowFourOrMissingAreNotRead) {
+  uint32_t start = 0;
+  ASSERT_TRUE(open(withTimecodeTables(stsz(1, 4), stco(36))));
+  ASSERT_TRUE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(start, 1234u);
+  ASSERT_TRUE(open(withTimecodeTables(stsz(1, 0, 4), stco(36))));  // one size listed: 4
+  ASSERT_TRUE(reader_.GetStartingTimecode(start));
+  for (const std::string& sizes : {stsz(1, 2), stsz(1, 0, 2), stsz(0, 0), atom("stsz", zeros(8) + be32(1))}) {
+    ASSERT_TRUE(open(withTimecodeTables(sizes, stco(36))));
+    EXPECT_FALSE(reader_.GetStartingTimecode(start));
+    EXPECT_EQ(video().videoLength, 3u);
+  }
+}
+
+// A timecode track without a chunk offset table has no sample to read.
+TEST_F(QtReaderBuiltMovie, TimecodeTrackWithoutChunkOffsetsHasNoTimecode) {
+  ASSERT_TRUE(open(withTimecodeTables(stsz(1, 4), "")));
+  uint32_t start = 0;
+  EXPECT_FALSE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(video().videoLength, 3u);
+}
+
+// A timecode sample that the first read already brought in is taken from
+// it, even at the very start of that read (a hostile offset of 0 reads the
+// ftyp's size).
+TEST_F(QtReaderBuiltMovie, TimecodeSampleAtTheStartOfTheFirstReadIsNotReadAgain) {
+  ASSERT_TRUE(open(withTimecodeOffsets(stco(36))));
+  const uint64_t inside = bytesRead();
+  uint32_t start = 0;
+  ASSERT_TRUE(open(withTimecodeOffsets(stco(0))));
+  ASSERT_TRUE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(start, 20u);
+  EXPECT_EQ(bytesRead(), inside);
+}
+
+// A chunk offset table that counts more offsets than it holds gives no
+// timecode, even when its first offset is whole.
+TEST_F(QtReaderBuiltMovie, TimecodeOffsetTableCountingMoreThanItHoldsIsNotRead) {
+  ASSERT_TRUE(open(withTimecodeOffsets(atom("stco", zeros(4) + be32(1) + be32(36) + zeros(3)))));
+  uint32_t start = 0;
+  ASSERT_TRUE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(start, 1234u);
+  ASSERT_TRUE(open(withTimecodeOffsets(atom("stco", zeros(4) + be32(2) + be32(36) + zeros(3)))));
+  EXPECT_FALSE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(video().videoLength, 3u);
+}
+
+// A timecode sample cut by the end of the file is not read at all: three
+// bytes left read no more than two.
+TEST_F(QtReaderBuiltMovie, TimecodeSampleCutByTheEndIsNotRead) {
+  const std::size_t size = withTimecodeOffsets(stco(0)).size();
+  uint32_t start = 0;
+  ASSERT_TRUE(open(withTimecodeOffsets(stco(static_cast<uint32_t>(size - 2)))));
+  EXPECT_FALSE(reader_.GetStartingTimecode(start));
+  const uint64_t twoLeft = bytesRead();
+  ASSERT_TRUE(open(withTimecodeOffsets(stco(static_cast<uint32_t>(size - 3)))));
+  EXPECT_FALSE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(bytesRead(), twoLeft);
+  // Four bytes left are a sample: the file's last four.
+  ASSERT_TRUE(open(withTimecodeOffsets(stco(static_cast<uint32_t>(size - 4)))));
+  ASSERT_TRUE(reader_.GetStartingTimecode(start));
+  EXPECT_EQ(bytesRead(), twoLeft + 4);
+}
 
 // Rates a millisecond clock cannot hold: durations one unit apart read as
 // the standard rate, exactly (the frame rate is the rational's quotient).
@@ -95,14 +187,81 @@ TEST_F(QtReaderBuiltMovie, MillisecondRemuxWithAShortLastFrameReadsAsItsRate) {
 // Durations one unit apart that fit no standard rate: the measured rate,
 // timescale x samples / total duration, reduced.
 TEST_F(QtReaderBuiltMovie, RoundedDurationsOfAnOddRateGiveTheMeasuredRate) {
-  std::vector<std::pair<uint32_t, uint32_t>> entries;
-  for (int i = 0; i < 30; ++i) {
-    entries.push_back({1, 33});
-    entries.push_back({1, 34});
-  }
-  ASSERT_TRUE(open(build(withDurations(1000, entries))));
+  ASSERT_TRUE(open(build(withDurations(1000, alternating(30, 33, 34)))));
   EXPECT_EQ(rate(), "2000/67");  // 60 x 1000 / 2010
   EXPECT_DOUBLE_EQ(video().frameRate, 2000.0 / 67.0);
+}
+
+// A clock too coarse for the rate: 25 and 50 frames a second on a clock of
+// 60 give durations 2 and 3, or 1 and 2. Seven frames end at 17 and 8
+// ticks, so the measured rate is 24.71 and 52.5; the time stamps fit 25
+// and 50 and no other standard rate.
+TEST_F(QtReaderBuiltMovie, ShortClipsOnACoarseClockSnapToTheRateTheirStampsFit) {
+  ASSERT_TRUE(open(build(withDurations(60, roundedDurations(60, 25, 1, 7)))));
+  EXPECT_EQ(rate(), "25/1");
+  EXPECT_EQ(video().videoLength, 7u);
+  ASSERT_TRUE(open(build(withDurations(60, roundedDurations(60, 50, 1, 7)))));
+  EXPECT_EQ(rate(), "50/1");
+  // Stamps 0 2 4 7 10 12 14 fit no standard rate (the third is 0.8 off 25's
+  // 4.8): the measured rate stays.
+  ASSERT_TRUE(open(build(withDurations(60, {{2, 2}, {2, 3}, {2, 2}, {1, 3}}))));
+  EXPECT_EQ(rate(), "420/17");
+}
+
+// Ten minutes of 23.976 on a millisecond clock: the stamps fit only
+// 24000/1001 itself, not a rate a hair away from it.
+TEST_F(QtReaderBuiltMovie, LongClipsPinTheStandardRateExactly) {
+  ASSERT_TRUE(open(build(withDurations(1000, roundedDurations(1000, 24000, 1001, 14386)))));
+  EXPECT_EQ(rate(), "24000/1001");
+  EXPECT_EQ(video().videoLength, 14386u);
+}
+
+// Every standard rate on a clock that cannot hold it, in a clip whose
+// length leaves the measured rate off the standard one: each snaps to
+// itself, exactly. (Seven frames of 60 would fit 59.94 too, and measure
+// nearer to it: 61 frames fit 60 alone.)
+TEST_F(QtReaderBuiltMovie, EveryStandardRateSnapsToItself) {
+  struct Case {
+    uint32_t timescale;
+    uint32_t num, den;
+    uint32_t frames;
+  };
+  const Case cases[] = {
+      {1000, 24000, 1001, 7}, {1000, 24, 1, 7},       {60, 25, 1, 7},
+      {1000, 30000, 1001, 7}, {1000, 30, 1, 7},       {1000, 48, 1, 7},
+      {60, 50, 1, 7},         {1000, 60000, 1001, 7}, {1000, 60, 1, 61},
+  };
+  for (const Case& c : cases) {
+    const std::string expected = std::to_string(c.num) + "/" + std::to_string(c.den);
+    SCOPED_TRACE(expected);
+    const auto entries = roundedDurations(c.timescale, c.num, c.den, c.frames);
+    ASSERT_GT(entries.size(), 1u);  // the durations differ
+    uint64_t total = 0;
+    for (const auto& e : entries) total += uint64_t{e.first} * e.second;
+    ASSERT_NE(uint64_t{c.timescale} * c.frames * c.den, total * c.num);  // measured rate is off
+    ASSERT_TRUE(open(build(withDurations(c.timescale, entries))));
+    EXPECT_EQ(rate(), expected);
+  }
+}
+
+// What rounding may explain is one millisecond of the clock, rounded down:
+// at 1999 units a second that is one unit, so durations two apart are a
+// mix (the longest run decides), where at 2000 they are rounding (the
+// measured rate, 10 x 2000 / 670, as no standard rate fits the stamps).
+TEST_F(QtReaderBuiltMovie, RoundingIsOneMillisecondOfTheClockRoundedDown) {
+  const auto entries = alternating(5, 66, 68);
+  ASSERT_TRUE(open(build(withDurations(1999, entries))));
+  EXPECT_EQ(rate(), "1999/66");
+  ASSERT_TRUE(open(build(withDurations(2000, entries))));
+  EXPECT_EQ(rate(), "2000/67");
+}
+
+// A measured rate whose reduced fraction does not fit 32 bits is halved
+// until it does: 5000 x 1000003 / 135004999 is 2500007500 / 67502499.
+TEST_F(QtReaderBuiltMovie, MeasuredRatesTooLargeForThirtyTwoBitsAreHalved) {
+  ASSERT_TRUE(open(build(withDurations(1000003, {{1, 27000}, {4999, 27001}}))));
+  EXPECT_EQ(rate(), "2500007500/67502499");
+  EXPECT_EQ(video().videoLength, 5000u);
 }
 
 // Durations all equal keep the track's own rate, reduced, whatever it is.
@@ -324,6 +483,73 @@ TEST_F(QtReaderBuiltMovie, FragmentsCannotClaimWhatTheFileDoesNotHold) {
 // Per-sample records with every field (duration, size, flags, composition
 // offset) are read field by field; sizes that put the data past the end of
 // the file end the walk before that fragment.
+// A run that counts more samples than it lists, though the file could hold
+// them: the fragment is not counted and ends the walk.
+TEST_F(QtReaderBuiltMovie, RunCountingMoreSamplesThanItListsEndsTheWalk) {
+  std::string bytes = fragmentedHead(FragmentedMovie()) + fragment(1, {{1, samples(3, 1, 10), ""}});
+  Tfhd h;
+  h.flags = 0x20000;
+  Trun r;
+  r.flags = 0x301;
+  r.count = 10;
+  r.samples = samples(2, 1, 10);
+  bytes += moof(2, atom("traf", tfhd(h) + trun(r))) + atom("mdat", zeros(200));
+  bytes += fragment(3, {{1, samples(3, 1, 10), ""}});
+  ASSERT_TRUE(open(bytes));
+  EXPECT_EQ(video().videoLength, 3u);
+}
+
+// Track IDs come from a version 1 track header too (64-bit times before
+// the ID).
+TEST_F(QtReaderBuiltMovie, TrackIdOfAVersionOneTrackHeader) {
+  const std::string tkhd1 = atom("tkhd", be32(0x01000000) + zeros(16) + be32(1) + zeros(80));
+  const std::string empty = stts({}) + stsz(0) + atom("stco", zeros(8));
+  const std::string videoTrak = atom(
+      "trak",
+      tkhd1 + atom("mdia", mdhd(25, 0) + hdlr("vide") +
+                               atom("minf", atom("stbl", stsd(videoEntry("apch", 1920, 1080)) + empty))));
+  std::string bytes = atom("ftyp", std::string("qt  ") + zeros(4) + "qt  ") +
+                      atom("moov", atom("mvhd", zeros(100)) + videoTrak + atom("mvex", trex(1, 1, 0)));
+  bytes += fragment(1, {{1, samples(4, 1, 10), ""}});
+  ASSERT_TRUE(open(bytes));
+  EXPECT_EQ(video().videoLength, 4u);
+}
+
+// A track fragment without its header is malformed: its fragment is not
+// counted and ends the walk.
+TEST_F(QtReaderBuiltMovie, TrackFragmentWithoutAHeaderEndsTheWalk) {
+  std::string bytes = fragmentedHead(FragmentedMovie()) + fragment(1, {{1, samples(3, 1, 10), ""}});
+  Trun r;
+  r.flags = 0x301;
+  r.count = 2;
+  r.samples = samples(2, 1, 10);
+  bytes += moof(2, atom("traf", trun(r))) + atom("mdat", zeros(20));
+  bytes += fragment(3, {{1, samples(3, 1, 10), ""}});
+  ASSERT_TRUE(open(bytes));
+  EXPECT_EQ(video().videoLength, 3u);
+}
+
+// A fragment header giving a sample description index before its default
+// duration and size: the defaults are read past it.
+TEST_F(QtReaderBuiltMovie, FragmentHeaderWithDescriptionIndexAndDefaults) {
+  Tfhd h;
+  h.flags = 0x20000 | 0x2 | 0x8 | 0x10;
+  h.duration = 2;
+  h.size = 10;
+  Trun r;
+  r.flags = 0x1;
+  r.count = 4;
+  const std::string head = fragmentedHead(FragmentedMovie());  // trex: duration 1, size 0
+  const std::string traf = atom("traf", tfhd(h) + trun(r));
+  const uint32_t moofSize = static_cast<uint32_t>(moof(1, traf).size());
+  r.dataOffset = static_cast<int32_t>(moofSize + 8);
+  ASSERT_TRUE(open(head + moof(1, atom("traf", tfhd(h) + trun(r))) + atom("mdat", zeros(40))));
+  EXPECT_EQ(video().videoLength, 4u);
+  EXPECT_EQ(rate(), "25/2");
+  // The samples' 40 bytes must be in the file: 39 are not enough.
+  EXPECT_FALSE(open(head + moof(1, atom("traf", tfhd(h) + trun(r))) + atom("mdat", zeros(39))));
+}
+
 TEST_F(QtReaderBuiltMovie, RunsWithEveryPerSampleField) {
   const std::string head = fragmentedHead(FragmentedMovie());
   auto fragmentOf = [](uint32_t sequence, uint32_t size, uint32_t mdatBytes) {

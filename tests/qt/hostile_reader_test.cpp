@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The movie reader against hostile files and an exhausted process: special files named like
 // movies, no descriptor left, allocations failing at every point, the movie-atom cap.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -12,6 +13,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <functional>
@@ -33,7 +35,23 @@ using vorta_test::writeFile;
 
 const char* kClip = "qt/hd1080_p25.mov";
 
+// Reads of the movie reader that fail with EINTR before reading, as a read
+// interrupted by a signal does.
+std::atomic<int> gInterruptReads{0};
+
 }  // namespace
+
+// The reader's reads go through pread64 (64-bit offsets on every target).
+extern "C" ssize_t pread64(int fd, void* buffer, size_t length, off64_t offset) {
+  if (gInterruptReads.load() > 0) {
+    gInterruptReads.fetch_sub(1);
+    errno = EINTR;
+    return -1;
+  }
+  using Read = ssize_t (*)(int, void*, size_t, off64_t);
+  static const Read real = reinterpret_cast<Read>(dlsym(RTLD_NEXT, "pread64"));
+  return real(fd, buffer, length, offset);
+}
 
 // FIFOs (with no writer), a socket, a directory, devices and links to them
 // are refused at once; OpenError says the file was refused (0) or gives the
@@ -184,4 +202,40 @@ TEST(QtReaderHostile, MovieAtomAtAndJustPastTheCap) {
     else
       EXPECT_LT(reader.BytesRead(), 1024u) << "an atom past the cap is refused unread";
   }
+}
+
+// A regular file that ends before its stated size (a sysfs attribute says
+// 4096 bytes and holds a line): the read that meets the end is no system
+// error, so the file is refused with OpenError 0.
+TEST(QtReaderHostile, FileShorterThanItsSizeIsRefusedWithoutError) {
+  const char* path = "/sys/class/net/lo/address";
+  struct stat st;
+  if (stat(path, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 512)
+    GTEST_SKIP() << path << " is not a sysfs file longer than its contents here";
+  CQTStreaming reader;
+  EXPECT_FALSE(reader.OpenForReading(path));
+  EXPECT_EQ(reader.OpenError(), 0);
+  EXPECT_GT(reader.BytesRead(), 0u);
+  EXPECT_LT(reader.BytesRead(), 512u);
+}
+
+// A read interrupted by a signal before it read anything is made again:
+// the movie reads as it does uninterrupted.
+TEST(QtReaderHostile, InterruptedReadsAreMadeAgain) {
+  CQTStreaming plain;
+  ASSERT_TRUE(plain.OpenForReading(dataPath("qt/tc_df_2997.mov")));
+  uint32_t expected = 0;
+  ASSERT_TRUE(plain.GetStartingTimecode(expected));
+
+  CQTStreaming reader;
+  gInterruptReads.store(3);
+  const bool opened = reader.OpenForReading(dataPath("qt/tc_df_2997.mov"));
+  const int left = gInterruptReads.exchange(0);
+  ASSERT_TRUE(opened);
+  EXPECT_EQ(left, 0);
+  EXPECT_EQ(reader.OpenError(), 0);
+  EXPECT_EQ(reader.BytesRead(), plain.BytesRead());
+  uint32_t start = 0;
+  ASSERT_TRUE(reader.GetStartingTimecode(start));
+  EXPECT_EQ(start, expected);
 }

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
@@ -146,6 +147,46 @@ TEST(QtReadSequence, AFailedReadEndsTheSequence) {
     EXPECT_TRUE(sequence.Finished());
     close(fd);
   }
+}
+
+// The walk over the fragments ends at a header read that meets the end of
+// the file (error 0): the movie is had, and the timecode sample is then read
+// whole from the file, none of it taken from the window the failed read was
+// to fill. (The sample here sits at byte 0, where the last whole window
+// began.)
+TEST(QtReadSequence, AReadEndingTheFragmentWalkLeavesNoWindowBehind) {
+  using namespace movbuild;
+  // Two video samples in the moov, more in the fragment that is never read.
+  const std::string tables = stts({{2, 1}}) + stsz(2) + stco(0);
+  const std::string moov =
+      atom("moov", atom("mvhd", zeros(100)) +
+                       trak("vide", mdhd(25, 2), stsd(videoEntry("apch", 1920, 1080)) + tables, 1) +
+                       trak("tmcd", mdhd(25, 1),
+                            stsd(timecodeEntry(0, 25, 1, 25)) + stts({{1, 1}}) + stsz(1, 4) + stco(0), 2) +
+                       atom("mvex", trex(1, 1, 0)));
+  const std::string head = atom("ftyp", std::string("qt  ") + zeros(4) + "qt  ") + moov;
+  ASSERT_GT(head.size(), 512u);  // the walk's first header is out of the first window
+  const std::string file = head + fragment(1, {{1, samples(2, 1, 1000), ""}});
+  CQTReadSequence sequence(file.size());
+  uint64_t offset;
+  std::size_t length;
+  bool failed = false;
+  while (sequence.NextRead(offset, length)) {
+    unsigned char* buffer = sequence.ReadBuffer();
+    ASSERT_NE(buffer, nullptr);
+    if (offset == head.size()) {
+      sequence.ReadDone(false, 0);
+      failed = true;
+      break;
+    }
+    ASSERT_LE(offset + length, file.size());
+    std::memcpy(buffer, file.data() + offset, length);
+    sequence.ReadDone(true, 0);
+  }
+  ASSERT_TRUE(failed);
+  ASSERT_TRUE(sequence.NextRead(offset, length));
+  EXPECT_EQ(offset, 0u);
+  EXPECT_EQ(length, 4u);
 }
 
 // No memory for a read's buffer: ReadBuffer gives null and the sequence is

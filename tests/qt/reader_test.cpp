@@ -187,6 +187,10 @@ const BadCase kBadCases[] = {
     {"frag_huge_run.mov", false, 0, 0, -1},
     // The first run lists more samples than its box holds: no video.
     {"frag_run_overflow.mov", false, 0, 0, -1},
+    // GStreamer's fragments with a time code: the moov's last atom is cut
+    // and nothing after it is a fragment, so the video has no sample
+    // (ffprobe reads no frame of it either).
+    {"gst_frag_tc_broken.mov", false, 0, 0, -1},
 };
 
 TEST(QtReaderMalformed, EveryBadFixtureIsListed) {
@@ -265,6 +269,25 @@ TEST(QtReaderMalformed, NothingOpenFillsNothing) {
   CQTAtomConfiguration other;
   ASSERT_TRUE(reader.OpenForReading(dataPath("qt/rate_24.mov")));
   EXPECT_FALSE(reader.GetConfiguration(other));
+}
+
+// A new record says nothing: every field zero, and no audio channel.
+TEST(QtReaderMalformed, NewRecordsAreEmpty) {
+  const CQTVideoConfiguration video;
+  EXPECT_EQ(video.width, 0);
+  EXPECT_EQ(video.height, 0);
+  EXPECT_EQ(video.fieldMode, 0u);
+  EXPECT_EQ(video.dropFrame, 0u);
+  EXPECT_EQ(video.codecType, 0u);
+  EXPECT_EQ(video.frameRate, 0.0);
+  EXPECT_EQ(video.videoLength, 0u);
+  EXPECT_EQ(video.frameRateNumerator, 0u);
+  EXPECT_EQ(video.frameRateDenominator, 0u);
+  EXPECT_EQ(CQTAudioConfiguration().audioChannelsPerTrack, 0u);
+  const CQTStreaming reader;
+  EXPECT_EQ(reader.audioTrackCount, 0u);
+  EXPECT_EQ(reader.BytesRead(), 0u);
+  EXPECT_EQ(reader.OpenError(), 0);
 }
 
 // Built movies.
@@ -346,6 +369,16 @@ TEST_F(QtReaderBuilt, SoundDescriptionVersions) {
   EXPECT_EQ(channels(), 0u);
 }
 
+// The channels are those of the first sound track that says how many it
+// has: a first track of no channels leaves them to the next.
+TEST_F(QtReaderBuilt, ChannelsFromTheFirstSoundTrackThatHasSome) {
+  movbuild::Movie m;
+  m.audio = {{0, 0}, {0, 2}, {0, 6}};
+  ASSERT_TRUE(open(movbuild::build(m)));
+  EXPECT_EQ(channels(), 2u);
+  EXPECT_EQ(reader_.audioTrackCount, 3u);
+}
+
 TEST_F(QtReaderBuilt, TimecodeThroughStcoAndCo64) {
   movbuild::Movie m;
   m.timescale = 30000;
@@ -382,6 +415,18 @@ TEST_F(QtReaderBuilt, SixtyFourBitAndToTheEndSizesAndPadding) {
   // A 64-bit sized moov, first.
   ASSERT_TRUE(open(ftyp + atom64("moov", moovBody) + atom("mdat", zeros(10))));
   EXPECT_EQ(video().width, 1920);
+}
+
+// A child atom of size 0 runs to the end of its parent: here the video
+// track, the moov's last child.
+TEST_F(QtReaderBuilt, ChildOfSizeZeroRunsToTheEndOfItsParent) {
+  using namespace movbuild;
+  std::string bytes = build(Movie());
+  const std::size_t trakAt = bytes.find("trak") - 4;
+  bytes.replace(trakAt, 4, be32(0));
+  ASSERT_TRUE(open(bytes));
+  EXPECT_EQ(video().width, 1920);
+  EXPECT_EQ(video().videoLength, 3u);
 }
 
 // Atom headers are read a few hundred bytes at a time: headers, 64-bit
