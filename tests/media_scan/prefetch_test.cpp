@@ -37,6 +37,9 @@ namespace kernel {
 // While set, a read tried without waiting (RWF_NOWAIT) of the file open as fd
 // first asks this: a negative errno fails the read with it, 0 lets it be made.
 std::function<int(int fd)> nowait;
+// While set, a read tried without waiting of more than one byte comes back
+// one byte short (the rest comes with the next read).
+bool shortReads = false;
 // Announcements (POSIX_FADV_WILLNEED) made, and the files they were made of.
 unsigned long announcements = 0;
 std::set<std::pair<dev_t, ino_t>> announced;
@@ -56,6 +59,14 @@ extern "C" ssize_t preadv64v2(int fd, const struct iovec* iov, int count, off64_
     if (answer < 0) {
       errno = -answer;
       return -1;
+    }
+    // A call that succeeds may leave errno as it likes; the caller must not
+    // read it then.
+    errno = EAGAIN;
+    if (kernel::shortReads && count == 1 && iov[0].iov_len > 1) {
+      struct iovec shorter = iov[0];
+      --shorter.iov_len;
+      return real(fd, &shorter, 1, offset, flags);
     }
   }
   return real(fd, iov, count, offset, flags);
@@ -109,6 +120,7 @@ struct KernelAnswers {
   }
   ~KernelAnswers() {
     kernel::nowait = nullptr;
+    kernel::shortReads = false;
     kernel::announced.clear();
   }
 };
@@ -536,15 +548,19 @@ TEST(ScanReadAhead, ACachedMediumIsProbedOneFileInMany) {
   iovec span{&byte, 1};
   const bool probes = preadv2(fd, &span, 1, 0, RWF_NOWAIT) == 1;
   close(fd);
-  for (const bool interrupt : {false, true}) {
+  ASSERT_EQ(one.calls, one.reads);  // each read whole at once
+  for (const int round : {0, 1, 2}) {
+    const bool interrupt = round == 1, shorten = round == 2;
     for (const Engine engine : {Engine::Ring, Engine::Advice}) {
       SCOPED_TRACE(std::string(engine == Engine::Ring ? "io_uring" : "advice") +
-                   (interrupt ? ", each file's first probe interrupted by a signal" : ""));
+                   (interrupt ? ", each file's first probe interrupted by a signal" : "") +
+                   (shorten ? ", each read coming one byte short" : ""));
       EngineLimit limit(engine);
       std::set<std::pair<dev_t, ino_t>> interrupted;
       KernelAnswers answers([&](int file) {
         return interrupt && interrupted.insert(kernel::fileOf(file)).second ? -EINTR : 0;
       });
+      kernel::shortReads = shorten;
       DIR* d = opendir(dir.path().c_str());
       ASSERT_NE(d, nullptr);
       ScanPrefetch ahead(dir.path(), d);
@@ -555,7 +571,9 @@ TEST(ScanReadAhead, ACachedMediumIsProbedOneFileInMany) {
         x.filesRead = x.filesCached = 9;
         x.reads = 9 * one.reads;
         x.bytes = 9 * one.bytes;
-        x.probes = 9 * (one.calls + (interrupt ? 1 : 0));  // an interrupted probe is made again
+        // An interrupted probe is made again; a read that came short is made
+        // again for the rest.
+        x.probes = 9 * (one.calls + (interrupt ? 1 : 0) + (shorten ? one.reads : 0));
         x.descriptorCounts = 1;
         x.mostOpen = 1;
         x.mostHeld = one.bytes;
@@ -795,16 +813,18 @@ TEST(ScanReadAhead, NearTheDescriptorLimitItOpensWhatItCanSpareAndNoMore) {
 // each candidate the scan takes, the next 32 candidates are in hand and open,
 // each with its first read announced, and the files the scan has passed are
 // closed with all their reads announced and made. A link to a clip is read
-// through; a FIFO, a directory and a dangling link are passed by unopened.
+// through, whatever the length of its name; a FIFO, a directory and a
+// dangling link are passed by unopened.
 TEST(ScanReadAhead, ThroughAdviceItMakesExactlyTheReadersReadsThirtyTwoFilesAhead) {
   Medium medium(60);
   medium.link("link.mov", "clip1_fast.mov");
+  medium.link(std::string(251, 'n') + ".mov", "clip1_fast.mov");  // a name as long as names go
   EngineLimit limit(Engine::Advice, false);  // every read announced first, as on a cold medium
   DIR* d = opendir(medium.path().c_str());
   ASSERT_NE(d, nullptr);
   ScanPrefetch ahead(medium.path(), d);
   const Pass pass(medium.path(), candidatesOf(d));
-  ASSERT_EQ(pass.entries.size(), 68u);
+  ASSERT_EQ(pass.entries.size(), 69u);
   EXPECT_EQ(show(ahead.stats()), show(adviceFigures(pass, 0)));
   kernel::announcements = 0;
   for (std::size_t i = 0; i < pass.entries.size(); ++i) {
@@ -813,7 +833,7 @@ TEST(ScanReadAhead, ThroughAdviceItMakesExactlyTheReadersReadsThirtyTwoFilesAhea
     ASSERT_EQ(kernel::announcements, ahead.stats().advised);  // each one made
   }
   EXPECT_EQ(ahead.engine(), Engine::Advice);
-  EXPECT_EQ(ahead.stats().filesRead, 65u);  // 60 clips, 4 bad ones, the link
+  EXPECT_EQ(ahead.stats().filesRead, 66u);  // 60 clips, 4 bad ones, the links
   EXPECT_EQ(ahead.stats().mostInHand, ScanPrefetch::kMaxFiles);
   closedir(d);
 }
@@ -943,6 +963,14 @@ TEST(ScanReadAhead, StoppingTakesEveryReadUnderWayAndGivesBackEveryDescriptor) {
       EXPECT_EQ(show(ahead.stats()), show(stopped));
     }
     EXPECT_EQ(vorta_test::openDescriptors(), before);
+    {  // destroyed while reading ahead, its reads under way
+      rewinddir(d);
+      ScanPrefetch ahead(medium.dir.path(), d);
+      const auto order = candidatesOf(d);
+      ahead.ready(order[0]);
+      EXPECT_EQ(ahead.stats().open, ScanPrefetch::kMaxFiles);
+    }
+    EXPECT_EQ(vorta_test::openDescriptors(), before);
     closedir(d);
   }
 }
@@ -976,23 +1004,62 @@ TEST(ScanReadAhead, WhereProbesAreNotUnderstoodOneIsMadeAndThenNone) {
 // file and then one file in 16 ahead, announces every read, and makes each
 // announced read without waiting as soon as it has been fetched (here: as
 // soon as it is announced). The files ahead go on with their reads while the
-// scan waits for its own; every read is made once, all but the scan's own
-// without waiting, and no file passes for cached.
+// scan waits for its own, so that once the scan is past its first 32 files it
+// never waits again; every read is made once and no file passes for cached.
+// A file emptied after it was taken in hand ends at its first read.
 TEST(ScanReadAhead, OnAColdMediumAnnouncedReadsAreMadeAsSoonAsFetched) {
   Medium medium(60);
   medium.link("link.mov", "clip1_fast.mov");
+  const std::size_t k = ScanPrefetch::kMaxFiles;
   for (const Engine engine : {Engine::Advice, Engine::Ring}) {
     SCOPED_TRACE(engine == Engine::Ring ? "io_uring" : "advice");
     KernelAnswers answers(
         [](int fd) { return kernel::announced.count(kernel::fileOf(fd)) != 0 ? 0 : -EAGAIN; });
     EngineLimit limit(engine);
     const bool ring = engine == Engine::Ring && ScanPrefetch::kRingUsable && kernelHasRing();
-    DIR* d = opendir(medium.path().c_str());
+    TempDir copy;  // the medium, copied: one of its files is emptied
+    DIR* source = opendir(medium.path().c_str());
+    ASSERT_NE(source, nullptr);
+    for (const auto& entry : candidatesOf(source)) {
+      const std::string from = medium.path() + "/" + entry.d_name;
+      struct stat st;
+      if (lstat(from.c_str(), &st) == 0 && S_ISREG(st.st_mode))
+        writeFile(copy.file(entry.d_name), readFile(from));
+    }
+    closedir(source);
+    DIR* d = opendir(copy.path().c_str());
     ASSERT_NE(d, nullptr);
-    ScanPrefetch ahead(medium.path(), d);
-    const Pass pass(medium.path(), candidatesOf(d));
+    ScanPrefetch ahead(copy.path(), d);
+    Pass pass(copy.path(), candidatesOf(d));
     const std::size_t n = pass.entries.size();
-    unsigned long started = 0, reads = 0, calls = 0, probed = 0, ahead1 = 0;
+    ASSERT_EQ(n, 64u);
+    // The file to empty: one taken in hand after the first 40.
+    std::size_t emptied = pass.first + 40;
+    while (emptied < n && !pass.reads[emptied].started) ++emptied;
+    ASSERT_LT(emptied, n);
+    const std::string emptiedPath = copy.path() + "/" + pass.entries[emptied].d_name;
+    struct stat st;
+    ASSERT_EQ(stat(emptiedPath.c_str(), &st), 0);
+    unsigned long window = 0;  // the files read ahead of the scan's first one
+    for (std::size_t j = pass.first + 1; j < std::min(n, pass.first + k); ++j)
+      window += pass.reads[j].started;
+    unsigned long waited = 0;  // reads made waiting, once the scan is past its first 32 files
+    for (std::size_t i = 0; i < n; ++i) {
+      ahead.ready(pass.entries[i]);
+      // While the scan waited for its first file, each file ahead had its
+      // first read made.
+      if (i == pass.first && !ring) {
+        EXPECT_GE(ahead.stats().polls, window);
+      }
+      if (i == pass.first + k - 1) waited = ahead.stats().waits;
+      // It has just been taken in hand, its first read announced (on the
+      // ring, that read may be made already).
+      if (i + k == emptied && !ring) {
+        ASSERT_EQ(truncate(emptiedPath.c_str(), 0), 0);
+        pass.reads[emptied] = readerReads(emptiedPath, st.st_size);
+      }
+    }
+    unsigned long started = 0, reads = 0, calls = 0, probed = 0, most = 0;
     unsigned long long bytes = 0;
     for (std::size_t j = pass.first; j < n; ++j) {
       const ReaderReads& r = pass.reads[j];
@@ -1000,19 +1067,14 @@ TEST(ScanReadAhead, OnAColdMediumAnnouncedReadsAreMadeAsSoonAsFetched) {
       reads += r.reads;
       calls += r.calls;
       bytes += r.bytes;
+      most = std::max(most, r.calls);
       // The scan's first file, and one candidate in 16 after it.
       if (r.started && (j - pass.first) % 16 == 0) ++probed;
-      if (r.started && j > pass.first && j < pass.first + ScanPrefetch::kMaxFiles) ++ahead1;
     }
-    for (std::size_t i = 0; i <= pass.first; ++i) ahead.ready(pass.entries[i]);
-    // While the scan waited for its first file, each file ahead had its first
-    // read made.
-    const Stats first = ahead.stats();
-    if (ring)
-      EXPECT_GE(first.completions, ahead1);
-    else
-      EXPECT_GE(first.polls, ahead1);
-    for (std::size_t i = pass.first + 1; i < n; ++i) ahead.ready(pass.entries[i]);
+    if (!ring) {
+      ASSERT_EQ(pass.reads[emptied].calls, 1u);
+    }
+    ASSERT_LE(most, k);  // a file ahead has a read made each time the scan takes a file
     const Stats s = ahead.stats();
     SCOPED_TRACE(show(s));
     EXPECT_EQ(s.filesRead, started);
@@ -1030,7 +1092,7 @@ TEST(ScanReadAhead, OnAColdMediumAnnouncedReadsAreMadeAsSoonAsFetched) {
       EXPECT_EQ(s.advised, calls);
       EXPECT_EQ(s.advised, kernel::announcements);
       EXPECT_EQ(s.polls + s.waits, calls);
-      EXPECT_GT(s.polls, s.waits);
+      EXPECT_EQ(s.waits, waited);  // the files after the first 32 were read whole while ahead
     }
     closedir(d);
   }
@@ -1048,26 +1110,72 @@ TEST(ScanReadAhead, AFileCutShortWhileReadAheadEndsItsReadsAtTheCut) {
   Pass pass(medium.path(), candidatesOf(d));
   const std::size_t n = pass.entries.size();
   for (std::size_t i = 0; i <= pass.first; ++i) ahead.ready(pass.entries[i]);
-  // Two files ahead, their first read announced: one cut inside that read,
-  // one emptied.
+  // Three files ahead, their first read announced: one cut inside that read,
+  // one emptied, and a fragmented one cut inside its last fragment's moof
+  // (the reader then ends its walk of the fragments and reads the timecode
+  // sample of the first one).
   std::vector<std::size_t> cut;
-  for (std::size_t j = pass.first + 2; j < n && cut.size() < 2; ++j)
-    if (pass.reads[j].started && pass.reads[j].first > 100) cut.push_back(j);
+  std::size_t fragmented = n;
+  for (std::size_t j = pass.first + 2; j < std::min(n, pass.first + ScanPrefetch::kMaxFiles); ++j) {
+    const std::string name = pass.entries[j].d_name;
+    if (fragmented == n && name.find("_frag.mov") != std::string::npos)
+      fragmented = j;
+    else if (cut.size() < 2 && pass.reads[j].started && pass.reads[j].first > 100)
+      cut.push_back(j);
+  }
   ASSERT_EQ(cut.size(), 2u);
-  for (std::size_t c = 0; c < 2; ++c) {
+  ASSERT_LT(fragmented, n);
+  cut.push_back(fragmented);
+  const ReaderReads whole = pass.reads[fragmented];
+  for (std::size_t c = 0; c < 3; ++c) {
     const std::string path = medium.path() + "/" + pass.entries[cut[c]].d_name;
-    struct stat st;
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    ASSERT_EQ(truncate(path.c_str(), c == 0 ? 100 : 0), 0);
-    pass.reads[cut[c]] = readerReads(path, st.st_size);
+    const std::string bytes = readFile(path);
+    const off_t at = c == 0 ? 100 : c == 1 ? 0 : static_cast<off_t>(bytes.rfind("moof") + 8);
+    ASSERT_EQ(truncate(path.c_str(), at), 0);
+    pass.reads[cut[c]] = readerReads(path, static_cast<long long>(bytes.size()));
   }
   EXPECT_EQ(pass.reads[cut[0]].calls, 2u);  // the read cut short, and the one that finds the end
   EXPECT_EQ(pass.reads[cut[1]].calls, 1u);
+  EXPECT_EQ(pass.reads[fragmented].reads, whole.reads);  // the last moof's read fails; the timecode's is made
+  EXPECT_EQ(pass.reads[fragmented].calls, whole.calls + 1);  // the cut read, and the one that finds the end
   for (std::size_t i = pass.first + 1; i < n; ++i) {
+    errno = EIO;  // what errno holds is no read's result
     ahead.ready(pass.entries[i]);
     ASSERT_EQ(show(ahead.stats()), show(adviceFigures(pass, i + 1))) << "after " << pass.entries[i].d_name;
   }
   closedir(d);
+}
+
+// Where the read-ahead cannot open a directory stream of its own (here: the
+// directory made unreadable, though still searchable, after the scan opened
+// it), it reads the scan's own file alone, file after file, as it does near
+// the descriptor limit.
+TEST(ScanReadAhead, WithoutAStreamOfItsOwnItReadsOnlyTheScansFile) {
+  if (geteuid() != 0) GTEST_SKIP() << "acting as a user the directory's mode applies to needs root";
+  TempDir dir;
+  const std::string media = dir.file("media");
+  ASSERT_EQ(mkdir(media.c_str(), 0700), 0);
+  for (int i = 0; i < 6; ++i)
+    writeFile(media + "/c" + std::to_string(i) + ".mov", readFile(dataPath("qt/prores_422_25.mov")));
+  ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+  ASSERT_EQ(chown(media.c_str(), 65534, 65534), 0);
+  EngineLimit limit(Engine::Advice, false);
+  const int code = vorta_test::inChild([&] {
+    if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0) return 10;
+    DIR* d = opendir(media.c_str());
+    if (d == nullptr) return 11;
+    ScanPrefetch ahead(media, d);
+    const auto order = candidatesOf(d);
+    if (order.size() != 6) return 12;
+    if (chmod(media.c_str(), 0100) != 0) return 13;  // searchable, no longer readable
+    for (const auto& entry : order) ahead.ready(entry);
+    const Stats s = ahead.stats();
+    if (s.readingAhead || s.mostInHand != 1 || s.mostOpen != 1) return 1;
+    if (s.filesRead != 6) return 2;
+    if (s.descriptorCounts != 7) return 3;  // at the start, and a stream tried for each file
+    return 0;
+  });
+  EXPECT_EQ(code, 0) << "1: it read ahead all the same, 2: a file was not read, 3: streams were not tried";
 }
 
 }  // namespace
