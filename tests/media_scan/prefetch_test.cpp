@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "../qt/mov_builder.h"
+#include "alloc_failure.h"
 #include "fail_alloc.h"
 #include "fileparams.h"
 #include "internal/scan_prefetch.h"
@@ -42,7 +43,19 @@ std::function<int(int fd)> nowait;
 bool shortReads = false;
 // Announcements (POSIX_FADV_WILLNEED) made, and the files they were made of.
 unsigned long announcements = 0;
-std::set<std::pair<dev_t, ino_t>> announced;
+// (a table of its own: the fake kernel never allocates, which a test making
+// allocations fail would notice)
+struct Announced {
+  std::pair<dev_t, ino_t> files[1024];
+  std::size_t count = 0;
+  bool has(const std::pair<dev_t, ino_t>& file) const {
+    return std::find(files, files + count, file) != files + count;
+  }
+  void add(const std::pair<dev_t, ino_t>& file) {
+    if (!has(file) && count < 1024) files[count++] = file;
+  }
+  void clear() { count = 0; }
+} announced;
 
 std::pair<dev_t, ino_t> fileOf(int fd) {
   struct stat st;
@@ -77,7 +90,7 @@ extern "C" int posix_fadvise64(int fd, off64_t offset, off64_t length, int advic
   static const Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "posix_fadvise64"));
   if (advice == POSIX_FADV_WILLNEED) {
     ++kernel::announcements;
-    kernel::announced.insert(kernel::fileOf(fd));
+    kernel::announced.add(kernel::fileOf(fd));
   }
   return real(fd, offset, length, advice);
 }
@@ -1006,15 +1019,15 @@ TEST(ScanReadAhead, WhereProbesAreNotUnderstoodOneIsMadeAndThenNone) {
 // soon as it is announced). The files ahead go on with their reads while the
 // scan waits for its own, so that once the scan is past its first 32 files it
 // never waits again; every read is made once and no file passes for cached.
-// A file emptied after it was taken in hand ends at its first read.
+// A file emptied after it was taken in hand ends at its first read; one cut
+// inside its last fragment ends its walk of the fragments there.
 TEST(ScanReadAhead, OnAColdMediumAnnouncedReadsAreMadeAsSoonAsFetched) {
   Medium medium(60);
   medium.link("link.mov", "clip1_fast.mov");
   const std::size_t k = ScanPrefetch::kMaxFiles;
   for (const Engine engine : {Engine::Advice, Engine::Ring}) {
     SCOPED_TRACE(engine == Engine::Ring ? "io_uring" : "advice");
-    KernelAnswers answers(
-        [](int fd) { return kernel::announced.count(kernel::fileOf(fd)) != 0 ? 0 : -EAGAIN; });
+    KernelAnswers answers([](int fd) { return kernel::announced.has(kernel::fileOf(fd)) ? 0 : -EAGAIN; });
     EngineLimit limit(engine);
     const bool ring = engine == Engine::Ring && ScanPrefetch::kRingUsable && kernelHasRing();
     TempDir copy;  // the medium, copied: one of its files is emptied
@@ -1040,6 +1053,14 @@ TEST(ScanReadAhead, OnAColdMediumAnnouncedReadsAreMadeAsSoonAsFetched) {
     const std::string emptiedPath = copy.path() + "/" + pass.entries[emptied].d_name;
     struct stat st;
     ASSERT_EQ(stat(emptiedPath.c_str(), &st), 0);
+    // And a fragmented one, cut inside its last fragment's moof: the reader
+    // ends its walk of the fragments there and reads the timecode sample.
+    std::size_t fragmented = pass.first + k;
+    while (fragmented < n && std::strstr(pass.entries[fragmented].d_name, "_frag.mov") == nullptr)
+      ++fragmented;
+    ASSERT_LT(fragmented, n);
+    const std::string fragmentedPath = copy.path() + "/" + pass.entries[fragmented].d_name;
+    const std::string fragmentedBytes = readFile(fragmentedPath);
     unsigned long window = 0;  // the files read ahead of the scan's first one
     for (std::size_t j = pass.first + 1; j < std::min(n, pass.first + k); ++j)
       window += pass.reads[j].started;
@@ -1057,6 +1078,10 @@ TEST(ScanReadAhead, OnAColdMediumAnnouncedReadsAreMadeAsSoonAsFetched) {
       if (i + k == emptied && !ring) {
         ASSERT_EQ(truncate(emptiedPath.c_str(), 0), 0);
         pass.reads[emptied] = readerReads(emptiedPath, st.st_size);
+      }
+      if (i + k == fragmented && !ring) {
+        ASSERT_EQ(truncate(fragmentedPath.c_str(), static_cast<off_t>(fragmentedBytes.rfind("moof") + 8)), 0);
+        pass.reads[fragmented] = readerReads(fragmentedPath, static_cast<long long>(fragmentedBytes.size()));
       }
     }
     unsigned long started = 0, reads = 0, calls = 0, probed = 0, most = 0;
@@ -1176,6 +1201,57 @@ TEST(ScanReadAhead, WithoutAStreamOfItsOwnItReadsOnlyTheScansFile) {
     return 0;
   });
   EXPECT_EQ(code, 0) << "1: it read ahead all the same, 2: a file was not read, 3: streams were not tried";
+}
+
+// Memory running out at any point while the scan takes its first files
+// leaves no file held without a read under way: a file whose next read finds
+// no memory for its buffer is given up at once, its descriptor closed.
+TEST(ScanReadAhead, MemoryRunningOutLeavesNoFileHeldWithoutAReadUnderWay) {
+  if (const char* why = vorta_test::allocationFailureUnavailable()) GTEST_SKIP() << why;
+  Medium medium(40);
+  std::size_t first = 0;
+  {
+    DIR* d = opendir(medium.path().c_str());
+    ASSERT_NE(d, nullptr);
+    first = Pass(medium.path(), candidatesOf(d)).first;
+    closedir(d);
+  }
+  KernelAnswers answers([](int fd) { return kernel::announced.has(kernel::fileOf(fd)) ? 0 : -EAGAIN; });
+  EngineLimit limit(Engine::Advice);
+  EXPECT_EQ(vorta_test::inChild([&]() -> int {
+              bool refusedRunning = false;
+              for (long budget = 0; budget < 2000; ++budget) {
+                DIR* d = opendir(medium.path().c_str());
+                if (d == nullptr) return 10;
+                long refused = 0;
+                Stats s;
+                Engine engine;
+                kernel::announced.clear();
+                {
+                  ScanPrefetch ahead(medium.path(), d);
+                  const auto entries = candidatesOf(d);
+                  for (std::size_t i = 0; i < first; ++i) ahead.ready(entries[i]);
+                  {
+                    vorta_test::FailAlloc failing(budget);
+                    ahead.ready(entries[first]);
+                    ahead.ready(entries[first + 1]);
+                    refused = vorta_test::FailAlloc::failures();
+                  }
+                  s = ahead.stats();
+                  engine = ahead.engine();
+                }
+                closedir(d);
+                if (engine == Engine::Off) continue;  // gave up as a whole: nothing is held
+                if (refused > 0) refusedRunning = true;
+                // Every open file has one announced read not yet made.
+                if (s.open != s.advised - s.waits - s.polls) return 1;
+                if (refused == 0) return refusedRunning ? 0 : 3;
+              }
+              return 4;
+            }),
+            0)
+      << "1: a file held without a read under way, 3: no allocation refused while reading ahead, 99: an "
+         "exception escaped";
 }
 
 }  // namespace
