@@ -707,11 +707,12 @@ TEST(ScanReadAhead, NearTheDescriptorLimitTheIntakeKeepsADescriptor) {
 // not open its file for want of a descriptor after ready().
 struct LimitedRun {
   Stats stats;
+  Engine atStart = Engine::Off;  // the engine before the first file
   Engine engine = Engine::Off;
   int intakeFailures = -1;
   int code = -3;
 };
-LimitedRun limitedRun(const std::string& dir, Engine most, int spare) {
+LimitedRun limitedRun(const std::string& dir, Engine most, int spare, bool closeStdin = false) {
   LimitedRun run;
   int fds[2];
   if (pipe(fds) != 0) return run;
@@ -728,11 +729,21 @@ LimitedRun limitedRun(const std::string& dir, Engine most, int spare) {
     closedir(order);
     DIR* d = opendir(dir.c_str());
     if (d == nullptr) return 11;
-    if (!vorta_test::limitDescriptors(spare)) return 12;
+    if (closeStdin) {
+      // A daemon's standard input is closed: descriptor 0 is then the one free below the limit.
+      close(0);
+      struct rlimit rl;
+      if (getrlimit(RLIMIT_NOFILE, &rl) != 0) return 12;
+      rl.rlim_cur = static_cast<rlim_t>(spare);
+      if (setrlimit(RLIMIT_NOFILE, &rl) != 0) return 12;
+    } else if (!vorta_test::limitDescriptors(spare)) {
+      return 12;
+    }
     LimitedRun out;
     out.intakeFailures = 0;
     {
       ScanPrefetch ahead(dir, d);
+      out.atStart = ahead.engine();
       for (const auto& entry : entries) {
         ahead.ready(entry);
         const int fd = openat(dirfd(d), entry.d_name, O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // the intake's
@@ -791,6 +802,7 @@ TEST(ScanReadAhead, NearTheDescriptorLimitItOpensWhatItCanSpareAndNoMore) {
         EXPECT_EQ(run.intakeFailures, 0);
       }
       if (spare == 0) {
+        EXPECT_EQ(run.atStart, Engine::Off);
         EXPECT_EQ(run.engine, Engine::Off);
         EXPECT_EQ(s.filesRead, 0u);
         EXPECT_EQ(s.descriptorCounts, 1u);
@@ -825,6 +837,11 @@ TEST(ScanReadAhead, NearTheDescriptorLimitItOpensWhatItCanSpareAndNoMore) {
       EXPECT_EQ(s.mostInHand, ScanPrefetch::kMaxFiles);
     }
   }
+  // Descriptor 0 free (standard input closed) is a spare one like any other.
+  const LimitedRun run = limitedRun(medium.path(), Engine::Advice, 1, true);
+  ASSERT_EQ(run.code, 0);
+  EXPECT_EQ(run.atStart, Engine::Advice);
+  EXPECT_EQ(run.stats.filesRead, started);
 }
 
 // Through posix_fadvise, on a medium nothing of which is cached, the
@@ -838,6 +855,7 @@ TEST(ScanReadAhead, ThroughAdviceItMakesExactlyTheReadersReadsThirtyTwoFilesAhea
   Medium medium(60);
   medium.link("link.mov", "clip1_fast.mov");
   medium.link(std::string(251, 'n') + ".mov", "clip1_fast.mov");  // a name as long as names go
+  medium.link(".hidden.mov", "clip1_fast.mov");                   // skipped by the scan, so by the read-ahead
   EngineLimit limit(Engine::Advice, false);  // every read announced first, as on a cold medium
   DIR* d = opendir(medium.path().c_str());
   ASSERT_NE(d, nullptr);
@@ -1035,7 +1053,12 @@ TEST(ScanReadAhead, OnAColdMediumAnnouncedReadsAreMadeAsSoonAsFetched) {
   const std::size_t k = ScanPrefetch::kMaxFiles;
   for (const Engine engine : {Engine::Advice, Engine::Ring}) {
     SCOPED_TRACE(engine == Engine::Ring ? "io_uring" : "advice");
-    KernelAnswers answers([](int fd) { return kernel::announced.has(kernel::fileOf(fd)) ? 0 : -EAGAIN; });
+    std::vector<std::pair<dev_t, ino_t>> probedFiles;  // in the order probed
+    KernelAnswers answers([&](int fd) {
+      if (kernel::announced.has(kernel::fileOf(fd))) return 0;
+      probedFiles.push_back(kernel::fileOf(fd));
+      return -EAGAIN;
+    });
     EngineLimit limit(engine);
     const bool ring = engine == Engine::Ring && ScanPrefetch::kRingUsable && kernelHasRing();
     TempDir copy;  // the medium, copied: one of its files is emptied
@@ -1093,6 +1116,7 @@ TEST(ScanReadAhead, OnAColdMediumAnnouncedReadsAreMadeAsSoonAsFetched) {
       }
     }
     unsigned long started = 0, reads = 0, calls = 0, probed = 0, most = 0;
+    std::vector<std::pair<dev_t, ino_t>> expectedProbes;
     unsigned long long bytes = 0;
     for (std::size_t j = pass.first; j < n; ++j) {
       const ReaderReads& r = pass.reads[j];
@@ -1102,7 +1126,12 @@ TEST(ScanReadAhead, OnAColdMediumAnnouncedReadsAreMadeAsSoonAsFetched) {
       bytes += r.bytes;
       most = std::max(most, r.calls);
       // The scan's first file, and one candidate in 16 after it.
-      if (r.started && (j - pass.first) % 16 == 0) ++probed;
+      if (r.started && (j - pass.first) % 16 == 0) {
+        ++probed;
+        struct stat info;
+        if (stat((copy.path() + "/" + pass.entries[j].d_name).c_str(), &info) == 0)
+          expectedProbes.emplace_back(info.st_dev, info.st_ino);
+      }
     }
     if (!ring) {
       ASSERT_EQ(pass.reads[emptied].calls, 1u);
@@ -1114,6 +1143,7 @@ TEST(ScanReadAhead, OnAColdMediumAnnouncedReadsAreMadeAsSoonAsFetched) {
     EXPECT_EQ(s.filesCached, 0u);
     EXPECT_EQ(s.stride, 1u);
     EXPECT_EQ(s.probes, probed);
+    EXPECT_TRUE(probedFiles == expectedProbes) << "other files were probed";
     EXPECT_EQ(s.reads, reads);
     EXPECT_EQ(s.bytes, bytes);
     EXPECT_EQ(s.open + s.held + s.inHand + s.inFlight, 0u);
@@ -1237,6 +1267,8 @@ TEST(ScanReadAhead, MemoryRunningOutLeavesNoFileHeldWithoutAReadUnderWay) {
                 Stats s;
                 Engine engine;
                 kernel::announced.clear();
+                const int base = vorta_test::openDescriptors();
+                bool agree = true;  // its count of open files is what it holds
                 {
                   ScanPrefetch ahead(medium.path(), d);
                   const auto entries = candidatesOf(d);
@@ -1247,10 +1279,20 @@ TEST(ScanReadAhead, MemoryRunningOutLeavesNoFileHeldWithoutAReadUnderWay) {
                     ahead.ready(entries[first + 1]);
                     refused = vorta_test::FailAlloc::failures();
                   }
+                  // Memory is back: it goes on as if nothing happened, or has stopped.
+                  for (std::size_t i = first + 2; i < first + 6 && i < entries.size(); ++i) {
+                    ahead.ready(entries[i]);
+                    const Stats now = ahead.stats();
+                    if (ahead.engine() != Engine::Off &&
+                        vorta_test::openDescriptors() !=
+                            base + static_cast<int>(now.open) + (now.readingAhead ? 1 : 0))
+                      agree = false;
+                  }
                   s = ahead.stats();
                   engine = ahead.engine();
                 }
                 closedir(d);
+                if (!agree) return 5;
                 if (engine == Engine::Off) continue;  // gave up as a whole: nothing is held
                 if (refused > 0) refusedRunning = true;
                 // Every open file has one announced read not yet made.
@@ -1260,8 +1302,9 @@ TEST(ScanReadAhead, MemoryRunningOutLeavesNoFileHeldWithoutAReadUnderWay) {
               return 4;
             }),
             0)
-      << "1: a file held without a read under way, 3: no allocation refused while reading ahead, 99: an "
-         "exception escaped";
+      << "1: a file held without a read under way, 3: no allocation refused while reading ahead, 5: files "
+         "held "
+         "that it does not count, 99: an exception escaped";
 }
 
 }  // namespace
