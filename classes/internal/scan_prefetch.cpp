@@ -90,7 +90,7 @@ struct ScanPrefetch::State {
   unsigned streak = 0, stride = 1, skip = 0;
   bool looksCached = true;  // the last file probed was cached
   unsigned sinceProbe = 0;
-  unsigned long filesRead = 0, filesCached = 0;
+  Stats counted;  // the counters, and the most held at once; the rest is read off the state
 
   ~State() { stop(); }
 
@@ -100,6 +100,10 @@ struct ScanPrefetch::State {
 
  private:
   Slot& at(unsigned i) { return slots[(head + i) % kMaxFiles]; }
+  unsigned spare(unsigned most) {
+    ++counted.descriptorCounts;
+    return spareDescriptors(scanFd, most);
+  }
   unsigned indexOf(const Slot& slot) const { return static_cast<unsigned>(&slot - slots.data()); }
 
   void take(Slot& slot, const struct dirent64& entry, bool read);
@@ -123,7 +127,7 @@ void ScanPrefetch::State::start(const std::string& dirPath, DIR* scanning) {
   if (most == Engine::Off || scanning == nullptr) return;
   scanFd = ::dirfd(scanning);
   // A file is probed only while the scan has a descriptor to spare for it.
-  if (spareDescriptors(scanFd, 1) < 1) return;
+  if (spare(1) < 1) return;
   markedDirectory = isClipCandidate(dirPath.c_str());
   probesWork = scanPrefetchProbeHook;
   // The ring is set up only once a read has to wait: a cached medium never
@@ -139,7 +143,7 @@ bool ScanPrefetch::State::startRing() {
   if (!ringTried) {
     ringTried = true;
     // Its descriptor must not be the intake's.
-    if (spareDescriptors(scanFd, 2) == 2 && io_uring_queue_init(kMaxFiles, &ring, 0) == 0) {
+    if (spare(2) == 2 && io_uring_queue_init(kMaxFiles, &ring, 0) == 0) {
       io_uring_probe* probe = io_uring_get_probe_ring(&ring);
       ringUp = probe != nullptr && io_uring_opcode_supported(probe, IORING_OP_READ);
       if (probe != nullptr) io_uring_free_probe(probe);
@@ -161,6 +165,7 @@ void ScanPrefetch::State::stop() {
     if (waited < 0) break;  // cannot happen with reads submitted; nothing more to wait for
     io_uring_cqe_seen(&ring, cqe);
     --inFlight;
+    ++counted.completions;
   }
   // The slots stay (a caller may still refer to one); they are emptied.
   for (Slot& slot : slots) {
@@ -193,6 +198,7 @@ void ScanPrefetch::State::ready(const struct dirent64& entry) {
     // It has to wait for the storage: from here on the files after it are
     // read ahead too, unless that cannot be (then this one is waited for).
     count = 1;
+    counted.mostInHand = std::max(counted.mostInHand, count);
     ahead = startAhead(entry.d_name);
     if (ahead) fill();
   } else {
@@ -214,7 +220,7 @@ void ScanPrefetch::State::ready(const struct dirent64& entry) {
 /// the scan is at; false when it cannot (no descriptor to spare, the entry
 /// gone).
 bool ScanPrefetch::State::startAhead(const char* name) {
-  if (spareDescriptors(scanFd, 2) < 2) return false;  // its descriptor must not be the intake's
+  if (spare(2) < 2) return false;  // its descriptor must not be the intake's
   UniqueFd fd(::openat(scanFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!fd) return false;
   dir = ::fdopendir(fd.get());
@@ -255,6 +261,7 @@ void ScanPrefetch::State::fill() {
     else
       --skip;
     take(at(count++), *entry, read);
+    counted.mostInHand = std::max(counted.mostInHand, count);
   }
 }
 
@@ -266,8 +273,8 @@ bool ScanPrefetch::State::mayOpen() {
   if (openableCounted) return false;
   openableCounted = true;
   const unsigned keep = 1 + (engine == Engine::Ring && !ringUp ? 1 : 0);
-  const unsigned spare = spareDescriptors(scanFd, kMaxFiles + keep);
-  if (spare > keep) openable = std::min(open + spare - keep, kMaxFiles);
+  const unsigned spared = spare(kMaxFiles + keep);
+  if (spared > keep) openable = std::min(open + spared - keep, kMaxFiles);
   return open < openable;
 }
 
@@ -288,9 +295,10 @@ void ScanPrefetch::State::startFile(Slot& slot, unsigned char type) {
     return;
   }
   ++open;
+  counted.mostOpen = std::max(counted.mostOpen, open);
   slot.reads.reset(new (std::nothrow) CQTReadSequence(static_cast<uint64_t>(info.st_size)));
   if (!slot.reads || slot.reads->Finished()) return finishFile(slot);
-  ++filesRead;
+  ++counted.filesRead;
   launch(slot);
 }
 
@@ -307,6 +315,7 @@ bool ScanPrefetch::State::startRead(Slot& slot) {
     // Too large to hold now: the kernel is told to fetch it, the intake reads it.
     ::posix_fadvise64(slot.fd.get(), static_cast<off64_t>(offset), static_cast<off64_t>(length),
                       POSIX_FADV_WILLNEED);
+    ++counted.leftToIntake;
     finishFile(slot);
     return false;
   }
@@ -316,6 +325,9 @@ bool ScanPrefetch::State::startRead(Slot& slot) {
     return false;
   }
   held += length;
+  counted.mostHeld = std::max(counted.mostHeld, held);
+  ++counted.reads;
+  counted.bytes += length;
   slot.held += length;
   slot.offset = offset;
   slot.length = length;
@@ -334,6 +346,7 @@ bool ScanPrefetch::State::issue(Slot& slot, long& result, bool& probed) {
     iovec span{slot.buffer + slot.got, length};
     const ssize_t got = ::preadv64v2(slot.fd.get(), &span, 1, static_cast<off64_t>(offset), RWF_NOWAIT);
     result = got < 0 ? -errno : got;
+    ++counted.probes;
     return true;
   }
   if (engine == Engine::Ring && startRing()) {
@@ -350,10 +363,12 @@ bool ScanPrefetch::State::issue(Slot& slot, long& result, bool& probed) {
     io_uring_sqe_set_data64(sqe, indexOf(slot));
     slot.queued = true;
     ++inFlight;
+    ++counted.queued;
     return false;
   }
   ::posix_fadvise64(slot.fd.get(), static_cast<off64_t>(offset), static_cast<off64_t>(length),
                     POSIX_FADV_WILLNEED);
+  ++counted.advised;
   slot.queued = true;
   return false;
 }
@@ -411,7 +426,7 @@ void ScanPrefetch::State::finishFile(Slot& slot) {
     skip = 0;
   } else {
     looksCached = true;
-    ++filesCached;
+    ++counted.filesCached;
     if (++streak >= kCachedStreak) stride = std::min(stride * 4, kMaxStride);
   }
 }
@@ -423,6 +438,7 @@ void ScanPrefetch::State::waitFor(Slot& slot) {
   // Announced long ago, so likely fetched by now.
   const ssize_t got = ::pread64(slot.fd.get(), slot.buffer + slot.got, slot.length - slot.got,
                                 static_cast<off64_t>(slot.offset + slot.got));
+  ++counted.waits;
   progress(slot, got < 0 ? -errno : got, false);
   poll();
 }
@@ -440,6 +456,7 @@ void ScanPrefetch::State::harvest(bool wait) {
     const long result = cqe->res;
     io_uring_cqe_seen(&ring, cqe);
     --inFlight;
+    ++counted.completions;
     progress(slots[slot], result, false);
   }
 }
@@ -455,6 +472,7 @@ void ScanPrefetch::State::poll() {
     const ssize_t got =
         ::preadv64v2(slot.fd.get(), &span, 1, static_cast<off64_t>(slot.offset + slot.got), RWF_NOWAIT);
     if (got < 0 && errno == EAGAIN) return;
+    ++counted.polls;
     progress(slot, got < 0 ? -errno : got, false);
   }
 }
@@ -480,8 +498,23 @@ void ScanPrefetch::ready(const struct dirent64& entry) noexcept {
 }
 
 ScanPrefetch::Engine ScanPrefetch::engine() const { return state_ ? state_->engine : Engine::Off; }
-unsigned long ScanPrefetch::filesRead() const { return state_ ? state_->filesRead : 0; }
-unsigned long ScanPrefetch::filesCached() const { return state_ ? state_->filesCached : 0; }
+
+ScanPrefetch::Stats ScanPrefetch::stats() const {
+  if (!state_) return Stats();
+  const State& state = *state_;
+  Stats now = state.counted;
+  now.inHand = state.count;
+  now.open = state.open;
+  now.openable = state.openable;
+  // The buffers the files' read sequences hold, which a file gives back as
+  // its sequence ends.
+  for (const Slot& slot : state.slots)
+    if (slot.reads) now.held += slot.held;
+  now.inFlight = state.inFlight;
+  now.stride = state.stride;
+  now.readingAhead = state.ahead;
+  return now;
+}
 
 }  // namespace detail
 }  // namespace zev

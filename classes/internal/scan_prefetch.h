@@ -94,9 +94,31 @@ class ScanPrefetch {
   /// first of them, turns out to be missing; Off once the read-ahead has stopped.
   Engine engine() const;
 
-  /// Files read ahead so far, and of those, files that were already cached.
-  unsigned long filesRead() const;
-  unsigned long filesCached() const;
+  /// What the read-ahead has done so far, and what it holds now.
+  struct Stats {
+    unsigned long filesRead = 0;    ///< files whose reads were started
+    unsigned long filesCached = 0;  ///< of those, files found already in the page cache
+    unsigned long reads = 0;        ///< reads taken in hand, each a byte range the movie reader wants
+    unsigned long long bytes = 0;   ///< bytes of those reads
+    unsigned long leftToIntake =
+        0;                      ///< reads too large to hold: only announced, their file left to the intake
+    unsigned long probes = 0;   ///< reads tried without waiting when first issued
+    unsigned long polls = 0;    ///< announced reads tried again without waiting
+    unsigned long waits = 0;    ///< announced reads made waiting, the scan being at their file
+    unsigned long advised = 0;  ///< reads announced with posix_fadvise(WILLNEED)
+    unsigned long queued = 0;   ///< reads queued on the ring
+    unsigned long completions = 0;        ///< ring completions taken
+    unsigned long descriptorCounts = 0;   ///< times the descriptors the process can spare were counted
+    unsigned inHand = 0, mostInHand = 0;  ///< candidates in hand now, and the most at once
+    unsigned open = 0, mostOpen = 0;      ///< files open now, and the most at once
+    unsigned openable = 1;                ///< files that may be open at once
+    std::size_t held = 0, mostHeld = 0;   ///< bytes of read buffers held now, and the most at once
+    unsigned inFlight = 0;                ///< ring reads not yet completed
+    unsigned stride = 1;                  ///< on a medium found cached, one file in this many is probed
+    bool readingAhead = false;            ///< the read-ahead proper (past the scan's file) has started
+  };
+  /// A snapshot of the figures above.
+  Stats stats() const;
 
  private:
   struct State;

@@ -272,6 +272,18 @@ TEST(ClipCache, SegmentTooSmallForTheHeaderIsNeverOverrun) {
   EXPECT_TRUE(clips.empty());
   cache.FlushClips();
   EXPECT_EQ(segmentBytes(names.options.clipSegment)[0], '*');
+
+  // The playlist segment, 20 bytes, holds its magic but not its count.
+  const std::string playlistMagic = "SharedPlaylistCache";
+  patchSegment(names.options.playlistSegment, 0,
+               std::vector<unsigned char>(playlistMagic.begin(), playlistMagic.end()));
+  PlaylistMap playlists;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(cache.ReadPlaylistCacheFromSharedMemory(playlists), 0);
+  EXPECT_EQ(
+      testing::internal::GetCapturedStderr(),
+      "ReadPlaylistCacheFromSharedMemory: segment of 20 bytes is too small for an image; image ignored\n");
+  EXPECT_TRUE(playlists.empty());
 }
 
 // Flush invalidates both images; FlushPlaylists only the playlist image.

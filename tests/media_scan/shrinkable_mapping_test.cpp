@@ -3,6 +3,7 @@
 // lost.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -92,6 +93,28 @@ TEST(ShrinkableMapping, AtMostTheLimitAreWatchedAtOnce) {
   EXPECT_EQ(mappingKept(base + (count - 1) * page), page);
   for (std::size_t i = 0; i < count; ++i) unwatchMapping(base + i * page);
   munmap(mapped, count * page);
+}
+
+// The SIGBUS handler the program had before, one that takes the signal's
+// details, gets a SIGBUS that is no access to a watched mapping (here: one
+// sent by the process), with its details.
+void previousHandler(int signal, siginfo_t* info, void*) {
+  _exit(signal == SIGBUS && info != nullptr && info->si_signo == SIGBUS && info->si_code <= 0 ? 40 : 41);
+}
+
+TEST(ShrinkableMapping, ASigbusNotForAWatchedMappingGoesToTheHandlerBeforeWithItsDetails) {
+  const int code = vorta_test::inChild([] {
+    struct sigaction before = {};
+    before.sa_sigaction = previousHandler;
+    before.sa_flags = SA_SIGINFO;
+    sigemptyset(&before.sa_mask);
+    if (sigaction(SIGBUS, &before, nullptr) != 0) return 10;
+    void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED || !watchMapping(page, 4096)) return 11;
+    raise(SIGBUS);
+    return 12;  // the handler before never ran
+  });
+  EXPECT_EQ(code, 40) << "41: it ran without the details, 12: it never ran";
 }
 
 }  // namespace

@@ -263,6 +263,20 @@ TEST(FileParamsPaths, OnlyTheTemporaryFilesOfEndedWritersAreRemoved) {
   EXPECT_EQ(FileParamStore(path).getParam(eParamTake), 4u);
 }
 
+// A parameter file a write creates is readable by all and writable by its
+// owner only, and executable by no one (mode 0644, the umask applied).
+TEST(FileParamsPaths, AWrittenParameterFileHasMode0644) {
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  const mode_t before = umask(0);
+  const int stored = FileParamStore(path).setParam(eParamTake, 6);
+  umask(before);
+  ASSERT_EQ(stored, 1);
+  struct stat info;
+  ASSERT_EQ(stat(path.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0644u);
+}
+
 // A write that fails after its temporary file was made (here the file size
 // limit stops it) says why on standard error, returns 0, leaves no temporary
 // file and keeps the old file.

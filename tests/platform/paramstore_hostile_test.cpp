@@ -79,6 +79,19 @@ TEST(FileParamsHostile, AFifoAsTheLockOrTemporaryFileFailsTheWriteWithoutBlockin
             0)
       << "-1: blocked on the temporary file";
   EXPECT_EQ(readFile(path), "{\"take\": 3}\n");
+
+  EXPECT_EQ(inChild([&] {
+              // A device that opens for writing at once: neither written nor put in the file's place.
+              if (symlink("/dev/null", (path + ".tmp." + std::to_string(getpid())).c_str()) != 0) return 10;
+              FileParamStore store(path);
+              if (store.setParam(eParamTake, 9) != 0) return 1;
+              return store.getParam(eParamTake) == 3u ? 0 : 2;
+            }),
+            0);
+  EXPECT_EQ(readFile(path), "{\"take\": 3}\n");
+  struct stat info;
+  ASSERT_EQ(lstat(path.c_str(), &info), 0);
+  EXPECT_TRUE(S_ISREG(info.st_mode));
 }
 
 // The size bound of a parameter file: at 1 MiB it is read, one byte more

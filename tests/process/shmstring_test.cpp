@@ -210,18 +210,6 @@ TEST(ShmString, AfterOwnerCloseReaderSeesNoOwnerAndGetFails) {
   EXPECT_FALSE(reader.set("again"));
 }
 
-// Descriptors the process has open now, from /proc/self/fd (the one that
-// reads the directory included, the same every time).
-int openDescriptors() {
-  DIR* dir = opendir("/proc/self/fd");
-  if (dir == nullptr) return -1;
-  int count = 0;
-  while (const dirent64* entry = readdir64(dir))
-    if (entry->d_name[0] != '.') ++count;
-  closedir(dir);
-  return count;
-}
-
 // Mappings of the process whose file is the segment named name, from
 // /proc/self/maps.
 int mappingsOf(const char* name) {
@@ -239,26 +227,26 @@ int mappingsOf(const char* name) {
 // after it.
 TEST(ShmString, CloseGivesBackTheDescriptorAndTheMapping) {
   SegmentName name;
-  const int before = openDescriptors();
+  const int before = vorta_test::openDescriptors();
   ShmString owner(name.c_str());
   ShmString reader(name.c_str());
   for (int round = 0; round < 3; ++round) {
     ASSERT_TRUE(owner.create(16)) << round;
     ASSERT_TRUE(reader.attach(false, 0)) << round;
-    EXPECT_GT(openDescriptors(), before);
+    EXPECT_GT(vorta_test::openDescriptors(), before);
     EXPECT_EQ(mappingsOf(name.c_str()), 2);
     EXPECT_TRUE(ShmString::hasLiveOwner(name.c_str()));  // opens and closes the name itself
     reader.close();
     EXPECT_EQ(mappingsOf(name.c_str()), 1);
     owner.close();
     EXPECT_EQ(mappingsOf(name.c_str()), 0);
-    EXPECT_EQ(openDescriptors(), before) << round;
+    EXPECT_EQ(vorta_test::openDescriptors(), before) << round;
   }
   {
     ShmString scoped(name.c_str());
     ASSERT_TRUE(scoped.create(16));
   }
-  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(vorta_test::openDescriptors(), before);
   EXPECT_FALSE(name.exists());
 }
 

@@ -2,6 +2,7 @@
 // vorta tests: temporary directories, unique names and small file helpers.
 #include "test_support.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <gtest/gtest.h>
@@ -148,6 +149,16 @@ int inChild(const std::function<int()>& body, double seconds) {
     }
     usleep(2000);
   }
+}
+
+int openDescriptors() {
+  DIR* dir = opendir("/proc/self/fd");
+  if (dir == nullptr) return -1;
+  int count = 0;
+  while (const dirent64* entry = readdir64(dir))
+    if (entry->d_name[0] != '.') ++count;
+  closedir(dir);
+  return count;
 }
 
 bool limitDescriptors(int spare) {

@@ -57,6 +57,10 @@ int inChild(const std::function<int()>& body, double seconds = 0);
 /// buffered) would otherwise be written by both processes.
 pid_t forkFlushed();
 
+/// Descriptors the process has open now, from /proc/self/fd (the one that
+/// reads the directory included, the same every time).
+int openDescriptors();
+
 /// Lowers the soft RLIMIT_NOFILE so that exactly `spare` more descriptors
 /// can be opened (descriptors are numbered from the lowest free one). False
 /// when the limit could not be set.

@@ -194,6 +194,7 @@ TEST(Cp437Hostile, MalformedSequencesNeverMap) {
       {"lead as second byte", "\xC3\xC3", 2},
       {"bad third byte", "\xE2\x94\x29", 3},
       {"bad second byte", "\xE2\x29\x80", 3},
+      {"ASCII second byte, box line bits", "\xE2\x54\x80", 3},  // E2 94 80 is U+2500, a box line
       {"box line cut to two", "\xE2\x94", 2},
       {"e acute cut to one", "\xC3", 1},
       {"lone continuation", "\xA9", 1},

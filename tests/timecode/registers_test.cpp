@@ -379,4 +379,29 @@ TEST(CentralSetter, ClearsTheFieldIdOutsideSixtyAndFifty) {
   EXPECT_EQ(regsOf(tc).low & (1u << 27), 0u);
 }
 
+// Registers taken at a rate that is not PAL give the field ID of low bit 27:
+// 0 while it is clear, 1 once it is set.
+TEST(Registers, TakenRegistersOfANonPalRateGiveTheFieldIdOfLowBit27) {
+  CRP188 tc;
+  RP188_STRUCT regs{};
+  regs.low = 0x00000202;  // frame 22
+  EXPECT_TRUE(tc.SetRP188(regs, TCFormat30fps));
+  EXPECT_EQ(tc.GetFieldID(), 0u);
+  regs.low |= 1u << 27;
+  EXPECT_TRUE(tc.SetRP188(regs, TCFormat30fps));
+  EXPECT_EQ(tc.GetFieldID(), 1u);
+}
+
+// Setting a time code clears both Varicam active flags.
+TEST(Registers, SettingATimeCodeClearsTheVaricamActiveFlags) {
+  CRP188 tc(0, 0, 0, 1, TCFormat60fps);
+  tc.SetVaricamFrameActive(true, 0);
+  tc.SetVaricamFrameActive(true, 1);
+  EXPECT_TRUE(tc.GetVaricamFrameActive(0));
+  EXPECT_TRUE(tc.GetVaricamFrameActive(1));
+  tc.SetRP188(5, 0, 0, 1, TCFormat60fps);
+  EXPECT_FALSE(tc.GetVaricamFrameActive(0));
+  EXPECT_FALSE(tc.GetVaricamFrameActive(1));
+}
+
 }  // namespace
