@@ -3,10 +3,15 @@
 // copies need no memory.
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <list>
 #include <string>
+#include <utility>
 
 #include "alloc_failure.h"
 #include "alloc_failure_each.h"
@@ -190,6 +195,56 @@ TEST(TextconvUnderFailure, CopiesAndMappingNeedNoAllocation) {
   EXPECT_STREQ(bounded, "Caf\x82 \xC4\xE3 \xE2\x82\xAC \xF0\x9F\x98\x80");
   EXPECT_EQ(hit, 1);
   EXPECT_EQ(code, 219);
+}
+
+// A playlist file read while memory runs out gives back all it took: the
+// read buffer, as large as the file, above all. Failures are placed at the
+// buffer, at the copy of the first line, and inside the parse and the name
+// list; each read ends with the playlist or with 0 and ENOMEM.
+TEST(PlaylistUnderFailure, AReadThatRunsOutOfMemoryLeavesNothingAllocated) {
+  if (const char* why = vorta_test::allocationFailureUnavailable()) GTEST_SKIP() << why;
+  zev::media::MediaCacheOptions options =
+      zev::media::MediaCacheOptions::named(vorta_test::uniqueName("vorta_afpl"));
+  options.maxClips = 16;
+  options.maxPlaylists = 4;
+  zev::media::MediaCache cache(options);
+  vorta_test::TempDir dir;
+  std::string text = "{\"name\":\"Big\",\"cliplist\":[";
+  for (int i = 0; i < 6000; ++i) text += (i ? ",\"" : "\"") + std::to_string(100000 + i) + "_clip.mov\"";
+  text += "]}";
+  const std::string path = dir.file("big.playlist");
+  vorta_test::writeFile(path, text);
+  PlaylistCacheEntry warm{};
+  ASSERT_EQ(cache.GrokPlaylist(warm, path), 1);  // whatever the C library sets up once is set up
+  const auto inUse = [] {
+    const struct mallinfo2 m = mallinfo2();
+    return m.uordblks + m.hblkhd;
+  };
+  int kept = 0, failed = 0;
+  for (const long n : {1L, 2L, 3L, 4L, 10L, 100L, 1000L, 6000L, 12000L, 15000L}) {
+    PlaylistCacheEntry entry{};
+    const std::size_t before = inUse();
+    std::string argument = path;  // moved into the call: the argument itself takes no memory
+    int result, error;
+    {
+      AllocationFailure fail(n, false);
+      result = cache.GrokPlaylist(entry, std::move(argument));
+      error = errno;
+    }
+    const std::size_t after = inUse();
+    EXPECT_LT(after, before + 4096) << "allocation " << n << " failing left " << (after - before) << " bytes";
+    if (result == 1) {
+      ++kept;
+    } else {
+      EXPECT_EQ(result, 0) << n;
+      EXPECT_EQ(error, ENOMEM) << n;
+      ++failed;
+    }
+  }
+  EXPECT_GE(failed, 4);  // the buffer, the first line and at least two inside the parse
+  std::printf("[ alloc    ] playlist of %zu bytes: %d reads ran out of memory, %d read it whole\n",
+              text.size(), failed, kept);
+  zev::media::MediaCache::Remove(options);
 }
 
 }  // namespace
