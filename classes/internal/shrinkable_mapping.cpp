@@ -39,6 +39,8 @@ void passOn(int signal, siginfo_t* info, void* context) {
     gPrevious.sa_sigaction(signal, info, context);
   } else if (gPrevious.sa_handler != SIG_DFL && gPrevious.sa_handler != SIG_IGN) {
     gPrevious.sa_handler(signal);
+  } else if (gPrevious.sa_handler == SIG_IGN && info->si_code <= 0) {
+    // Sent by a process to one that ignores the signal: ignored, as before.
   } else {
     // The default action (a fault cannot be ignored): back to it, and the
     // access that faulted faults again when the handler returns.

@@ -117,4 +117,18 @@ TEST(ShrinkableMapping, ASigbusNotForAWatchedMappingGoesToTheHandlerBeforeWithIt
   EXPECT_EQ(code, 40) << "41: it ran without the details, 12: it never ran";
 }
 
+// A program that ignores SIGBUS still ignores one sent to it once a mapping
+// is watched: only a fault, which cannot be ignored, takes the default action.
+TEST(ShrinkableMapping, AnIgnoredSigbusSentByAProcessStaysIgnored) {
+  const int code = vorta_test::inChild([] {
+    if (signal(SIGBUS, SIG_IGN) == SIG_ERR) return 10;
+    void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED || !watchMapping(page, 4096)) return 11;
+    raise(SIGBUS);
+    kill(getpid(), SIGBUS);
+    return 40;
+  });
+  EXPECT_EQ(code, 40) << "the process did not survive a SIGBUS it ignores";
+}
+
 }  // namespace
