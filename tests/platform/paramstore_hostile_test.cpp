@@ -92,6 +92,22 @@ TEST(FileParamsHostile, AFifoAsTheLockOrTemporaryFileFailsTheWriteWithoutBlockin
   struct stat info;
   ASSERT_EQ(lstat(path.c_str(), &info), 0);
   EXPECT_TRUE(S_ISREG(info.st_mode));
+
+  EXPECT_EQ(inChild([&] {
+              // The same for media-busy, which is written without fsync: no
+              // failed flush stops the rename there, only the refusal itself.
+              const std::string tmp = path + ".tmp." + std::to_string(getpid());
+              unlink(tmp.c_str());
+              if (symlink("/dev/null", tmp.c_str()) != 0) return 10;
+              FileParamStore store(path);
+              if (store.setParam(eParamMediaBusy, 1) != 0) return 1;
+              return store.getParam(eParamTake) == 3u ? 0 : 2;
+            }),
+            0)
+      << "1: the write went through the device";
+  EXPECT_EQ(readFile(path), "{\"take\": 3}\n");
+  ASSERT_EQ(lstat(path.c_str(), &info), 0);
+  EXPECT_TRUE(S_ISREG(info.st_mode));
 }
 
 // The size bound of a parameter file: at 1 MiB it is read, one byte more
