@@ -203,11 +203,14 @@ TEST(TextconvUnderFailure, CopiesAndMappingNeedNoAllocation) {
 // list; each read ends with the playlist or with 0 and ENOMEM.
 TEST(PlaylistUnderFailure, AReadThatRunsOutOfMemoryLeavesNothingAllocated) {
   if (const char* why = vorta_test::allocationFailureUnavailable()) GTEST_SKIP() << why;
-  zev::media::MediaCacheOptions options =
-      zev::media::MediaCacheOptions::named(vorta_test::uniqueName("vorta_afpl"));
-  options.maxClips = 16;
-  options.maxPlaylists = 4;
-  zev::media::MediaCache cache(options);
+  struct Names {  // removed however the test ends
+    zev::media::MediaCacheOptions options =
+        zev::media::MediaCacheOptions::named(vorta_test::uniqueName("vorta_afpl"));
+    ~Names() { zev::media::MediaCache::Remove(options); }
+  } names;
+  names.options.maxClips = 16;
+  names.options.maxPlaylists = 4;
+  zev::media::MediaCache cache(names.options);
   vorta_test::TempDir dir;
   std::string text = "{\"name\":\"Big\",\"cliplist\":[";
   for (int i = 0; i < 6000; ++i) text += (i ? ",\"" : "\"") + std::to_string(100000 + i) + "_clip.mov\"";
@@ -244,7 +247,6 @@ TEST(PlaylistUnderFailure, AReadThatRunsOutOfMemoryLeavesNothingAllocated) {
   EXPECT_GE(failed, 4);  // the buffer, the first line and at least two inside the parse
   std::printf("[ alloc    ] playlist of %zu bytes: %d reads ran out of memory, %d read it whole\n",
               text.size(), failed, kept);
-  zev::media::MediaCache::Remove(options);
 }
 
 }  // namespace
