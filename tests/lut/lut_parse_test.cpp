@@ -487,6 +487,19 @@ TEST_F(LutText, ParseAfterAFailedOneStartsClean) {
   EXPECT_EQ(g_lut_index, 2);
 }
 
+// A file refused whole after a parse that stored entries: the entries the
+// last parse stored (g_lut_index) are none, not the previous parse's count.
+TEST_F(LutText, RefusedFileAfterAGoodParseLeavesNoEntriesCounted) {
+  const Result good = parseFile(data("two_lines.lut"));
+  ASSERT_TRUE(good.ok);
+  ASSERT_EQ(g_lut_index, 2);
+  const Result refused = parseText("1 2 3\n\xFF\n");
+  EXPECT_FALSE(refused.ok);
+  EXPECT_EQ(refused.count, 0);
+  EXPECT_EQ(g_lut_index, 0);
+  EXPECT_EQ(g_error, 1u);
+}
+
 // ---- input that is not UTF-8 is refused whole, with a clear text
 
 TEST(LutParse, CutOffSequenceBeforeALineEndIsRefused) {
