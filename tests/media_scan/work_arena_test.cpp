@@ -11,7 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "alloc_failure.h"
 #include "clip.h"
+#include "fail_alloc.h"
 #include "internal/work_arena.h"
 #include "test_support.h"
 
@@ -49,6 +51,17 @@ long residentKb(const void* p) {
     if (inside && line.compare(0, 4, "Rss:") == 0) return std::strtol(line.c_str() + 4, nullptr, 10);
   }
   return -1;
+}
+
+// Bytes of every mapping of the process, from /proc/self/maps.
+unsigned long long mappedTotal() {
+  std::ifstream maps("/proc/self/maps");
+  unsigned long long total = 0;
+  for (std::string line; std::getline(maps, line);) {
+    unsigned long long from = 0, to = 0;
+    if (std::sscanf(line.c_str(), "%llx-%llx", &from, &to) == 2) total += to - from;
+  }
+  return total;
 }
 
 bool aligned(const void* p, std::size_t align) { return reinterpret_cast<std::uintptr_t>(p) % align == 0; }
@@ -137,6 +150,45 @@ TEST(WorkArena, GivesBackWholeBlocksBehindARecord) {
   int elsewhere = 0;
   arena.releaseBefore(&elsewhere);
   EXPECT_EQ(arena.mappedBytes(), 2 * kChunk);
+}
+
+// A record that starts a chunk: every chunk before it goes, nothing of its own.
+TEST(WorkArena, ARecordThatStartsAChunkGivesBackEveryEarlierChunk) {
+  WorkArena arena;
+  unsigned char* first = static_cast<unsigned char*>(arena.allocate(kChunk, 8));  // the whole first chunk
+  unsigned char* second = static_cast<unsigned char*>(arena.allocate(64, 8));
+  ASSERT_EQ(arena.chunks(), 2u);
+  ASSERT_EQ(arena.position(second), kChunk);  // the second chunk's first byte
+  arena.releaseBefore(second);
+  EXPECT_EQ(arena.mappedBytes(), kChunk);
+  EXPECT_FALSE(isMapped(first));
+  EXPECT_FALSE(isMapped(first + kChunk - 1));
+  EXPECT_TRUE(isMapped(second));
+}
+
+// The arena's list of chunks has room for a new one before the chunk is
+// mapped: without heap memory, allocate throws std::bad_alloc with nothing
+// mapped, and the arena goes on working once there is memory again.
+TEST(WorkArena, WithoutHeapMemoryAChunkIsNeverMapped) {
+  if (const char* why = vorta_test::allocationFailureUnavailable()) GTEST_SKIP() << why;
+  WorkArena arena;
+  mappedTotal();  // whatever reading the list of mappings sets up is set up
+  const unsigned long long before = mappedTotal();
+  bool threw = false;
+  {
+    vorta_test::FailAlloc failing;
+    try {
+      arena.allocate(64, 8);
+    } catch (const std::bad_alloc&) {
+      threw = true;
+    }
+  }
+  EXPECT_TRUE(threw);
+  EXPECT_EQ(mappedTotal(), before);
+  EXPECT_EQ(arena.chunks(), 0u);
+  EXPECT_EQ(arena.mappedBytes(), 0u);
+  EXPECT_NE(arena.allocate(64, 8), nullptr);
+  EXPECT_EQ(arena.chunks(), 1u);
 }
 
 TEST(WorkArena, UnmapsEverythingWhenItEnds) {
