@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -115,6 +116,25 @@ TEST(ShrinkableMapping, ASigbusNotForAWatchedMappingGoesToTheHandlerBeforeWithIt
     return 12;  // the handler before never ran
   });
   EXPECT_EQ(code, 40) << "41: it ran without the details, 12: it never ran";
+}
+
+// The default action set with SA_SIGINFO (no function) stays the default
+// action once a mapping is watched: a SIGBUS sent to the process ends it.
+TEST(ShrinkableMapping, ADefaultActionSetWithSiginfoStaysTheDefault) {
+  const int code = vorta_test::inChild([] {
+    const struct rlimit noCore = {0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
+    struct sigaction before = {};
+    before.sa_sigaction = nullptr;  // SIG_DFL
+    before.sa_flags = SA_SIGINFO;
+    sigemptyset(&before.sa_mask);
+    if (sigaction(SIGBUS, &before, nullptr) != 0) return 10;
+    void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED || !watchMapping(page, 4096)) return 11;
+    raise(SIGBUS);
+    return 12;
+  });
+  EXPECT_EQ(code, 128 + SIGBUS) << "12: the process survived a SIGBUS it did not handle";
 }
 
 // A program that ignores SIGBUS still ignores one sent to it once a mapping
