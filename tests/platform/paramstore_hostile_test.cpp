@@ -156,6 +156,39 @@ TEST(FileParamsHostile, AllocationFailureAtEveryPointNeverThrowsOrTearsTheFile) 
       << "99: an exception escaped";
 }
 
+// Memory running out at any point of a text's write or read gives 0 (the
+// text left alone) or 1, nothing else, and the file holds the old text or
+// the new one.
+TEST(FileParamsHostile, AllocationFailureInATextsWriteOrReadGivesZeroOrOne) {
+  if (const char* why = vorta_test::allocationFailureUnavailable()) GTEST_SKIP() << why;
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  writeFile(path, "{\"media-dir\": \"/media/A\"}\n");
+  EXPECT_EQ(inChild([&]() -> int {
+              FileParamStore store(path);
+              const std::string next = "/media/B";
+              for (long budget = 0; budget < 5000; ++budget) {
+                std::string text = "unchanged";
+                int stored = -1, read = -1;
+                long refused = 0;
+                {
+                  vorta_test::FailAlloc failing(budget);
+                  stored = store.setParamString(eParamMediaDir, next);
+                  read = store.getParamString(eParamMediaDir, text);
+                  refused = vorta_test::FailAlloc::failures();
+                }
+                if (stored != 0 && stored != 1) return 1;
+                if (read != 0 && read != 1) return 2;
+                if (read == 0 && text != "unchanged") return 3;
+                if (read == 1 && text != "/media/A" && text != next) return 4;
+                if (refused == 0) return stored == 1 && read == 1 && text == next ? 0 : 5;
+              }
+              return 6;
+            }),
+            0)
+      << "1, 2: a result other than 0 or 1; 99: an exception escaped";
+}
+
 // With no descriptor left, reads give nothing and writes fail; nothing is
 // written and nothing crashes.
 TEST(FileParamsHostile, NoDescriptorLeftFailsReadsAndWrites) {

@@ -262,6 +262,19 @@ TEST(FileParams, NeverOverwritesAFileThatIsNotAParameterFile) {
   }
 }
 
+// An integer parameter whose file holds a text there is not read: 0, the
+// value left alone (a known parameter or one the library does not know).
+TEST(FileParams, AnIntegerStoredAsTextIsNotRead) {
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  writeFile(path, "{\"take\": \"7\", \"0x0A0B0C0D\": \"nine\"}\n");
+  FileParamStore store(path);
+  uint32_t value = 77;
+  EXPECT_EQ(store.getParamValue(eParamTake, value), 0);
+  EXPECT_EQ(store.getParamValue(static_cast<eParam_t>(0x0A0B0C0D), value), 0);
+  EXPECT_EQ(value, 77u);
+}
+
 TEST(FileParams, ValuesOfTheWrongShapeReadAsDefaults) {
   TempDir dir;
   const std::string path = dir.file("p.json");
