@@ -1,15 +1,18 @@
 // SPDX-License-Identifier: MIT
 // Tests of reading one playlist file: valid files, and every kind of bad file a medium can hold.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 
 #include "cache_test_support.h"
+#include "fail_alloc.h"
 
 namespace {
 
@@ -194,6 +197,33 @@ TEST_F(PlaylistFile, FileThatCannotBeOpenedIsRefusedSilently) {
   EXPECT_EQ(errors, "");
   EXPECT_TRUE(entryUntouched());
   close(fd);
+}
+
+// A playlist file that cannot be opened for want of a descriptor is not
+// refused silently as a file of the wrong kind: 0 with the open's error.
+TEST_F(PlaylistFile, NoDescriptorLeftGivesTheOpensError) {
+  if (vorta_test::builtWithSanitizer())
+    GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own (it probes memory through a pipe)";
+  const std::string path = dir.file("p.playlist");
+  writeFileAt(path, "{\"name\":\"p\",\"cliplist\":[\"A.mov\"]}", 1);
+  EXPECT_EQ(vorta_test::inChild([&]() -> int {
+              const int lowest = dup(0);
+              if (lowest < 0) return 10;
+              close(lowest);
+              struct rlimit limit;
+              if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 11;
+              limit.rlim_cur = static_cast<rlim_t>(lowest);
+              if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 12;
+              entry = untouched;
+              errno = 0;
+              const int result = cache.GrokPlaylist(entry, path);
+              const int error = errno;
+              if (result != 0) return 1;
+              if (error != EMFILE) return 2;
+              return entryUntouched() ? 0 : 3;
+            }),
+            0)
+      << "2: errno is not EMFILE";
 }
 
 // A directory named like a playlist is not a regular file: refused
