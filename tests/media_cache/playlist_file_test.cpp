@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Tests of reading one playlist file: valid files, and every kind of bad file a medium can hold.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -207,13 +206,7 @@ TEST_F(PlaylistFile, NoDescriptorLeftGivesTheOpensError) {
   const std::string path = dir.file("p.playlist");
   writeFileAt(path, "{\"name\":\"p\",\"cliplist\":[\"A.mov\"]}", 1);
   EXPECT_EQ(vorta_test::inChild([&]() -> int {
-              const int lowest = dup(0);
-              if (lowest < 0) return 10;
-              close(lowest);
-              struct rlimit limit;
-              if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 11;
-              limit.rlim_cur = static_cast<rlim_t>(lowest);
-              if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 12;
+              if (!vorta_test::limitDescriptors(0)) return 10;
               entry = untouched;
               errno = 0;
               const int result = cache.GrokPlaylist(entry, path);

@@ -103,19 +103,24 @@ void previousHandler(int signal, siginfo_t* info, void*) {
   _exit(signal == SIGBUS && info != nullptr && info->si_signo == SIGBUS && info->si_code <= 0 ? 40 : 41);
 }
 
+// In a child: puts `handler` in place for SIGBUS as an SA_SIGINFO action,
+// watches a page, and sends the process a SIGBUS; 12 when it returns from
+// that, 10 or 11 when the setting up failed.
+int sendSigbusAfterSiginfoAction(void (*handler)(int, siginfo_t*, void*)) {
+  struct sigaction before = {};
+  before.sa_sigaction = handler;
+  before.sa_flags = SA_SIGINFO;
+  sigemptyset(&before.sa_mask);
+  if (sigaction(SIGBUS, &before, nullptr) != 0) return 10;
+  void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (page == MAP_FAILED || !watchMapping(page, 4096)) return 11;
+  raise(SIGBUS);
+  return 12;
+}
+
 TEST(ShrinkableMapping, ASigbusNotForAWatchedMappingGoesToTheHandlerBeforeWithItsDetails) {
-  const int code = vorta_test::inChild([] {
-    struct sigaction before = {};
-    before.sa_sigaction = previousHandler;
-    before.sa_flags = SA_SIGINFO;
-    sigemptyset(&before.sa_mask);
-    if (sigaction(SIGBUS, &before, nullptr) != 0) return 10;
-    void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (page == MAP_FAILED || !watchMapping(page, 4096)) return 11;
-    raise(SIGBUS);
-    return 12;  // the handler before never ran
-  });
-  EXPECT_EQ(code, 40) << "41: it ran without the details, 12: it never ran";
+  const int code = vorta_test::inChild([] { return sendSigbusAfterSiginfoAction(previousHandler); });
+  EXPECT_EQ(code, 40) << "41: it ran without the details, 12: the handler before never ran";
 }
 
 // The default action set with SA_SIGINFO (no function) stays the default
@@ -124,15 +129,7 @@ TEST(ShrinkableMapping, ADefaultActionSetWithSiginfoStaysTheDefault) {
   const int code = vorta_test::inChild([] {
     const struct rlimit noCore = {0, 0};
     setrlimit(RLIMIT_CORE, &noCore);
-    struct sigaction before = {};
-    before.sa_sigaction = nullptr;  // SIG_DFL
-    before.sa_flags = SA_SIGINFO;
-    sigemptyset(&before.sa_mask);
-    if (sigaction(SIGBUS, &before, nullptr) != 0) return 10;
-    void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (page == MAP_FAILED || !watchMapping(page, 4096)) return 11;
-    raise(SIGBUS);
-    return 12;
+    return sendSigbusAfterSiginfoAction(nullptr);  // SIG_DFL
   });
   EXPECT_EQ(code, 128 + SIGBUS) << "12: the process survived a SIGBUS it did not handle";
 }
