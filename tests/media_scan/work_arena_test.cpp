@@ -226,6 +226,19 @@ TEST(WorkArena, KeepsNothingMappedPastAChunksEnd) {
   }
 }
 
+// A chunk keeps exactly its size mapped, whatever the alignment of what the
+// kernel gave for it: the process's mappings grow by the chunk's size and
+// no more, the block's worth mapped to align it given back before and after.
+TEST(WorkArena, AChunkAddsExactlyItsSizeToTheProcesssMappings) {
+  mappedTotal();  // whatever reading the list of mappings sets up is set up
+  for (int round = 0; round < 4; ++round) {
+    const unsigned long long before = mappedTotal();
+    WorkArena arena(kChunk, false);
+    arena.allocate(64, 8);
+    EXPECT_EQ(mappedTotal() - before, kChunk) << round;
+  }
+}
+
 // With no arena alive the process has nothing mapped for arenas; a chunk
 // size of 0 means one block, also for an allocation of nothing; an
 // alignment of 0 packs like an alignment of 1.
