@@ -6,10 +6,12 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <functional>
 #include <random>
 #include <string>
@@ -187,6 +189,61 @@ TEST(FileParamsHostile, AllocationFailureInATextsWriteOrReadGivesZeroOrOne) {
             }),
             0)
       << "1, 2: a result other than 0 or 1; 99: an exception escaped";
+}
+
+// Whether /proc/locks shows a process blocked waiting for a lock on the file
+// with inode `inode`.
+bool someoneWaitsForLockOn(ino_t inode) {
+  std::ifstream locks("/proc/locks");
+  const std::string mark = ":" + std::to_string(inode) + " ";
+  for (std::string line; std::getline(locks, line);)
+    if (line.find("-> ") != std::string::npos && line.find(mark) != std::string::npos) return true;
+  return false;
+}
+
+int ticks = 0;
+void countTick(int) { ++ticks; }
+
+// Signals that interrupt a writer waiting for another writer's lock do not
+// end its write: it waits on, and stores its value once the lock is free.
+TEST(FileParamsHostile, SignalsDuringTheWaitForTheLockDoNotFailTheWrite) {
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  writeFile(path, "{\"take\": 3}\n");
+  EXPECT_EQ(inChild([&]() -> int {
+              const int lockFd = open((path + ".lock").c_str(), O_RDWR | O_CREAT, 0644);
+              struct stat info;
+              if (lockFd < 0 || fstat(lockFd, &info) != 0) return 10;
+              struct flock whole = {};
+              whole.l_type = F_WRLCK;
+              whole.l_whence = SEEK_SET;
+              if (fcntl(lockFd, F_SETLK, &whole) != 0) return 11;
+              const pid_t writer = vorta_test::forkFlushed();
+              if (writer < 0) return 12;
+              if (writer == 0) {
+                close(lockFd);  // the lock stays with the parent
+                struct sigaction tick = {};
+                tick.sa_handler = countTick;  // no SA_RESTART: the wait is interrupted
+                sigemptyset(&tick.sa_mask);
+                sigaction(SIGALRM, &tick, nullptr);
+                const struct itimerval every20ms = {{0, 20000}, {0, 20000}};
+                setitimer(ITIMER_REAL, &every20ms, nullptr);
+                const int stored = FileParamStore(path).setParam(eParamTake, 9);
+                const struct itimerval off = {};
+                setitimer(ITIMER_REAL, &off, nullptr);
+                _exit(stored == 1 ? (ticks > 0 ? 0 : 21) : 20);
+              }
+              // Released once the writer has waited through several ticks.
+              for (int i = 0; i < 3000 && !someoneWaitsForLockOn(info.st_ino); ++i) usleep(1000);
+              usleep(200000);
+              close(lockFd);
+              int status = 0;
+              if (waitpid(writer, &status, 0) != writer || !WIFEXITED(status)) return 13;
+              return WEXITSTATUS(status);
+            }),
+            0)
+      << "20: the write failed";
+  EXPECT_EQ(FileParamStore(path).getParam(eParamTake), 9u);
 }
 
 // With no descriptor left, reads give nothing and writes fail; nothing is

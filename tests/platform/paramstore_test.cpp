@@ -196,6 +196,7 @@ TEST_P(Stores, RefusesReadingTextAsANumberAndANumberAsText) {
   uint32_t value = 7;
   EXPECT_EQ(store->getParamValue(eParamMediaDir, value), 0);
   EXPECT_EQ(value, 7u);
+  EXPECT_EQ(store->getParam(eParamMediaDir), 0u);  // a value that cannot be read is 0
   std::string text = "unchanged";
   EXPECT_EQ(store->getParamString(eParamTake, text), 0);
   EXPECT_EQ(text, "unchanged");
@@ -262,17 +263,21 @@ TEST(FileParams, NeverOverwritesAFileThatIsNotAParameterFile) {
   }
 }
 
-// An integer parameter whose file holds a text there is not read: 0, the
-// value left alone (a known parameter or one the library does not know).
-TEST(FileParams, AnIntegerStoredAsTextIsNotRead) {
+// A parameter whose file holds a value of the other kind there is not read:
+// 0, the value left alone (an integer stored as text, of a known parameter or
+// one the library does not know; a text stored as a number).
+TEST(FileParams, AValueStoredAsTheOtherKindIsNotRead) {
   TempDir dir;
   const std::string path = dir.file("p.json");
-  writeFile(path, "{\"take\": \"7\", \"0x0A0B0C0D\": \"nine\"}\n");
+  writeFile(path, "{\"take\": \"7\", \"0x0A0B0C0D\": \"nine\", \"media-dir\": 5}\n");
   FileParamStore store(path);
   uint32_t value = 77;
   EXPECT_EQ(store.getParamValue(eParamTake, value), 0);
   EXPECT_EQ(store.getParamValue(static_cast<eParam_t>(0x0A0B0C0D), value), 0);
   EXPECT_EQ(value, 77u);
+  std::string text = "unchanged";
+  EXPECT_EQ(store.getParamString(eParamMediaDir, text), 0);
+  EXPECT_EQ(text, "unchanged");
 }
 
 TEST(FileParams, ValuesOfTheWrongShapeReadAsDefaults) {
