@@ -14,6 +14,7 @@
 #include <atomic>
 #include <boost/interprocess/sync/named_mutex.hpp>
 #include <list>
+#include <map>
 #include <string>
 #include <thread>
 
@@ -325,6 +326,35 @@ TEST(LockHostile, FullSharedMemoryIsAnExceptionNotASignal) {
   });
   if (code == kSkip) GTEST_SKIP() << "no mount namespace with a tmpfs of its own here";
   EXPECT_EQ(code, 0);
+}
+
+// The same for the playlist image: a write that needs more room than a full /dev/shm has left
+// fails with an exception, never SIGBUS, and the old image is kept.
+TEST(LockHostile, FullSharedMemoryFailsAPlaylistWriteWithAnException) {
+  if (geteuid() != 0) GTEST_SKIP() << "a /dev/shm of its own needs root";
+  ScopedNames names;
+  const int code = vorta_test::inChild([&] {
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=1m") != 0)
+      return kSkip;
+    MediaCache cache(names.options);
+    std::map<std::string, PlaylistCacheEntry> playlists;
+    for (const char* name : {"/m/A.playlist", "/m/B.playlist", "/m/C.playlist"})
+      playlists[name] = makeEntry(name, "{\"name\":\"n\",\"cliplist\":[]}", 1);
+    cache.WritePlaylistCacheToSharedMemory({*playlists.begin()});
+    if (!fillUp("/dev/shm")) return 12;
+    try {
+      cache.WritePlaylistCacheToSharedMemory(playlists);
+      return 13;
+    } catch (const bip::interprocess_exception&) {
+    }
+    std::map<std::string, PlaylistCacheEntry> kept;
+    if (cache.ReadPlaylistCacheFromSharedMemory(kept) != 1) return 14;
+    if (kept.size() != 1 || kept.count(MediaCache::PlaylistKey("/m/A.playlist")) != 1) return 15;
+    return 0;
+  });
+  if (code == kSkip) GTEST_SKIP() << "no mount namespace with a tmpfs of its own here";
+  EXPECT_EQ(code, 0) << (code > 128 ? "ended by a signal" : "a step failed");
 }
 
 // Whether any of this process's descriptors on `path` shares the open file description of a gate

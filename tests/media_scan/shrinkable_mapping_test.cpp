@@ -66,6 +66,34 @@ TEST(ShrinkableMapping, ReadsPastACutGiveZerosAndLoseTheRest) {
   EXPECT_EQ(code, 0) << (code > 128 ? "ended by a signal" : "a step failed");
 }
 
+// A fault at the first byte past a watched range (in its last page, the
+// range not being a whole number of pages) is not the range's: the process
+// gets the SIGBUS as it would have.
+TEST(ShrinkableMapping, AFaultJustPastAWatchedRangeIsNotTheRanges) {
+  if (vorta_test::underEmulation())
+    GTEST_SKIP()
+        << "qemu-user ends the process on a SIGBUS from a mapping cut short (uncaught target signal 7) "
+           "instead of handing it to the program's handler; make test-ppc-system runs this on a "
+           "PowerPC kernel";
+  vorta_test::TempDir dir;
+  const std::string path = dir.file("cut");
+  const int code = vorta_test::inChild([&] {
+    const struct rlimit noCore = {0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
+    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT, 0600);
+    if (fd < 0 || ftruncate(fd, static_cast<off_t>(3 * page)) != 0) return 90;
+    void* mapped = mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (mapped == MAP_FAILED) return 91;
+    volatile char* bytes = static_cast<volatile char*>(mapped);
+    if (!watchMapping(mapped, 2 * page + 100)) return 1;
+    if (ftruncate(fd, static_cast<off_t>(page)) != 0) return 92;
+    if (bytes[2 * page + 100] != 0) return 2;  // faults: ends the process
+    return 3;
+  });
+  EXPECT_EQ(code, 128 + SIGBUS) << "3: the fault was taken as the watched range's";
+}
+
 // What is not watched is not found: lost never, all of it kept; nothing and
 // an empty range cannot be watched.
 TEST(ShrinkableMapping, UnwatchedMappingsAreWholeAndNothingIsWatchable) {

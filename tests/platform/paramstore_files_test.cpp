@@ -263,6 +263,24 @@ TEST(FileParamsPaths, OnlyTheTemporaryFilesOfEndedWritersAreRemoved) {
   EXPECT_EQ(FileParamStore(path).getParam(eParamTake), 4u);
 }
 
+// A parameter file directly in the root directory: the temporary files of
+// ended writers beside it are removed too (its directory is "/").
+TEST(FileParamsPaths, TheTemporaryFilesOfEndedWritersInTheRootDirectoryAreRemovedToo) {
+  const std::string path = "/vorta-params-test-" + std::to_string(getpid()) + ".json";
+  const std::string stale = path + ".tmp.9999999";
+  const int probe = open(stale.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+  if (probe < 0) GTEST_SKIP() << "the root directory is not writable here: " << std::strerror(errno);
+  close(probe);
+  const int stored = FileParamStore(path).setParam(eParamTake, 4);
+  struct stat info;
+  const bool left = lstat(stale.c_str(), &info) == 0;
+  unlink(stale.c_str());
+  unlink(path.c_str());
+  unlink((path + ".lock").c_str());
+  EXPECT_EQ(stored, 1);
+  EXPECT_FALSE(left) << stale;
+}
+
 // A parameter file a write creates is readable by all and writable by its
 // owner only, and executable by no one (mode 0644, the umask applied).
 TEST(FileParamsPaths, AWrittenParameterFileHasMode0644) {

@@ -160,7 +160,7 @@ TEST(FileParamsHostile, AllocationFailureAtEveryPointNeverThrowsOrTearsTheFile) 
 
 // Memory running out at any point of a text's write or read gives 0 (the
 // text left alone) or 1, nothing else, and the file holds the old text or
-// the new one.
+// the new one; a parameter never set is not there either way.
 TEST(FileParamsHostile, AllocationFailureInATextsWriteOrReadGivesZeroOrOne) {
   if (const char* why = vorta_test::allocationFailureUnavailable()) GTEST_SKIP() << why;
   TempDir dir;
@@ -172,13 +172,16 @@ TEST(FileParamsHostile, AllocationFailureInATextsWriteOrReadGivesZeroOrOne) {
               for (long budget = 0; budget < 5000; ++budget) {
                 std::string text = "unchanged";
                 int stored = -1, read = -1;
+                bool has = true;
                 long refused = 0;
                 {
                   vorta_test::FailAlloc failing(budget);
                   stored = store.setParamString(eParamMediaDir, next);
                   read = store.getParamString(eParamMediaDir, text);
+                  has = store.hasParam(static_cast<eParam_t>(0x0A0B0C0D));  // never set
                   refused = vorta_test::FailAlloc::failures();
                 }
+                if (has) return 7;
                 if (stored != 0 && stored != 1) return 1;
                 if (read != 0 && read != 1) return 2;
                 if (read == 0 && text != "unchanged") return 3;
@@ -188,7 +191,7 @@ TEST(FileParamsHostile, AllocationFailureInATextsWriteOrReadGivesZeroOrOne) {
               return 6;
             }),
             0)
-      << "1, 2: a result other than 0 or 1; 99: an exception escaped";
+      << "1, 2: a result other than 0 or 1; 7: a parameter never set is there; 99: an exception escaped";
 }
 
 // Whether /proc/locks shows a process blocked waiting for a lock on the file
