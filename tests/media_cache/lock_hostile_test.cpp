@@ -296,15 +296,20 @@ bool fillUp(const std::string& dir) {
   return full;
 }
 
+// In a child: a /dev/shm of its own, a tmpfs of 1 MiB in a mount namespace of its own; false
+// when it cannot have one.
+bool sharedMemoryOfItsOwn() {
+  return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=1m") == 0;
+}
+
 // Makes sure a full /dev/shm gives an exception, never SIGBUS: a cache made on it fails to open,
 // and a write that needs more room than is left fails with the old image kept.
 TEST(LockHostile, FullSharedMemoryIsAnExceptionNotASignal) {
   if (geteuid() != 0) GTEST_SKIP() << "a /dev/shm of its own needs root";
   ScopedNames names;
   const int code = vorta_test::inChild([&] {
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=1m") != 0)
-      return kSkip;
+    if (!sharedMemoryOfItsOwn()) return kSkip;
     if (!fillUp("/dev/shm")) return 10;
     try {
       MediaCache cache(names.options);
@@ -335,9 +340,7 @@ TEST(LockHostile, FullSharedMemoryFailsAPlaylistWriteOrAFlushWithAnException) {
   if (geteuid() != 0) GTEST_SKIP() << "a /dev/shm of its own needs root";
   ScopedNames names;
   const int code = vorta_test::inChild([&] {
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=1m") != 0)
-      return kSkip;
+    if (!sharedMemoryOfItsOwn()) return kSkip;
     MediaCache cache(names.options);
     std::map<std::string, PlaylistCacheEntry> playlists;
     for (const char* name : {"/m/A.playlist", "/m/B.playlist", "/m/C.playlist"})

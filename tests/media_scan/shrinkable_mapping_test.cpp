@@ -25,24 +25,33 @@ using zev::detail::mappingLost;
 using zev::detail::unwatchMapping;
 using zev::detail::watchMapping;
 
+const char* const kNoSigbusFromCutsUnderQemu =
+    "qemu-user ends the process on a SIGBUS from a mapping cut short (uncaught target signal 7) instead of "
+    "handing it to the program's handler; make test-ppc-system runs this on a PowerPC kernel";
+
+// A new file of three pages at path, mapped shared whole: the mapping, its
+// descriptor in fd; null when it cannot be made.
+void* mapThreePages(const std::string& path, int& fd) {
+  const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  fd = open(path.c_str(), O_RDWR | O_CREAT, 0600);
+  if (fd < 0 || ftruncate(fd, static_cast<off_t>(3 * page)) != 0) return nullptr;
+  void* mapped = mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  return mapped == MAP_FAILED ? nullptr : mapped;
+}
+
 // A file of three pages cut short under its watched mapping, step by step:
 // the pages still in the file keep their bytes; a read past the new end
 // gives 0 instead of SIGBUS and loses the mapping from that page on; a cut
 // to nothing loses it all, down to its first byte.
 TEST(ShrinkableMapping, ReadsPastACutGiveZerosAndLoseTheRest) {
-  if (vorta_test::underEmulation())
-    GTEST_SKIP()
-        << "qemu-user ends the process on a SIGBUS from a mapping cut short (uncaught target signal 7) "
-           "instead of handing it to the program's handler; make test-ppc-system runs this on a "
-           "PowerPC kernel";
+  if (vorta_test::underEmulation()) GTEST_SKIP() << kNoSigbusFromCutsUnderQemu;
   vorta_test::TempDir dir;
   const std::string path = dir.file("cut");
   const int code = vorta_test::inChild([&] {
     const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT, 0600);
-    if (fd < 0 || ftruncate(fd, static_cast<off_t>(3 * page)) != 0) return 90;
-    void* mapped = mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (mapped == MAP_FAILED) return 91;
+    int fd = -1;
+    void* mapped = mapThreePages(path, fd);
+    if (mapped == nullptr) return 90;
     volatile char* bytes = static_cast<volatile char*>(mapped);
     for (std::size_t i = 0; i < 3; ++i) bytes[i * page] = static_cast<char>('a' + i);
     if (!watchMapping(mapped, 3 * page)) return 1;
@@ -70,21 +79,16 @@ TEST(ShrinkableMapping, ReadsPastACutGiveZerosAndLoseTheRest) {
 // range not being a whole number of pages) is not the range's: the process
 // gets the SIGBUS as it would have.
 TEST(ShrinkableMapping, AFaultJustPastAWatchedRangeIsNotTheRanges) {
-  if (vorta_test::underEmulation())
-    GTEST_SKIP()
-        << "qemu-user ends the process on a SIGBUS from a mapping cut short (uncaught target signal 7) "
-           "instead of handing it to the program's handler; make test-ppc-system runs this on a "
-           "PowerPC kernel";
+  if (vorta_test::underEmulation()) GTEST_SKIP() << kNoSigbusFromCutsUnderQemu;
   vorta_test::TempDir dir;
   const std::string path = dir.file("cut");
   const int code = vorta_test::inChild([&] {
     const struct rlimit noCore = {0, 0};
     setrlimit(RLIMIT_CORE, &noCore);
     const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT, 0600);
-    if (fd < 0 || ftruncate(fd, static_cast<off_t>(3 * page)) != 0) return 90;
-    void* mapped = mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (mapped == MAP_FAILED) return 91;
+    int fd = -1;
+    void* mapped = mapThreePages(path, fd);
+    if (mapped == nullptr) return 90;
     volatile char* bytes = static_cast<volatile char*>(mapped);
     if (!watchMapping(mapped, 2 * page + 100)) return 1;
     if (ftruncate(fd, static_cast<off_t>(page)) != 0) return 92;
