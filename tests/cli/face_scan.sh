@@ -33,6 +33,17 @@ for pair in "H264.mov:codec outside the table" "Broken.mov:damaged" "Folder.mov:
   expect "JSON: ${pair%%:*}" "\"file\":[[:space:]]*\"${pair%%:*}\",[[:space:]]*\"reason\":[[:space:]]*\"${pair#*:}\"" "$flat"
 done
 expect "JSON: counts" '"files":[[:space:]]*9,[[:space:]]*"accepted":[[:space:]]*3,' "$flat"
+# Each clip's attribute block, as pairs, in JSON (scan and clips alike), and
+# in no table, CSV or TSV (the column has no header).
+for command in "scan $media" "clips --all"; do
+  status "$command --json" 0 v $command --json
+  flat=$(tr -d '\n\t' <<<"$out")
+  expect "$command --json: attributes" '"attributes":[[:space:]]*\{[^}]*"Encode Type":[[:space:]]*"[0-9]+"' "$flat"
+  status "$command --csv" 0 v $command --csv
+  if grep -q "Encode Type" <<<"$out"; then fail "$command --csv shows the attribute block: $out"; fi
+done
+status "scan --quiet" 0 v scan "$media" --quiet
+[ -z "$out" ] || fail "scan --quiet printed: $out"
 
 # Progress: on a terminal only, files done of the total and the rate.
 if command -v script >/dev/null && [ ${#emulator[@]} -eq 0 ]; then
