@@ -265,16 +265,14 @@ struct StagedClip {
 
   const unsigned char* bytes() const { return reinterpret_cast<const unsigned char*>(this + 1); }
 
-  // The length of field up to its last byte that is not zero.
+  // The bytes of field to stage: the intake leaves a text followed by
+  // zeros, and only the text is staged. Should anything follow it, the whole
+  // field is, so that the record is kept exactly whatever it holds.
   static std::size_t usedBytes(const unsigned char* field, std::size_t size) {
-    while (size >= sizeof(std::uint64_t)) {
-      std::uint64_t word;
-      std::memcpy(&word, field + size - sizeof word, sizeof word);
-      if (word != 0) break;
-      size -= sizeof word;
-    }
-    while (size > 0 && field[size - 1] == 0) --size;
-    return size;
+    static const unsigned char kZeros[Clip::kNameSize] = {};
+    static_assert(kAttributesSize <= sizeof kZeros, "the zeros cover every field");
+    const std::size_t text = strnlen(reinterpret_cast<const char*>(field), size);
+    return std::memcmp(field + text, kZeros, size - text) == 0 ? text : size;
   }
 
   // Stages record in the arena, then zeroes what it staged of it: a record
