@@ -110,7 +110,8 @@ TEST_F(Scan, EveryStoredRecordIsTheRecordTheIntakeFills) {
   std::vector<std::string> fixtures;
   DIR* d = ::opendir(dataPath("qt").c_str());
   ASSERT_NE(d, nullptr);
-  while (const struct dirent* e = ::readdir(d)) {
+  // readdir64: a 32-bit readdir gives up (EOVERFLOW) on a file system with 64-bit offsets.
+  while (const struct dirent64* e = ::readdir64(d)) {
     const std::string name = e->d_name;
     if (name.size() > 4 &&
         (name.compare(name.size() - 4, 4, ".mov") == 0 || name.compare(name.size() - 4, 4, ".MOV") == 0))
