@@ -18,6 +18,7 @@
 #include <boost/interprocess/sync/scoped_lock.hpp>
 #include <cerrno>
 #include <climits>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -243,30 +244,68 @@ std::uint32_t loadCount(const unsigned char* at) {
 
 void storeCount(unsigned char* at, std::uint32_t count) { std::memcpy(at, &count, sizeof count); }
 
-// Rearranges records in place: afterwards the record at places[i] holds what
-// was the record at places[source[i]] (source is a permutation of the
-// indices). Each cycle of the permutation is followed once, with one record
-// of spare room.
-template <class Record>
-void placeInOrder(const std::vector<Record*>& places, const std::vector<std::size_t>& source) {
-  const std::size_t n = places.size();
-  std::unique_ptr<unsigned char[]> spare;
-  std::vector<bool> done(n, false);
-  for (std::size_t start = 0; start < n; ++start) {
-    if (done[start]) continue;
-    done[start] = true;
-    if (source[start] == start) continue;
-    if (!spare) spare.reset(new unsigned char[sizeof(Record)]);
-    std::memcpy(spare.get(), static_cast<const void*>(places[start]), sizeof(Record));
-    std::size_t i = start;
-    while (source[i] != start) {
-      std::memcpy(static_cast<void*>(places[i]), static_cast<const void*>(places[source[i]]), sizeof(Record));
-      i = source[i];
-      done[i] = true;
-    }
-    std::memcpy(static_cast<void*>(places[i]), spare.get(), sizeof(Record));
+// A clip the scan has taken, held until the catalogue is written: only the
+// bytes of its record that can be other than zero. A record is 6,536 bytes,
+// most of them the padding of its name and attribute fields; a typical clip
+// stages a few hundred. Followed in memory by kFieldsSize bytes of the
+// record's fields from modTime to playable, nameBytes bytes of the name
+// field and attributeBytes bytes of the attribute block; every other byte of
+// the record is zero.
+struct StagedClip {
+  std::int32_t modTime;  // the catalogue's order
+  std::uint16_t nameBytes;
+  std::uint16_t attributeBytes;
+
+  static constexpr std::size_t kFieldsAt = offsetof(Clip, modTime);
+  static constexpr std::size_t kFieldsSize = offsetof(Clip, attributes) - kFieldsAt;
+  static constexpr std::size_t kAttributesAt = offsetof(Clip, attributes);
+  static constexpr std::size_t kAttributesSize = sizeof(zev::media::MediaAttributes);
+  static_assert(Clip::kNameSize <= 0xFFFF && kAttributesSize <= 0xFFFF, "field lengths fit 16 bits");
+  static_assert(kAttributesAt + kAttributesSize == Clip::kStoredSize, "the attribute block ends the record");
+
+  const unsigned char* bytes() const { return reinterpret_cast<const unsigned char*>(this + 1); }
+
+  // The bytes of field to stage: the intake leaves a text followed by
+  // zeros, and only the text is staged. Should anything follow it, the whole
+  // field is, so that the record is kept exactly whatever it holds.
+  static std::size_t usedBytes(const unsigned char* field, std::size_t size) {
+    static const unsigned char kZeros[Clip::kNameSize] = {};
+    static_assert(kAttributesSize <= sizeof kZeros, "the zeros cover every field");
+    const std::size_t text = strnlen(reinterpret_cast<const char*>(field), size);
+    return std::memcmp(field + text, kZeros, size - text) == 0 ? text : size;
   }
-}
+
+  // Stages record in the arena, then zeroes what it staged of it: a record
+  // that was all zero before it was filled is all zero again.
+  static const StagedClip* stage(Clip& record, detail::WorkArena& arena) {
+    unsigned char* raw = reinterpret_cast<unsigned char*>(&record);
+    const std::size_t nameBytes = usedBytes(raw, Clip::kNameSize);
+    const std::size_t attributeBytes = usedBytes(raw + kAttributesAt, kAttributesSize);
+    const std::size_t size = sizeof(StagedClip) + kFieldsSize + nameBytes + attributeBytes;
+    StagedClip* staged = new (arena.allocate(size, alignof(StagedClip))) StagedClip();
+    staged->modTime = record.modTime;
+    staged->nameBytes = static_cast<std::uint16_t>(nameBytes);
+    staged->attributeBytes = static_cast<std::uint16_t>(attributeBytes);
+    unsigned char* out = reinterpret_cast<unsigned char*>(staged + 1);
+    std::memcpy(out, raw + kFieldsAt, kFieldsSize);
+    std::memcpy(out + kFieldsSize, raw, nameBytes);
+    std::memcpy(out + kFieldsSize + nameBytes, raw + kAttributesAt, attributeBytes);
+    std::memset(raw, 0, nameBytes);
+    std::memset(raw + kFieldsAt, 0, kFieldsSize);
+    std::memset(raw + kAttributesAt, 0, attributeBytes);
+    return staged;
+  }
+
+  // The record's first Clip::kStoredSize bytes, at slot.
+  void store(unsigned char* slot) const {
+    const unsigned char* in = bytes();
+    std::memcpy(slot + kFieldsAt, in, kFieldsSize);
+    std::memcpy(slot, in + kFieldsSize, nameBytes);
+    std::memset(slot + nameBytes, 0, Clip::kNameSize - nameBytes);
+    std::memcpy(slot + kAttributesAt, in + kFieldsSize + nameBytes, attributeBytes);
+    std::memset(slot + kAttributesAt + attributeBytes, 0, kAttributesSize - attributeBytes);
+  }
+};
 
 // Writes a playlist image of `count` entries under the playlist lock:
 // fill(slots) stores entry i whole at slots + i * kPlaylistSlotSize. Throws
@@ -442,7 +481,12 @@ int MediaCache::WriteClipCacheToSharedMemory(std::list<Clip> clips) {
 }
 
 int MediaCache::ReadClipCacheFromSharedMemory(std::list<Clip>& clips) {
-  return withImage(clipSegment_, *clipGuard_, [&clips](const unsigned char* base, std::uint64_t size) {
+  // Nothing is visited unless the image is valid: the list is then unchanged.
+  return VisitClips([&clips](Clip& clip) { clips.push_back(clip); });
+}
+
+int MediaCache::VisitClips(const std::function<void(Clip&)>& visit) {
+  return withImage(clipSegment_, *clipGuard_, [&visit](const unsigned char* base, std::uint64_t size) {
     if (size < kClipMagicSize || std::memcmp(base, kClipMagic, kClipMagicSize) != 0) return 0;
     if (size < kClipHeaderSize) {
       std::fprintf(
@@ -461,10 +505,14 @@ int MediaCache::ReadClipCacheFromSharedMemory(std::list<Clip>& clips) {
       return 0;
     }
     prefault(base, ClipImageSize(count), false);
+    // Each record is copied out of the segment before it is handed on: the
+    // visit never sees the shared bytes themselves, which another process
+    // may rewrite once the lock is released.
+    std::unique_ptr<Clip> record(new Clip());
     const unsigned char* slot = base + kClipHeaderSize;
     for (std::uint32_t i = 0; i < count; ++i, slot += kClipSlotSize) {
-      clips.emplace_back();
-      std::memcpy(static_cast<void*>(&clips.back()), slot, kClipSlotSize);
+      std::memcpy(static_cast<void*>(record.get()), slot, kClipSlotSize);
+      visit(*record);
     }
     return 1;
   });
@@ -658,10 +706,11 @@ void MediaCache::InitializePlaylists() {
 }
 
 std::map<std::string, PlaylistCacheEntry> MediaCache::GetPlaylists() {
-  std::list<Clip> clips;
-  ReadClipCacheFromSharedMemory(clips);
+  // Only the names of the stored clips are needed, not their records.
+  std::vector<std::string> names;
+  VisitClips([&names](Clip& clip) { names.emplace_back(clip.name, strnlen(clip.name, sizeof clip.name)); });
   std::map<std::string, PlaylistCacheEntry> playlists;
-  addAllClipsPlaylistToPlaylistCache(playlists, clips);
+  addAllClipsPlaylistToPlaylistCache(playlists, names);
   // Read last, so that a cached playlist keyed "All Clips" replaces the
   // synthetic one.
   ReadPlaylistCacheFromSharedMemory(playlists);
@@ -711,28 +760,50 @@ int MediaCache::ReadPlaylistCacheFromSharedMemory(std::map<std::string, Playlist
       });
 }
 
-void MediaCache::addAllClipsPlaylistToPlaylistCache(std::map<std::string, PlaylistCacheEntry>& playlists,
-                                                    std::list<Clip>& clips) {
-  // Clip names go in as they are, without JSON escaping.
+namespace {
+
+// Puts "All Clips" into the map: forEachName(add) calls add(name, length)
+// for every clip name in catalogue order. Names go in as they are, without
+// JSON escaping.
+template <class ForEachName>
+void putAllClips(std::map<std::string, PlaylistCacheEntry>& playlists, ForEachName forEachName) {
   std::string text = "{\"name\":\"All Clips\",\"cliplist\":[";
   bool first = true;
-  for (const Clip& clip : clips) {
+  forEachName([&](const char* name, std::size_t length) {
     if (!first) text += ',';
     first = false;
     text += '"';
-    text.append(clip.name, strnlen(clip.name, sizeof clip.name));
+    text.append(name, length);
     text += '"';
-  }
+  });
   text += "]}";
 
-  PlaylistCacheEntry& entry = playlists[kAllClipsName];
+  PlaylistCacheEntry& entry = playlists[MediaCache::kAllClipsName];
   std::memset(static_cast<void*>(&entry), 0, sizeof entry);
   if (text.size() > kAllClipsTextLimit) {
-    std::fprintf(stderr, "%s: Too Many Files! Refusing to create all clips playlist.\n", __func__);
+    std::fprintf(
+        stderr,
+        "addAllClipsPlaylistToPlaylistCache: Too Many Files! Refusing to create all clips playlist.\n");
     std::fflush(stderr);
   } else {
     boundedCopy(entry.text, sizeof entry.text, text.c_str());
   }
+}
+
+}  // namespace
+
+void MediaCache::addAllClipsPlaylistToPlaylistCache(std::map<std::string, PlaylistCacheEntry>& playlists,
+                                                    std::list<Clip>& clips) {
+  putAllClips(playlists, [&clips](const auto& add) {
+    for (const Clip& clip : clips) add(clip.name, strnlen(clip.name, sizeof clip.name));
+  });
+}
+
+void MediaCache::addAllClipsPlaylistToPlaylistCache(std::map<std::string, PlaylistCacheEntry>& playlists,
+                                                    const std::vector<std::string>& clipNames) {
+  putAllClips(playlists, [&clipNames](const auto& add) {
+    for (const std::string& name : clipNames) add(name.data(), name.size());
+  });
 }
 
 // ---------------------------------------------------------------------------
@@ -763,13 +834,13 @@ int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType
   }
   std::unique_ptr<DIR, int (*)(DIR*)> closer(dir, ::closedir);
 
-  // A full medium's records come to several megabytes, held for the scan
-  // only: the clips and playlists found live in arenas of the scan's own,
-  // each a fresh record, and are referred to by pointer. The clips' arena is
-  // handed back while the clip image is written, before the playlists are.
-  detail::WorkArena arena;
-  detail::WorkArena playlistArena(detail::WorkArena::kBlock, false);  // a few entries, usually
-  std::vector<Clip*> clips;  // in the order found, which is also their order in the arena
+  // The clips found are staged in an arena of the scan's own, each as the
+  // bytes of its record that are not zero, and referred to by pointer; each
+  // is taken in a record of the scan's own, which staging leaves zero again.
+  // The playlists, a few entries usually, live whole in an arena of their own.
+  detail::WorkArena arena(detail::WorkArena::kBlock, false);
+  detail::WorkArena playlistArena(detail::WorkArena::kBlock, false);
+  std::vector<const StagedClip*> clips;  // in the order found
   std::map<std::string, const PlaylistCacheEntry*> playlists;
   // Files that are not clips or playlists (FIFOs, sockets, devices,
   // directories, dangling links) are skipped by GrokClip and GrokPlaylist
@@ -777,6 +848,7 @@ int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType
   // descriptor or memory left, an unreadable directory) abandons the scan
   // before anything is written.
   try {
+    std::unique_ptr<Clip> record(new Clip());
     // The clips' reads are made ahead of their intake, many at a time; the
     // intake then finds them in the page cache.
     detail::ScanPrefetch prefetch(directory, dir);
@@ -793,14 +865,13 @@ int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType
       // called media.mov makes every entry in it a clip candidate.
       if (detail::isClipCandidate(path.c_str())) {
         prefetch.ready(*entry);
-        Clip* clip = new (arena.allocate(sizeof(Clip), alignof(Clip))) Clip();
         errno = 0;
-        if (GrokClip(*clip, path, false)) {
-          clip->playable = IsPlayable(*clip, currentEncodeType);
-          clips.push_back(clip);
+        if (GrokClip(*record, path, false)) {
+          record->playable = IsPlayable(*record, currentEncodeType);
+          clips.push_back(StagedClip::stage(*record, arena));
         } else {
           const int error = errno;
-          arena.deallocate(clip, sizeof(Clip));
+          std::memset(static_cast<void*>(record.get()), 0, sizeof(Clip));
           if (outOfResources(error)) return abandonScan(path, error);
         }
       } else if (path.find(".playlist") != std::string::npos) {
@@ -820,17 +891,9 @@ int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType
     }
     closer.reset();
 
-    // Oldest first; equal times keep the order found.
-    std::vector<std::size_t> sorted(clips.size());
-    for (std::size_t i = 0; i < sorted.size(); ++i) sorted[i] = i;
-    std::stable_sort(sorted.begin(), sorted.end(), [&clips](std::size_t a, std::size_t b) {
-      return Clip::compare_clips_by_time(*clips[a], *clips[b]);
-    });
-    // Put the records in catalogue order where they lie, so that the image is
-    // written front to back and the arena's blocks go back to the kernel
-    // behind the copy: the scan never holds the records and the whole image
-    // at once.
-    placeInOrder(clips, sorted);
+    // Oldest first (Clip::compare_clips_by_time); equal times keep the order found.
+    std::stable_sort(clips.begin(), clips.end(),
+                     [](const StagedClip* a, const StagedClip* b) { return a->modTime < b->modTime; });
   } catch (const std::bad_alloc&) {
     return abandonScan(directory, ENOMEM);
   }
@@ -843,8 +906,7 @@ int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType
           unsigned char* slot = slots + i * kClipSlotSize;
           if (i % kWindow == 0)
             prefault(slot, std::min<std::uint64_t>(kWindow, count - i) * kClipSlotSize, true);
-          arena.releaseBefore(clips[i]);
-          std::memcpy(slot, clips[i], Clip::kStoredSize);
+          clips[i]->store(slot);
         }
       },
       false);

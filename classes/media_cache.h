@@ -160,6 +160,16 @@ class MediaCache {
   /// with no clips); 0, with the list unchanged, when it is not (never
   /// written, flushed, or a count that runs past the segment).
   int ReadClipCacheFromSharedMemory(std::list<Clip>& clips);
+  /// Calls visit with each stored clip in catalogue order, as
+  /// ReadClipCacheFromSharedMemory would append them, without holding the
+  /// whole catalogue in memory: visit gets a copy of the record, its own to
+  /// change, overwritten by the next one. Runs under the clip lock, which
+  /// other processes wait for meanwhile: visit should be brief, and a clip
+  /// method of this cache called from it throws interprocess_exception
+  /// (the thread holds the lock already). 1 when the image is valid (also with no
+  /// clips); 0, with no call, when it is not. An exception from visit
+  /// ends the walk, releases the lock and reaches the caller.
+  int VisitClips(const std::function<void(Clip&)>& visit);
   /// Invalidates the clip image: every reader sees no clips until the next write.
   void FlushClips();
   /// Invalidates the playlist image.
@@ -280,6 +290,10 @@ class MediaCache {
   /// without text and a message goes to standard error.
   void addAllClipsPlaylistToPlaylistCache(std::map<std::string, PlaylistCacheEntry>& playlists,
                                           std::list<Clip>& clips);
+  /// The same for the clips of these names, in this order (each name the
+  /// bytes of a record's name field up to its NUL).
+  void addAllClipsPlaylistToPlaylistCache(std::map<std::string, PlaylistCacheEntry>& playlists,
+                                          const std::vector<std::string>& clipNames);
 
   /// The map key of a playlist file: the base name of the path, cut before
   /// the first ".playlist" (the whole base name when there is none).

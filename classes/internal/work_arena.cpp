@@ -57,7 +57,7 @@ void WorkArena::newChunk(std::size_t atLeast) {
 #ifdef MADV_HUGEPAGE
   if (hugePages_) ::madvise(base, size, MADV_HUGEPAGE);  // advice only: refused where there are none
 #endif
-  chunks_.push_back(Chunk{base, size, 0});
+  chunks_.push_back(Chunk{base, size});
   processMapped.fetch_add(size, std::memory_order_relaxed);
   top_ = base;
   end_ = base + size;
@@ -98,42 +98,13 @@ void WorkArena::deallocate(void* p, std::size_t bytes) noexcept {
   }
 }
 
-void WorkArena::releaseBefore(const void* p) noexcept {
-  const unsigned char* at = static_cast<const unsigned char*>(p);
-  for (std::size_t i = chunks_.size(); i-- > 0;) {
-    Chunk& chunk = chunks_[i];
-    if (at < chunk.base || at >= chunk.base + chunk.size) continue;
-    for (std::size_t earlier = 0; earlier < i; ++earlier) unmap(chunks_[earlier]);
-    const std::size_t done = static_cast<std::size_t>(at - chunk.base) / kBlock * kBlock;
-    if (done > chunk.released) {
-      giveBack(chunk.base + chunk.released, done - chunk.released);
-      chunk.released = done;
-    }
-    return;
-  }
-}
-
-void WorkArena::unmap(Chunk& chunk) noexcept {
-  if (chunk.released < chunk.size) giveBack(chunk.base + chunk.released, chunk.size - chunk.released);
-  chunk.released = chunk.size;
-}
+void WorkArena::unmap(Chunk& chunk) noexcept { giveBack(chunk.base, chunk.size); }
 
 std::size_t WorkArena::mappedInProcess() noexcept { return processMapped.load(std::memory_order_relaxed); }
 
-std::size_t WorkArena::position(const void* p) const noexcept {
-  const unsigned char* at = static_cast<const unsigned char*>(p);
-  std::size_t before = 0;
-  for (const Chunk& chunk : chunks_) {
-    if (at >= chunk.base && at < chunk.base + chunk.size)
-      return before + static_cast<std::size_t>(at - chunk.base);
-    before += chunk.size;
-  }
-  return before;
-}
-
 std::size_t WorkArena::mappedBytes() const {
   std::size_t bytes = 0;
-  for (const Chunk& chunk : chunks_) bytes += chunk.size - chunk.released;
+  for (const Chunk& chunk : chunks_) bytes += chunk.size;
   return bytes;
 }
 

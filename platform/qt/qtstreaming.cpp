@@ -628,8 +628,10 @@ class File {
       return false;
     }
     if (!S_ISREG(st.st_mode) || st.st_size < 0) return false;
-    const int flags = ::fcntl(fd_.get(), F_GETFL);
-    if (flags == -1 || ::fcntl(fd_.get(), F_SETFL, flags & ~O_NONBLOCK) == -1) {
+    // F_SETFL changes only the status flags it can (O_APPEND, O_ASYNC,
+    // O_DIRECT, O_NOATIME, O_NONBLOCK), of which the open set O_NONBLOCK
+    // alone: 0 clears it without reading the flags first.
+    if (::fcntl(fd_.get(), F_SETFL, 0) == -1) {
       error_ = errno;
       return false;
     }

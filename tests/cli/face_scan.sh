@@ -33,6 +33,28 @@ for pair in "H264.mov:codec outside the table" "Broken.mov:damaged" "Folder.mov:
   expect "JSON: ${pair%%:*}" "\"file\":[[:space:]]*\"${pair%%:*}\",[[:space:]]*\"reason\":[[:space:]]*\"${pair#*:}\"" "$flat"
 done
 expect "JSON: counts" '"files":[[:space:]]*9,[[:space:]]*"accepted":[[:space:]]*3,' "$flat"
+# Each clip's attribute block, as pairs, in JSON (scan and clips alike), and
+# in no table, CSV or TSV (the column has no header).
+for command in "scan $media" "clips --all"; do
+  status "$command --json" 0 v $command --json
+  flat=$(tr -d '\n\t' <<<"$out")
+  expect "$command --json: attributes" '"attributes":[[:space:]]*\{[^}]*"Encode Type":[[:space:]]*"[0-9]+"' "$flat"
+  status "$command --csv" 0 v $command --csv
+  if grep -q "Encode Type" <<<"$out"; then fail "$command --csv shows the attribute block: $out"; fi
+done
+status "scan --quiet" 0 v scan "$media" --quiet
+[ -z "$out" ] || fail "scan --quiet printed: $out"
+
+# A directory named like a clip makes every entry in it a clip candidate, as
+# the scan itself takes them: a clip under any name is taken, any other file
+# is left out as damaged, not as "not a clip name".
+mkdir "$work/Named.mov"
+cp "$data/qt/hd1080_p25.mov" "$work/Named.mov/take.bin"
+printf 'notes' >"$work/Named.mov/notes.txt"
+status "scan of a directory named like a clip" 0 v scan "$work/Named.mov" --wide
+expect "a clip under any name" "^take\.bin " "$out"
+expect "any other file is damaged" "^notes\.txt +damaged " "$out"
+expect "the counts there" "^2 files in $work/Named\.mov: 1 taken \(1 clip, 0 playlists\), 1 left out$" "$out"
 
 # Progress: on a terminal only, files done of the total and the rate.
 if command -v script >/dev/null && [ ${#emulator[@]} -eq 0 ]; then

@@ -5,6 +5,7 @@
 #include <boost/interprocess/exceptions.hpp>
 #include <cstring>
 #include <list>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -408,3 +409,116 @@ TEST(ClipCache, TwoObjectsShareOneCatalogue) {
 }
 
 }  // namespace
+
+namespace visiting {
+
+// Each record a visit is handed, whole.
+std::vector<std::vector<unsigned char>> visitedRecords(MediaCache& cache, int& result) {
+  std::vector<std::vector<unsigned char>> seen;
+  result = cache.VisitClips([&seen](Clip& clip) {
+    const unsigned char* raw = reinterpret_cast<const unsigned char*>(&clip);
+    seen.emplace_back(raw, raw + sizeof(Clip));
+  });
+  return seen;
+}
+
+// A visit sees every stored record in catalogue order, byte for byte what
+// ReadClipCacheFromSharedMemory gives (padding and bytes after a name's NUL too).
+TEST(ClipVisit, SeesEveryRecordAsTheListWouldHoldIt) {
+  ScopedNames names;
+  MediaCache cache(names.options);
+  fillSegment(names.options.clipSegment, 0x5A);
+  Clip odd = makeClip("B.mov", 5, 2);
+  odd.name[100] = 'z';  // past the name's NUL
+  cache.WriteClipCacheToSharedMemory({makeClip("A.mov", 9, 1), odd, makeClip("C.mov", 1, 3)});
+
+  int result = -1;
+  const auto seen = visitedRecords(cache, result);
+  EXPECT_EQ(result, 1);
+  std::list<Clip> clips;
+  ASSERT_EQ(cache.ReadClipCacheFromSharedMemory(clips), 1);
+  ASSERT_EQ(seen.size(), 3u);
+  auto it = clips.begin();
+  for (const auto& record : seen) {
+    EXPECT_EQ(std::memcmp(record.data(), &*it, sizeof(Clip)), 0);
+    ++it;
+  }
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(seen[1].data())), "B.mov");
+  EXPECT_EQ(seen[1][100], 'z');
+  EXPECT_EQ(seen[2][6535], 0x5A);  // the padding comes from the segment
+}
+
+// An empty image is valid and visits nothing; no image, a flushed one or a
+// count running past the segment give 0 and no visit.
+TEST(ClipVisit, VisitsNothingOfAnImageThatIsNotThere) {
+  ScopedNames names(2, 1);
+  MediaCache cache(names.options);
+  int result = -1;
+  EXPECT_TRUE(visitedRecords(cache, result).empty());
+  EXPECT_EQ(result, 0);
+
+  cache.WriteClipCacheToSharedMemory({});
+  EXPECT_TRUE(visitedRecords(cache, result).empty());
+  EXPECT_EQ(result, 1);
+
+  cache.WriteClipCacheToSharedMemory({makeClip("A.mov", 1), makeClip("B.mov", 2)});
+  cache.FlushClips();
+  EXPECT_TRUE(visitedRecords(cache, result).empty());
+  EXPECT_EQ(result, 0);
+
+  cache.WriteClipCacheToSharedMemory({makeClip("A.mov", 1), makeClip("B.mov", 2)});
+  patchSegment(names.options.clipSegment, 15, native32(3));
+  testing::internal::CaptureStderr();
+  EXPECT_TRUE(visitedRecords(cache, result).empty());
+  EXPECT_EQ(
+      testing::internal::GetCapturedStderr(),
+      "ReadClipCacheFromSharedMemory: stored count 3 runs past the segment of 13091 bytes; image ignored\n");
+  EXPECT_EQ(result, 0);
+}
+
+// The record handed on is the visit's own copy: changing it changes nothing stored.
+TEST(ClipVisit, TheVisitChangesACopyNotTheImage) {
+  ScopedNames names;
+  MediaCache cache(names.options);
+  cache.WriteClipCacheToSharedMemory({makeClip("A.mov", 1), makeClip("B.mov", 2)});
+  const std::vector<unsigned char> before = segmentBytes(names.options.clipSegment);
+  std::vector<std::string> seen;
+  EXPECT_EQ(cache.VisitClips([&seen](Clip& clip) {
+    seen.emplace_back(clip.name);
+    std::memset(static_cast<void*>(&clip), 0xFF, sizeof clip);
+  }),
+            1);
+  EXPECT_EQ(seen, (std::vector<std::string>{"A.mov", "B.mov"}));
+  EXPECT_EQ(segmentBytes(names.options.clipSegment), before);
+}
+
+// A visit that throws ends the walk; the lock is free again afterwards.
+TEST(ClipVisit, AnExceptionFromTheVisitReleasesTheLock) {
+  ScopedNames names;
+  MediaCache cache(names.options);
+  cache.WriteClipCacheToSharedMemory({makeClip("A.mov", 1), makeClip("B.mov", 2), makeClip("C.mov", 3)});
+  int calls = 0;
+  EXPECT_THROW(cache.VisitClips([&calls](Clip&) {
+    if (++calls == 2) throw std::runtime_error("stop");
+  }),
+               std::runtime_error);
+  EXPECT_EQ(calls, 2);
+  EXPECT_EQ(cache.ClipLockState().kind, MediaCache::LockState::Free);
+  EXPECT_EQ(namesOf(cache.GetClips()), (std::vector<std::string>{"A.mov", "B.mov", "C.mov"}));
+}
+
+// The visit runs under the clip lock: a clip method of the same cache called
+// from it is refused at once (no wait for itself), and the lock is free afterwards.
+TEST(ClipVisit, AClipMethodCalledFromTheVisitIsRefused) {
+  ScopedNames names;
+  MediaCache cache(names.options);
+  cache.WriteClipCacheToSharedMemory({makeClip("A.mov", 1)});
+  EXPECT_THROW(cache.VisitClips([&cache](Clip&) { cache.GetClips(); }),
+               boost::interprocess::interprocess_exception);
+  EXPECT_THROW(cache.VisitClips([&cache](Clip&) { cache.WriteClipCacheToSharedMemory({}); }),
+               boost::interprocess::interprocess_exception);
+  EXPECT_EQ(cache.ClipLockState().kind, MediaCache::LockState::Free);
+  EXPECT_EQ(namesOf(cache.GetClips()), std::vector<std::string>{"A.mov"});
+}
+
+}  // namespace visiting

@@ -423,3 +423,30 @@ TEST(PlaylistCache, CountRunningPastTheSegmentIsRefused) {
 }
 
 }  // namespace
+
+// "All Clips" from the clips' names gives the very entry the clips give, up to
+// and including the refusal at 49216 characters.
+TEST(PlaylistCache, AllClipsFromNamesIsTheEntryTheClipsGive) {
+  ScopedNames names;
+  MediaCache cache(names.options);
+  for (std::size_t length : {std::size_t(49215), std::size_t(49216)}) {
+    std::list<Clip> clips = clipsForAllClipsText(length);
+    std::vector<std::string> clipNames = namesOf(clips);
+    PlaylistMap fromClips, fromNames;
+    testing::internal::CaptureStderr();
+    cache.addAllClipsPlaylistToPlaylistCache(fromClips, clips);
+    const std::string clipsMessage = testing::internal::GetCapturedStderr();
+    testing::internal::CaptureStderr();
+    cache.addAllClipsPlaylistToPlaylistCache(fromNames, clipNames);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), clipsMessage);
+    EXPECT_EQ(clipsMessage.empty(), length == 49215);
+    ASSERT_EQ(keysOf(fromNames), std::vector<std::string>{"All Clips"});
+    EXPECT_TRUE(sameBytes(&fromNames["All Clips"], &fromClips["All Clips"], sizeof(PlaylistCacheEntry)));
+  }
+  // Names go in as they are: quotes and all.
+  PlaylistMap playlists;
+  cache.addAllClipsPlaylistToPlaylistCache(playlists, std::vector<std::string>{"a\"b.mov", "c.mov"});
+  EXPECT_EQ(textOf(playlists["All Clips"]), "{\"name\":\"All Clips\",\"cliplist\":[\"a\"b.mov\",\"c.mov\"]}");
+  cache.addAllClipsPlaylistToPlaylistCache(playlists, std::vector<std::string>{});
+  EXPECT_EQ(textOf(playlists["All Clips"]), "{\"name\":\"All Clips\",\"cliplist\":[]}");
+}

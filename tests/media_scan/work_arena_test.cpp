@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <list>
 #include <string>
 #include <vector>
 
@@ -20,7 +19,6 @@
 namespace {
 
 using zev::detail::WorkArena;
-using zev::detail::WorkArenaAllocator;
 
 constexpr std::size_t kChunk = 2 * WorkArena::kBlock;
 constexpr std::size_t kClipsPerChunk = kChunk / sizeof(Clip);  // 641 records of 6536 bytes
@@ -81,8 +79,6 @@ TEST(WorkArena, HandsOutAlignedZeroedMemoryInAllocationOrder) {
   std::memset(b, 0xAB, 16);
   EXPECT_EQ(arena.chunks(), 1u);
   EXPECT_EQ(arena.mappedBytes(), kChunk);
-  EXPECT_LT(arena.position(a), arena.position(b));
-  EXPECT_LT(arena.position(b), arena.position(c));
 }
 
 TEST(WorkArena, OpensANewChunkWhenARecordNoLongerFits) {
@@ -96,11 +92,8 @@ TEST(WorkArena, OpensANewChunkWhenARecordNoLongerFits) {
   EXPECT_EQ(arena.mappedBytes(), 2 * kChunk);
   // The record that did not fit starts the second chunk, whole.
   EXPECT_TRUE(aligned(clips.back(), WorkArena::kBlock));
-  EXPECT_EQ(arena.position(clips.back()), kChunk);
-  for (std::size_t i = 1; i < clips.size(); ++i) {
-    EXPECT_LT(arena.position(clips[i - 1]), arena.position(clips[i]));
-    EXPECT_EQ(clips[i]->modTime, static_cast<int32_t>(i));
-  }
+  EXPECT_NE(clips.back(), clips[kClipsPerChunk - 1] + 1);  // not right after the last one of the first
+  for (std::size_t i = 0; i < clips.size(); ++i) EXPECT_EQ(clips[i]->modTime, static_cast<int32_t>(i));
 }
 
 TEST(WorkArena, TakesBackOnlyTheLatestAllocation) {
@@ -124,46 +117,6 @@ TEST(WorkArena, ALargeAllocationGetsAChunkOfItsOwn) {
   p[0] = 1;
   p[big - 1] = 2;
   EXPECT_EQ(p[big - 1], 2);
-}
-
-TEST(WorkArena, GivesBackWholeBlocksBehindARecord) {
-  WorkArena arena;
-  std::vector<Clip*> clips;
-  for (std::size_t i = 0; i < 2 * kClipsPerChunk + 1; ++i)
-    clips.push_back(new (arena.allocate(sizeof(Clip), alignof(Clip))) Clip());
-  ASSERT_EQ(arena.chunks(), 3u);
-  EXPECT_EQ(arena.mappedBytes(), 3 * kChunk);
-
-  // A record inside the first block: nothing ends before it.
-  arena.releaseBefore(clips[10]);
-  EXPECT_EQ(arena.mappedBytes(), 3 * kChunk);
-  // The first record that starts in the second block: the first block goes.
-  const std::size_t inSecondBlock = WorkArena::kBlock / sizeof(Clip) + 1;
-  arena.releaseBefore(clips[inSecondBlock]);
-  EXPECT_EQ(arena.mappedBytes(), 3 * kChunk - WorkArena::kBlock);
-  clips[inSecondBlock]->modTime = 7;  // still usable
-  // A record of the second chunk: the whole first chunk goes.
-  arena.releaseBefore(clips[kClipsPerChunk + 1]);
-  EXPECT_EQ(arena.mappedBytes(), 2 * kChunk);
-  for (std::size_t i = kClipsPerChunk + 1; i < clips.size(); ++i) clips[i]->height = 1080;
-  // Memory that is not the arena's changes nothing.
-  int elsewhere = 0;
-  arena.releaseBefore(&elsewhere);
-  EXPECT_EQ(arena.mappedBytes(), 2 * kChunk);
-}
-
-// A record that starts a chunk: every chunk before it goes, nothing of its own.
-TEST(WorkArena, ARecordThatStartsAChunkGivesBackEveryEarlierChunk) {
-  WorkArena arena;
-  unsigned char* first = static_cast<unsigned char*>(arena.allocate(kChunk, 8));  // the whole first chunk
-  unsigned char* second = static_cast<unsigned char*>(arena.allocate(64, 8));
-  ASSERT_EQ(arena.chunks(), 2u);
-  ASSERT_EQ(arena.position(second), kChunk);  // the second chunk's first byte
-  arena.releaseBefore(second);
-  EXPECT_EQ(arena.mappedBytes(), kChunk);
-  EXPECT_FALSE(isMapped(first));
-  EXPECT_FALSE(isMapped(first + kChunk - 1));
-  EXPECT_TRUE(isMapped(second));
 }
 
 // The arena's list of chunks has room for a new one before the chunk is
@@ -262,18 +215,6 @@ TEST(WorkArena, CountsFromNothingAndTakesZeroAsOneBlock) {
   EXPECT_EQ(WorkArena::mappedInProcess(), 0u);
 }
 
-TEST(WorkArena, CountsWhatItGivesBackEarly) {
-  const std::size_t before = WorkArena::mappedInProcess();
-  WorkArena arena;
-  unsigned char* first = static_cast<unsigned char*>(arena.allocate(100, 8));
-  unsigned char* later = static_cast<unsigned char*>(arena.allocate(WorkArena::kBlock, 8));
-  EXPECT_EQ(WorkArena::mappedInProcess(), before + kChunk);
-  arena.releaseBefore(later + WorkArena::kBlock - 1);  // in the second block: the first goes
-  EXPECT_EQ(WorkArena::mappedInProcess(), before + kChunk - WorkArena::kBlock);
-  EXPECT_FALSE(isMapped(first));
-  EXPECT_TRUE(isMapped(later + WorkArena::kBlock - 1));
-}
-
 TEST(WorkArena, FillsWholeBlocksOrSmallStepsAhead) {
   if (vorta_test::underEmulation()) GTEST_SKIP() << "user-mode emulation does not fill page tables on advice";
   WorkArena big;
@@ -284,21 +225,6 @@ TEST(WorkArena, FillsWholeBlocksOrSmallStepsAhead) {
   EXPECT_EQ(residentKb(b), 64);
   small.allocate(64 << 10, 8);  // runs into the second step
   EXPECT_EQ(residentKb(b), 128);
-}
-
-TEST(WorkArena, ServesStandardContainers) {
-  WorkArena arena;
-  std::list<int, WorkArenaAllocator<int>> list{WorkArenaAllocator<int>(arena)};
-  std::vector<double, WorkArenaAllocator<double>> vector{WorkArenaAllocator<double>(arena)};
-  for (int i = 0; i < 1000; ++i) {
-    list.push_back(i);
-    vector.push_back(i * 0.5);
-  }
-  EXPECT_EQ(list.size(), 1000u);
-  EXPECT_EQ(list.back(), 999);
-  EXPECT_EQ(vector[999], 499.5);
-  EXPECT_TRUE(WorkArenaAllocator<int>(arena) == WorkArenaAllocator<double>(arena));
-  EXPECT_EQ(arena.chunks(), 1u);
 }
 
 }  // namespace

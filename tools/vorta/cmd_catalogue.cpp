@@ -18,6 +18,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <string_view>
 #include <thread>
 
 #include "cli.h"
@@ -75,29 +76,45 @@ std::string fourCCOf(const Clip& clip) { return std::string(clip.fourCC, strnlen
 // The catalogue: one row per clip. At 80 columns the table keeps the name,
 // the picture and the verdict; times give way after the audio channels,
 // frames and start time codes.
-Rows catalogueRows(MediaCache& cache, std::list<Clip>& clips, unsigned encodeType) {
-  Rows rows(join(
+Rows catalogueTable() {
+  return Rows(join(
       join({{"name", "NAME", Column::Left, 0, Column::Middle}, {"modified", "MODIFIED", Column::Left, 6}},
            pictureColumns()),
       {{"playable", "PLAYABLE"}, {"notPlayable", "WHY NOT", Column::Left, 0, Column::End}, {"attributes"}}));
-  for (Clip& clip : clips) {
-    const bool nameOnly = clip.fourCC[0] == '\0';  // taken by name only
-    std::string why = whyNotPlayable(cache, clip, encodeType);
-    if (why.empty() && unplayable(clip)) why = "marked unplayable at intake";
-    const std::map<std::string, std::string> map = clip.attributes.getAttributesMap();
-    const std::vector<std::pair<std::string, std::string>> attributes(map.begin(), map.end());
-    const Picture picture{fourCCOf(clip),
-                          clip.width,
-                          clip.height,
-                          clip.frameRate,
-                          clip.scanMode,
-                          clip.videoLength,
-                          text(attribute(map, zev::media::MediaAudioChannels)),
-                          text(attribute(map, zev::media::MediaStartingTimecode))};
-    rows.add(join(join({text(clipName(clip)), nameOnly ? none("-") : text(isoTime(clip.modTime))},
-                       pictureValues(picture, [nameOnly](Value v) { return nameOnly ? v.shows("-") : v; })),
-                  {flag(!unplayable(clip)), why.empty() ? absent() : text(why), pairs(attributes)}));
-  }
+}
+
+// Adds the clip's row. Its attribute pairs are printed in JSON alone (the
+// column has no header): only then are they put in.
+void addCatalogueRow(Rows& rows, MediaCache& cache, Clip& clip, unsigned encodeType, bool withAttributes) {
+  const bool nameOnly = clip.fourCC[0] == '\0';  // taken by name only
+  std::string why = whyNotPlayable(cache, clip, encodeType);
+  if (why.empty() && unplayable(clip)) why = "marked unplayable at intake";
+  const std::map<std::string, std::string> map = clip.attributes.getAttributesMap();
+  const Picture picture{fourCCOf(clip),
+                        clip.width,
+                        clip.height,
+                        clip.frameRate,
+                        clip.scanMode,
+                        clip.videoLength,
+                        text(attribute(map, zev::media::MediaAudioChannels)),
+                        text(attribute(map, zev::media::MediaStartingTimecode))};
+  std::vector<Value> row;
+  row.reserve(15);
+  row.push_back(text(clipName(clip)));
+  row.push_back(nameOnly ? none("-") : text(isoTime(clip.modTime)));
+  appendPictureValues(row, picture, [nameOnly](Value v) {
+    if (nameOnly) return v.shows("-");
+    return v;
+  });
+  row.push_back(flag(!unplayable(clip)));
+  row.push_back(why.empty() ? absent() : text(why));
+  row.push_back(withAttributes ? pairs({map.begin(), map.end()}) : absent());
+  rows.add(std::move(row));
+}
+
+Rows catalogueRows(MediaCache& cache, std::list<Clip>& clips, unsigned encodeType, bool withAttributes) {
+  Rows rows = catalogueTable();
+  for (Clip& clip : clips) addCatalogueRow(rows, cache, clip, encodeType, withAttributes);
   return rows;
 }
 
@@ -289,16 +306,32 @@ int runScan(Invocation& in) {
   }
 
   // Every clip as stored, in catalogue order (what findClips(true, false,
-  // true) gives, without its second copy of a catalogue of megabytes).
-  std::list<Clip> clips = session.cache().GetClips();
+  // true) gives), read straight from the shared image rather than as a copy
+  // of a catalogue of megabytes: its rows and the names taken.
+  Rows catalogue = catalogueTable();
+  std::vector<std::string> clipNames;
+  const bool rowsPrinted = formatOf(in) != Format::Quiet;
+  session.cache().VisitClips([&](Clip& clip) {
+    clipNames.push_back(clipName(clip));
+    if (rowsPrinted)
+      addCatalogueRow(catalogue, session.cache(), clip, encodeType, formatOf(in) == Format::Json);
+  });
   // The stored playlists with "All Clips" built from those clips: what
   // GetPlaylists gives, without reading the catalogue a second time.
   std::map<std::string, PlaylistCacheEntry> playlists;
-  session.cache().addAllClipsPlaylistToPlaylistCache(playlists, clips);
+  session.cache().addAllClipsPlaylistToPlaylistCache(playlists, clipNames);
   session.cache().ReadPlaylistCacheFromSharedMemory(playlists);
   // What was taken, by name, and each file left out with its reason.
-  std::set<std::string> taken;
-  for (const Clip& clip : clips) taken.insert(clipName(clip));
+  // Sorted, each name once, for lookups by name.
+  std::vector<std::string> taken(clipNames);
+  std::sort(taken.begin(), taken.end());
+  taken.erase(std::unique(taken.begin(), taken.end()), taken.end());
+  const auto isTaken = [&taken](const std::string& name) {
+    // A record holds a name of at most Clip::kNameSize - 1 bytes.
+    const std::string_view key(name.data(), std::min(name.size(), Clip::kNameSize - 1));
+    return std::binary_search(taken.begin(), taken.end(), key,
+                              [](std::string_view a, std::string_view b) { return a < b; });
+  };
   std::set<std::string> takenPlaylists;
   for (const auto& pair : playlists) {
     const std::string path(pair.second.path, strnlen(pair.second.path, sizeof pair.second.path));
@@ -307,13 +340,16 @@ int runScan(Invocation& in) {
   Rows leftOut({{"file", "LEFT OUT", Column::Left, 0, Column::Middle},
                 {"reason", "REASON"},
                 {"detail", "DETAIL", Column::Left, 0, Column::End}});
+  // The scan tests the whole path, directory and name; none of the marks
+  // holds a '/', so a mark is in the directory or in the name.
+  const auto holds = [&dir](const std::string& name, const char* mark) {
+    return dir.find(mark) != std::string::npos || name.find(mark) != std::string::npos;
+  };
   for (const std::string& name : names) {
-    const std::string path = dir + "/" + name;
-    LeftOut item{name, "", ""};
-    if (path.find(".mov") != std::string::npos || path.find(".MOV") != std::string::npos) {
-      if (taken.count(name.substr(0, Clip::kNameSize - 1)) == 0)
-        item = whyLeftOut(session.cache(), dir, name, false);
-    } else if (path.find(".playlist") != std::string::npos) {
+    LeftOut item;
+    if (holds(name, ".mov") || holds(name, ".MOV")) {
+      if (!isTaken(name)) item = whyLeftOut(session.cache(), dir, name, false);
+    } else if (holds(name, ".playlist")) {
       if (takenPlaylists.count(name) == 0) item = whyLeftOut(session.cache(), dir, name, true);
     } else {
       item = {name, "not a clip name", "neither .mov nor .playlist"};
@@ -321,7 +357,7 @@ int runScan(Invocation& in) {
     if (!item.reason.empty()) leftOut.add({text(item.file), text(item.reason), text(item.detail)});
   }
   const auto all = playlists.find(MediaCache::kAllClipsName);
-  const std::string allClips = all == playlists.end() ? "" : allClipsProblem(all->second, clips.size());
+  const std::string allClips = all == playlists.end() ? "" : allClipsProblem(all->second, clipNames.size());
   const std::size_t accepted = names.size() - leftOut.size();
   Rows playlistRows({{"name", "PLAYLIST"}, {"path", "FILE", Column::Left, 0, Column::Middle}});
   for (const auto& pair : playlists) {
@@ -332,7 +368,6 @@ int runScan(Invocation& in) {
          synthetic ? text(path).shows(allClips.empty() ? "(every clip)" : "(not built: " + allClips + ")")
                    : text(path)});
   }
-  const Rows catalogue = catalogueRows(session.cache(), clips, encodeType);
   // The JSON document is built only when it is printed: for a full medium
   // it costs as much as the table.
   JsonObject json;
@@ -395,7 +430,8 @@ int runClips(Invocation& in) {
   const unsigned encodeType = encodeTypeOf(in, session.params());
   std::list<Clip> clips =
       session.finder().findClips(!in.flag("reverse"), in.flag("playlist"), in.flag("all"));
-  printCatalogue(in, catalogueRows(session.cache(), clips, encodeType), encodeType, nullptr);
+  printCatalogue(in, catalogueRows(session.cache(), clips, encodeType, formatOf(in) == Format::Json),
+                 encodeType, nullptr);
   return 0;
 }
 

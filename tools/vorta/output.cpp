@@ -102,6 +102,11 @@ std::vector<std::pair<std::string, std::size_t>> glyphs(const std::string& text)
 std::size_t widthOf(const std::string& text) {
   std::size_t width = 0;
   for (std::size_t i = 0; i < text.size();) {
+    if (static_cast<unsigned char>(text[i]) < 0x80) {  // one column, whatever it is
+      ++width;
+      ++i;
+      continue;
+    }
     char32_t point = 0;
     const std::size_t length = std::max<std::size_t>(sequenceAt(text, i, point), 1);
     width += columnsOf(point);
@@ -179,7 +184,16 @@ int gStderr = 2;
 
 std::string shown(const std::string& text) {
   std::string out;
+  out.reserve(text.size());
   for (std::size_t i = 0; i < text.size();) {
+    // Printable ASCII but the backslash, most of any text, goes as it is, a run at a time.
+    std::size_t plain = i;
+    while (plain < text.size() && text[plain] >= 0x20 && text[plain] < 0x7F && text[plain] != '\\') ++plain;
+    if (plain > i) {
+      out.append(text, i, plain - i);
+      i = plain;
+      continue;
+    }
     char32_t point = 0;
     const std::size_t length = sequenceAt(text, i, point);
     if (length == 0 || isControl(point)) {
@@ -187,7 +201,10 @@ std::string shown(const std::string& text) {
         escapeByte(out, static_cast<unsigned char>(text[i + k]));
       i += std::max<std::size_t>(length, 1);
     } else {
-      out += point == '\\' ? "\\\\" : text.substr(i, length);
+      if (point == '\\')
+        out += "\\\\";
+      else
+        out.append(text, i, length);
       i += length;
     }
   }

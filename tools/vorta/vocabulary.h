@@ -100,20 +100,28 @@ inline std::vector<Column> pictureColumns() {
           {"", "START TC", Column::Left, 7}};
 }
 
-/// The picture's values, each passed through as (for "-" in a clip taken by
-/// name only, or nothing for a file not read).
+/// Appends the picture's values to row, each passed through as (for "-" in
+/// a clip taken by name only, or nothing for a file not read).
+template <typename As>
+void appendPictureValues(std::vector<Value>& row, const Picture& p, As as) {
+  row.push_back(as(text(p.fourCC)));
+  row.push_back(as(text(std::to_string(p.width) + "x" + std::to_string(p.height))));
+  row.push_back(as(integer(p.width)));
+  row.push_back(as(integer(p.height)));
+  row.push_back(as(real(p.rate, rateDecimal(p.rate))));
+  row.push_back(as(text(rateRational(p.rate))));
+  row.push_back(as(text(scanModeWord(p.scanMode))));
+  row.push_back(as(integer(p.frames)));
+  row.push_back(as(p.audio));
+  row.push_back(as(p.startTimecode));
+}
+
+/// The picture's values, as appendPictureValues gives them.
 template <typename As>
 std::vector<Value> pictureValues(const Picture& p, As as) {
-  return {as(text(p.fourCC)),
-          as(text(std::to_string(p.width) + "x" + std::to_string(p.height))),
-          as(integer(p.width)),
-          as(integer(p.height)),
-          as(real(p.rate, rateDecimal(p.rate))),
-          as(text(rateRational(p.rate))),
-          as(text(scanModeWord(p.scanMode))),
-          as(integer(p.frames)),
-          as(p.audio),
-          as(p.startTimecode)};
+  std::vector<Value> row;
+  appendPictureValues(row, p, as);
+  return row;
 }
 
 }  // namespace cli
