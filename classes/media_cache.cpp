@@ -228,12 +228,26 @@ void reserve(const bip::shared_memory_object& segment, std::uint64_t bytes) {
 #ifndef MADV_POPULATE_WRITE
 #define MADV_POPULATE_WRITE 23
 #endif
-void prefault(const unsigned char* base, std::uint64_t bytes, bool forWriting) {
+// False when the kernel says a page of the range cannot be had: a page of a
+// segment that was never written is allocated when it is first read, and on
+// a /dev/shm with no room left that read would end the process with SIGBUS.
+// True where the kernel does not take the advice (nothing is known then).
+bool prefault(const unsigned char* base, std::uint64_t bytes, bool forWriting) {
   static const std::uintptr_t page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
   const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(base) & ~(page - 1);
   const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(base) + static_cast<std::uintptr_t>(bytes);
-  ::madvise(reinterpret_cast<void*>(start), end - start,
-            forWriting ? MADV_POPULATE_WRITE : MADV_POPULATE_READ);
+  if (::madvise(reinterpret_cast<void*>(start), end - start,
+                forWriting ? MADV_POPULATE_WRITE : MADV_POPULATE_READ) == 0)
+    return true;
+  return errno != EFAULT && errno != ENOMEM;
+}
+
+// The result of a read that cannot have the segment's pages: no image.
+int unreadableImage(const char* reader) {
+  std::fprintf(stderr,
+               "%s: the segment's pages cannot be read (no room left in shared memory); image ignored\n",
+               reader);
+  return 0;
 }
 
 std::uint32_t loadCount(const unsigned char* at) {
@@ -487,6 +501,8 @@ int MediaCache::ReadClipCacheFromSharedMemory(std::list<Clip>& clips) {
 
 int MediaCache::VisitClips(const std::function<void(Clip&)>& visit) {
   return withImage(clipSegment_, *clipGuard_, [&visit](const unsigned char* base, std::uint64_t size) {
+    if (!prefault(base, std::min<std::uint64_t>(size, kClipHeaderSize), false))
+      return unreadableImage("ReadClipCacheFromSharedMemory");
     if (size < kClipMagicSize || std::memcmp(base, kClipMagic, kClipMagicSize) != 0) return 0;
     if (size < kClipHeaderSize) {
       std::fprintf(
@@ -504,7 +520,7 @@ int MediaCache::VisitClips(const std::function<void(Clip&)>& visit) {
                    static_cast<unsigned long>(count), static_cast<unsigned long long>(size));
       return 0;
     }
-    prefault(base, ClipImageSize(count), false);
+    if (!prefault(base, ClipImageSize(count), false)) return unreadableImage("ReadClipCacheFromSharedMemory");
     // Each record is copied out of the segment before it is handed on: the
     // visit never sees the shared bytes themselves, which another process
     // may rewrite once the lock is released.
@@ -731,6 +747,8 @@ int MediaCache::WritePlaylistCacheToSharedMemory(std::map<std::string, PlaylistC
 int MediaCache::ReadPlaylistCacheFromSharedMemory(std::map<std::string, PlaylistCacheEntry>& playlists) {
   return withImage(
       playlistSegment_, *playlistGuard_, [&playlists](const unsigned char* base, std::uint64_t size) {
+        if (!prefault(base, std::min<std::uint64_t>(size, kPlaylistHeaderSize), false))
+          return unreadableImage("ReadPlaylistCacheFromSharedMemory");
         if (size < kPlaylistMagicSize || std::memcmp(base, kPlaylistMagic, kPlaylistMagicSize) != 0) return 0;
         if (size < kPlaylistHeaderSize) {
           std::fprintf(stderr,
@@ -749,6 +767,8 @@ int MediaCache::ReadPlaylistCacheFromSharedMemory(std::map<std::string, Playlist
               static_cast<unsigned long>(count), static_cast<unsigned long long>(size));
           return 0;
         }
+        if (!prefault(base, PlaylistImageSize(count), false))
+          return unreadableImage("ReadPlaylistCacheFromSharedMemory");
         const unsigned char* slot = base + kPlaylistHeaderSize;
         for (std::uint32_t i = 0; i < count; ++i, slot += kPlaylistSlotSize) {
           const char* path = reinterpret_cast<const char*>(slot + offsetof(PlaylistCacheEntry, path));

@@ -335,7 +335,7 @@ TEST(LockHostile, FullSharedMemoryIsAnExceptionNotASignal) {
 
 // The same for the playlist image: a write that needs more room than a full /dev/shm has left
 // fails with an exception, never SIGBUS, and the old image is kept; so does a flush of an image
-// that has no room yet.
+// that has no room yet, and a read of it gives no image.
 TEST(LockHostile, FullSharedMemoryFailsAPlaylistWriteOrAFlushWithAnException) {
   if (geteuid() != 0) GTEST_SKIP() << "a /dev/shm of its own needs root";
   ScopedNames names;
@@ -361,6 +361,22 @@ TEST(LockHostile, FullSharedMemoryFailsAPlaylistWriteOrAFlushWithAnException) {
       return 16;
     } catch (const bip::interprocess_exception&) {
     }
+    // Reading it needs one too: no image, and a message, never SIGBUS; the
+    // playlists beside it are read whole.
+    std::list<Clip> clips;
+    testing::internal::CaptureStderr();
+    const int read = cache.ReadClipCacheFromSharedMemory(clips);
+    const std::string said = testing::internal::GetCapturedStderr();
+    if (read != 0 || !clips.empty()) return 17;
+    if (said !=
+        "ReadClipCacheFromSharedMemory: the segment's pages cannot be read (no room left in shared "
+        "memory); image ignored\n")
+      return 18;
+    testing::internal::CaptureStderr();
+    const std::map<std::string, PlaylistCacheEntry> listed = cache.GetPlaylists();
+    testing::internal::GetCapturedStderr();
+    if (listed.size() != 2 || listed.count(MediaCache::PlaylistKey("/m/A.playlist")) != 1) return 19;
+    if (cache.VisitClips([](Clip&) {}) != 0) return 20;
     return 0;
   });
   if (code == kSkip) GTEST_SKIP() << "no mount namespace with a tmpfs of its own here";
