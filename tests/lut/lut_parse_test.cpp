@@ -554,6 +554,17 @@ TEST_F(LutText, TheColumnOfABadByteCountsCharacters) {
       "was read\n");
 }
 
+// A line end at the file's very first byte counts like any other: the bad
+// byte after it is on line 2.
+TEST_F(LutText, ALineEndAtTheFirstByteCountsAsALine) {
+  const Result r = parseText("\n\xFF\n");
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(
+      r.message,
+      "table.lut(line:2, col:1) : invalid UTF-8 at byte 0xFF - the file is not a LUT text file and nothing "
+      "was read\n");
+}
+
 TEST_F(LutText, MalformedSequencesAreRefused) {
   const char* const cases[] = {
       "1 2 3 # \xC3",                // cut off by the end of the file
