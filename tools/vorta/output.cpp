@@ -289,20 +289,35 @@ void Rows::table(std::ostream& out, std::size_t width, bool wide) const {
   std::vector<std::size_t> shownColumns;
   for (std::size_t c = 0; c < columns_.size(); ++c)
     if (!columns_[c].header.empty()) shownColumns.push_back(c);
-  std::vector<std::vector<std::string>> lines(1);
-  for (std::size_t c : shownColumns) lines[0].push_back(columns_[c].header);
-  for (const auto& row : rows_) {
-    lines.emplace_back();
-    for (std::size_t c : shownColumns) lines.back().push_back(shown(row[c].display()));
-  }
-  std::vector<std::size_t> widths(shownColumns.size());
-  for (const auto& line : lines)
-    for (std::size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], widthOf(line[i]));
+  const std::size_t n = shownColumns.size();
+  // Every cell as shown, header row first, each measured once. Most cells
+  // are plain text, shown as they are: only the others are copied escaped.
+  struct Cell {
+    const std::string* text;
+    std::size_t width;
+    std::string escaped;
+  };
+  std::vector<Cell> cells;
+  cells.reserve((rows_.size() + 1) * n);  // never moved: a cell may point into itself
+  const auto add = [&cells](const std::string& text) {
+    const bool plain =
+        std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F && c != '\\'; });
+    cells.push_back({&text, text.size(), std::string()});
+    if (plain) return;
+    Cell& cell = cells.back();
+    cell.escaped = shown(text);
+    cell.text = &cell.escaped;
+    cell.width = widthOf(cell.escaped);
+  };
+  for (std::size_t c : shownColumns) add(columns_[c].header);
+  for (const auto& row : rows_)
+    for (std::size_t c : shownColumns) add(row[c].display());
+  std::vector<std::size_t> widths(n);
+  for (std::size_t k = 0; k < cells.size(); ++k) widths[k % n] = std::max(widths[k % n], cells[k].width);
   // A column with nothing in it is left out, unless every column is asked for.
-  std::vector<bool> visible(shownColumns.size(), true);
-  for (std::size_t i = 0; i < shownColumns.size() && !wide && !rows_.empty(); ++i)
-    visible[i] =
-        std::any_of(lines.begin() + 1, lines.end(), [i](const auto& line) { return !line[i].empty(); });
+  std::vector<bool> visible(n, wide || rows_.empty());
+  for (std::size_t k = n; k < cells.size(); ++k)
+    if (!cells[k].text->empty()) visible[k % n] = true;
   const auto total = [&] {
     std::size_t sum = 0;
     for (std::size_t i = 0; i < widths.size(); ++i)
@@ -335,27 +350,44 @@ void Rows::table(std::ostream& out, std::size_t width, bool wide) const {
     visible[victim] = false;
   }
   if (!wide) shorten(8);
-  for (const auto& line : lines) {
-    std::string text;
+  std::string text;
+  for (std::size_t k = 0; k < cells.size(); k += n) {
     std::size_t pending = 0;  // padding owed before the next cell
     bool first = true;
-    for (std::size_t i = 0; i < line.size(); ++i) {
+    for (std::size_t i = 0; i < n; ++i) {
       if (!visible[i]) continue;
       const Column& column = columns_[shownColumns[i]];
-      const std::string cell = cut(line[i], widths[i], column.fit);
-      const std::size_t pad = widths[i] - widthOf(cell);
+      const Cell& whole = cells[k + i];
+      // Only a cell wider than its column is cut (a column that keeps its
+      // cells is never narrower than they are).
+      std::string shortened;
+      const std::string* cell = whole.text;
+      std::size_t used = whole.width;
+      if (whole.width > widths[i] && column.fit != Column::Keep) {
+        shortened = cut(*whole.text, widths[i], column.fit);
+        cell = &shortened;
+        used = widthOf(shortened);
+      }
+      const std::size_t pad = widths[i] - used;
       if (!first) pending += 2;
       first = false;
-      if (cell.empty()) {  // owed to the next cell; a line never ends in blanks
+      if (cell->empty()) {  // owed to the next cell; a line never ends in blanks
         pending += widths[i];
         continue;
       }
       if (column.align == Column::Right) pending += pad;
-      text += std::string(pending, ' ') + cell;
+      text.append(pending, ' ');
+      text += *cell;
       pending = column.align == Column::Left ? pad : 0;
     }
-    out << text << "\n";
+    text += '\n';
+    // Written out in pieces of a few kilobytes, not held whole.
+    if (text.size() >= 16384) {
+      out << text;
+      text.clear();
+    }
   }
+  out << text;
 }
 
 void Rows::delimited(std::ostream& out, bool tabs) const {
