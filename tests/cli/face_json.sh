@@ -17,6 +17,17 @@ expect "scan mode as a word in JSON" '"scanMode":[[:space:]]*"progressive"' "$ou
 expect "rate as a rational in JSON" '"frameRateRational":[[:space:]]*"60000/1001"' "$out"
 expect "time with its zone in JSON" '"modified":[[:space:]]*"2026-01-01T[0-9:]+([+-][0-9:]+|Z)"' "$out"
 j clips --prefix "$prefix" --all
+# The time is the one date(1) gives in the same zone, to the second, with the
+# zone's own offset: whole hours, half and three-quarter hours, east and west
+# of Greenwich (POSIX zone texts, which need no zone database).
+when=$(stat -c %Y "$media/ClipTK2.mov")
+for zone in UTC0 IST-5:30 NST3:30 XXX-13:45 YYY11 ZZZ-14; do
+  want=$(TZ=$zone date -d "@$when" +%Y-%m-%dT%H:%M:%S%z)
+  want=${want:0:22}:${want:22} # +0530 -> +05:30 (busybox date has no %:z)
+  status "clips in $zone" 0 env TZ="$zone" "${emulator[@]}" "$vorta" clips --all --json --prefix "$prefix"
+  expect "the time in $zone" "\"name\":[[:space:]]*\"ClipTK2\\.mov\",[[:space:]]*\"modified\":[[:space:]]*\"${want//+/\\+}\"" \
+    "$(tr -d '\n' <<<"$out")"
+done
 status "clips table" 0 v clips --wide
 expect "the same words in the table" "^ClipTK2\.mov +2026-01-01T[0-9:]+[+-][0-9:]+ +apco +1280x720 +59\.94 +progressive " "$out"
 j add --name-only "$media/Extra_1.mov" --prefix "$prefix"
