@@ -347,30 +347,64 @@ int writePlaylistImage(bip::shared_memory_object& segment, detail::CacheLock& lo
   });
 }
 
-// Writes a clip image of `count` records under the clip lock: fill(slots,
-// count) stores record i's first Clip::kStoredSize bytes at slots + i *
-// kClipSlotSize. The last 3 bytes of a slot (the record's padding) are never
-// written. Throws interprocess_exception, before touching the segment, when
-// the image would not fit.
-template <class Fill>
+// How many of the first of count records at slots are already those
+// record() gives. record(i, out) stores record i's first Clip::kStoredSize
+// bytes at out.
+template <class Record>
+std::uint64_t recordsInPlace(const unsigned char* slots, std::uint64_t count, Record& record) {
+  std::unique_ptr<Clip> scratch(new Clip());
+  unsigned char* out = reinterpret_cast<unsigned char*>(scratch.get());
+  const unsigned char* slot = slots;
+  std::uint64_t same = 0;
+  for (; same < count; ++same, slot += MediaCache::kClipSlotSize) {
+    record(same, out);
+    if (std::memcmp(out, slot, Clip::kStoredSize) != 0) break;
+  }
+  return same;
+}
+
+// Writes a clip image of `count` records under the clip lock: record(i,
+// slot) stores record i's first Clip::kStoredSize bytes at slot, for i
+// never decreasing from one call to the next (it may repeat). The last 3
+// bytes of a slot (the record's padding) are never written. Throws
+// interprocess_exception, before touching the segment, when the image would
+// not fit.
+//
+// The records already in place are not written again: a catalogue rewritten
+// with what it holds (a medium scanned again unchanged) costs reading the
+// image instead of writing it, and stays valid for readers throughout.
+template <class Record>
 int writeClipImage(bip::shared_memory_object& segment, detail::CacheLock& lock, std::uint64_t count,
-                   Fill fill, bool prefaultImage = true) {
+                   Record record) {
   return withImage(segment, lock, [&](unsigned char* base, std::uint64_t size) {
     const std::uint64_t needed = MediaCache::ClipImageSize(count);
     if (count > std::numeric_limits<std::uint32_t>::max() || needed > size)
       throwSizeError("WriteClipCacheToSharedMemory: " + std::to_string(count) + " clips need " +
                      std::to_string(needed) + " bytes but the segment holds " + std::to_string(size));
 
+    // Every page the image may touch is had first, for reading as for
+    // writing: a full /dev/shm is an exception here, not SIGBUS later.
     reserve(segment, needed);
-    if (prefaultImage) prefault(base, needed, true);
+    unsigned char* const slots = base + MediaCache::kClipHeaderSize;
+    const bool holdsCount = std::memcmp(base, kClipMagic, MediaCache::kClipMagicSize) == 0 &&
+                            loadCount(base + MediaCache::kClipMagicSize) == count;
+    const std::uint64_t same = holdsCount ? recordsInPlace(slots, count, record) : 0;
+    if (holdsCount && same == count) return 1;
     // The image is invalidated first and its magic put in last, so that a
     // writer that dies half-way leaves an invalid image, never a torn one.
     // The final bytes are those of the magic with its NUL followed by the
     // count, which lands on that NUL.
+    prefault(base, MediaCache::kClipHeaderSize, true);
     base[0] = '*';
     std::atomic_signal_fence(std::memory_order_seq_cst);
     storeCount(base + MediaCache::kClipMagicSize, static_cast<std::uint32_t>(count));
-    fill(base + MediaCache::kClipHeaderSize, count);
+    constexpr std::uint64_t kWindow = 64;  // slots whose pages are filled in one call
+    for (std::uint64_t i = same; i < count; ++i) {
+      unsigned char* slot = slots + i * MediaCache::kClipSlotSize;
+      if ((i - same) % kWindow == 0)
+        prefault(slot, std::min(kWindow, count - i) * MediaCache::kClipSlotSize, true);
+      record(i, slot);
+    }
     std::atomic_signal_fence(std::memory_order_seq_cst);
     std::memcpy(base, kClipMagic, MediaCache::kClipMagicSize);
     return 1;
@@ -484,14 +518,12 @@ std::uint64_t MediaCache::PlaylistSegmentSize() const { return sizeOf(playlistSe
 // ---------------------------------------------------------------- clip cache
 
 int MediaCache::WriteClipCacheToSharedMemory(std::list<Clip> clips) {
-  return writeClipImage(clipSegment_, *clipGuard_, clips.size(),
-                        [&clips](unsigned char* slots, std::uint64_t) {
-                          unsigned char* slot = slots;
-                          for (const Clip& clip : clips) {
-                            std::memcpy(slot, &clip, Clip::kStoredSize);
-                            slot += kClipSlotSize;
-                          }
-                        });
+  auto at = clips.cbegin();
+  std::uint64_t index = 0;
+  return writeClipImage(clipSegment_, *clipGuard_, clips.size(), [&](std::uint64_t i, unsigned char* out) {
+    for (; index < i; ++index) ++at;
+    std::memcpy(out, &*at, Clip::kStoredSize);
+  });
 }
 
 int MediaCache::ReadClipCacheFromSharedMemory(std::list<Clip>& clips) {
@@ -918,18 +950,8 @@ int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType
     return abandonScan(directory, ENOMEM);
   }
 
-  writeClipImage(
-      clipSegment_, *clipGuard_, clips.size(),
-      [&](unsigned char* slots, std::uint64_t count) {
-        constexpr std::size_t kWindow = 64;  // slots whose pages are filled in one call
-        for (std::size_t i = 0; i < count; ++i) {
-          unsigned char* slot = slots + i * kClipSlotSize;
-          if (i % kWindow == 0)
-            prefault(slot, std::min<std::uint64_t>(kWindow, count - i) * kClipSlotSize, true);
-          clips[i]->store(slot);
-        }
-      },
-      false);
+  writeClipImage(clipSegment_, *clipGuard_, clips.size(),
+                 [&clips](std::uint64_t i, unsigned char* out) { clips[i]->store(out); });
   writePlaylistImage(playlistSegment_, *playlistGuard_, playlists.size(), [&playlists](unsigned char* slots) {
     unsigned char* slot = slots;
     for (const auto& element : playlists) {

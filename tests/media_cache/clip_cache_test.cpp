@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: MIT
 // Tests of the shared clip image: its bytes, flushing, reading, sizing and the cache object's life.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <boost/interprocess/exceptions.hpp>
 #include <cstring>
+#include <iterator>
 #include <list>
 #include <stdexcept>
 #include <string>
@@ -522,3 +526,146 @@ TEST(ClipVisit, AClipMethodCalledFromTheVisitIsRefused) {
 }
 
 }  // namespace visiting
+
+namespace rewrite {
+
+// Clips A to Z style: n records with distinct names, times and fields.
+std::list<Clip> catalogue(std::size_t n) {
+  std::list<Clip> clips;
+  for (std::size_t i = 0; i < n; ++i)
+    clips.push_back(makeClip("C" + std::to_string(i) + ".mov", static_cast<int32_t>(100 + i),
+                             static_cast<unsigned>(i + 1)));
+  return clips;
+}
+
+// The records as read back, their stored bytes only.
+std::vector<std::vector<unsigned char>> storedBytes(MediaCache& cache) {
+  std::list<Clip> clips;
+  EXPECT_EQ(cache.ReadClipCacheFromSharedMemory(clips), 1);
+  std::vector<std::vector<unsigned char>> out;
+  for (const Clip& clip : clips) {
+    const unsigned char* raw = reinterpret_cast<const unsigned char*>(&clip);
+    out.emplace_back(raw, raw + Clip::kStoredSize);
+  }
+  return out;
+}
+
+std::vector<std::vector<unsigned char>> storedBytes(const std::list<Clip>& clips) {
+  std::vector<std::vector<unsigned char>> out;
+  for (const Clip& clip : clips) {
+    const unsigned char* raw = reinterpret_cast<const unsigned char*>(&clip);
+    out.emplace_back(raw, raw + Clip::kStoredSize);
+  }
+  return out;
+}
+
+// A catalogue written again with the records it holds is left as it is:
+// another process watching the segment's first byte, without the lock,
+// never sees the image invalid while it is rewritten, and every byte stays.
+TEST(ClipCache, RewritingTheRecordsInPlaceLeavesTheImageValidThroughout) {
+  ScopedNames names(64, 1);
+  MediaCache cache(names.options);
+  const std::list<Clip> clips = rewrite::catalogue(64);
+  ASSERT_EQ(cache.WriteClipCacheToSharedMemory(clips), 1);
+  const std::vector<unsigned char> before = segmentBytes(names.options.clipSegment);
+
+  int ready[2], stop[2], seen[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  ASSERT_EQ(::pipe(stop), 0);
+  ASSERT_EQ(::pipe(seen), 0);
+  const pid_t watcher = ::fork();
+  ASSERT_GE(watcher, 0);
+  if (watcher == 0) {
+    bip::shared_memory_object segment(bip::open_only, names.options.clipSegment.c_str(), bip::read_only);
+    bip::mapped_region region(segment, bip::read_only);
+    const volatile unsigned char* first = static_cast<const unsigned char*>(region.get_address());
+    ::fcntl(stop[0], F_SETFL, O_NONBLOCK);
+    unsigned invalid = 0;
+    char byte = 0;
+    if (::write(ready[1], "r", 1) != 1) ::_exit(2);
+    while (::read(stop[0], &byte, 1) != 1)
+      for (int i = 0; i < 1000; ++i) invalid += *first == '*';
+    ::_exit(::write(seen[1], &invalid, sizeof invalid) == sizeof invalid ? 0 : 2);
+  }
+  char byte = 0;
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+  for (int round = 0; round < 200; ++round) ASSERT_EQ(cache.WriteClipCacheToSharedMemory(clips), 1);
+  ASSERT_EQ(::write(stop[1], "s", 1), 1);
+  unsigned invalid = 99;
+  ASSERT_EQ(::read(seen[0], &invalid, sizeof invalid), static_cast<ssize_t>(sizeof invalid));
+  int status = 0;
+  ASSERT_EQ(::waitpid(watcher, &status, 0), watcher);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  for (int fd : {ready[0], ready[1], stop[0], stop[1], seen[0], seen[1]}) ::close(fd);
+  EXPECT_EQ(invalid, 0u);
+  EXPECT_TRUE(segmentBytes(names.options.clipSegment) == before);
+}
+
+// A record that differs in any stored byte, first, middle or last, is
+// written, and so is every record after it; the padding stays the segment's.
+TEST(ClipCache, ARecordThatDiffersInOneByteIsWrittenWithThoseAfterIt) {
+  for (std::size_t changed : {std::size_t{0}, std::size_t{5}, std::size_t{9}}) {
+    for (std::size_t offset : {std::size_t{0}, std::size_t{1000}, Clip::kStoredSize - 1}) {
+      ScopedNames names(10, 1);
+      MediaCache cache(names.options);
+      fillSegment(names.options.clipSegment, 0xA5);
+      std::list<Clip> clips = rewrite::catalogue(10);
+      ASSERT_EQ(cache.WriteClipCacheToSharedMemory(clips), 1);
+      // The records after the changed one are spoiled in the segment: only a
+      // write puts them right.
+      for (std::size_t i = changed + 1; i < 10; ++i)
+        patchSegment(names.options.clipSegment,
+                     MediaCache::kClipHeaderSize + i * MediaCache::kClipSlotSize + 7, {0xEE});
+      unsigned char* raw = reinterpret_cast<unsigned char*>(&*std::next(clips.begin(), changed));
+      raw[offset] ^= 0x5A;
+      ASSERT_EQ(cache.WriteClipCacheToSharedMemory(clips), 1);
+      EXPECT_TRUE(rewrite::storedBytes(cache) == rewrite::storedBytes(clips)) << changed << " " << offset;
+      const std::vector<unsigned char> bytes = segmentBytes(names.options.clipSegment);
+      EXPECT_EQ(slice(bytes, 0, 15), kClipMagic);
+      for (std::size_t i = 0; i < 10; ++i) {
+        const std::size_t padding =
+            MediaCache::kClipHeaderSize + i * MediaCache::kClipSlotSize + Clip::kStoredSize;
+        EXPECT_EQ(slice(bytes, padding, 3), (std::vector<unsigned char>{0xA5, 0xA5, 0xA5})) << i;
+      }
+    }
+  }
+}
+
+// Records in place count only under a valid image of the same count: a
+// flushed image, or one of another count, is written whole and made valid.
+TEST(ClipCache, RecordsInPlaceCountOnlyUnderAValidImageOfTheSameCount) {
+  ScopedNames names(10, 1);
+  MediaCache cache(names.options);
+  const std::list<Clip> clips = rewrite::catalogue(6);
+  ASSERT_EQ(cache.WriteClipCacheToSharedMemory(clips), 1);
+  cache.FlushClips();
+  ASSERT_EQ(cache.WriteClipCacheToSharedMemory(clips), 1);
+  EXPECT_TRUE(rewrite::storedBytes(cache) == rewrite::storedBytes(clips));
+
+  std::list<Clip> more = clips;
+  more.push_back(makeClip("C6.mov", 106, 7));
+  ASSERT_EQ(cache.WriteClipCacheToSharedMemory(more), 1);
+  EXPECT_TRUE(rewrite::storedBytes(cache) == rewrite::storedBytes(more));
+  EXPECT_EQ(slice(segmentBytes(names.options.clipSegment), 15, 4), native32(7));
+
+  std::list<Clip> fewer = clips;
+  fewer.pop_back();
+  ASSERT_EQ(cache.WriteClipCacheToSharedMemory(fewer), 1);
+  EXPECT_TRUE(rewrite::storedBytes(cache) == rewrite::storedBytes(fewer));
+  EXPECT_EQ(slice(segmentBytes(names.options.clipSegment), 15, 4), native32(5));
+
+  // The same records under a count patched to another value: written again
+  // with the right count.
+  patchSegment(names.options.clipSegment, 15, native32(4));
+  ASSERT_EQ(cache.WriteClipCacheToSharedMemory(fewer), 1);
+  EXPECT_EQ(slice(segmentBytes(names.options.clipSegment), 15, 4), native32(5));
+  EXPECT_TRUE(rewrite::storedBytes(cache) == rewrite::storedBytes(fewer));
+
+  // An empty catalogue over a flushed image: valid again, count 0.
+  cache.FlushClips();
+  ASSERT_EQ(cache.WriteClipCacheToSharedMemory({}), 1);
+  EXPECT_EQ(slice(segmentBytes(names.options.clipSegment), 0, 15), kClipMagic);
+  EXPECT_EQ(slice(segmentBytes(names.options.clipSegment), 15, 4), native32(0));
+}
+
+}  // namespace rewrite
