@@ -3,8 +3,6 @@
 // copies need no memory.
 #include <gtest/gtest.h>
 
-#include <malloc.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -219,14 +217,10 @@ TEST(PlaylistUnderFailure, AReadThatRunsOutOfMemoryLeavesNothingAllocated) {
   vorta_test::writeFile(path, text);
   PlaylistCacheEntry warm{};
   ASSERT_EQ(cache.GrokPlaylist(warm, path), 1);  // whatever the C library sets up once is set up
-  const auto inUse = [] {
-    const struct mallinfo2 m = mallinfo2();
-    return m.uordblks + m.hblkhd;
-  };
   int kept = 0, failed = 0;
   for (const long n : {1L, 2L, 3L, 4L, 10L, 100L, 1000L, 6000L, 12000L, 15000L}) {
     PlaylistCacheEntry entry{};
-    const std::size_t before = inUse();
+    const std::size_t before = vorta_test::heapInUse();
     std::string argument = path;  // moved into the call: the argument itself takes no memory
     int result, error;
     {
@@ -234,7 +228,7 @@ TEST(PlaylistUnderFailure, AReadThatRunsOutOfMemoryLeavesNothingAllocated) {
       result = cache.GrokPlaylist(entry, std::move(argument));
       error = errno;
     }
-    const std::size_t after = inUse();
+    const std::size_t after = vorta_test::heapInUse();
     EXPECT_LT(after, before + 4096) << "allocation " << n << " failing left " << (after - before) << " bytes";
     if (result == 1) {
       ++kept;

@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <liburing.h>
-#include <malloc.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -550,17 +549,13 @@ TEST(ScanReadAhead, SettingUpTheRingLeavesNoHeapMemoryBehind) {
     ahead.ready(entries[0]);
     return ahead.engine();
   };
-  const auto inUse = [] {
-    const struct mallinfo2 m = mallinfo2();
-    return m.uordblks + m.hblkhd;
-  };
   const Engine engine = readAhead();  // whatever the C library sets up once is set up
   if (engine != Engine::Ring)
     std::printf("io_uring is not used here (%s): the fallback's memory is checked\n",
                 !ScanPrefetch::kRingUsable ? "32-bit PowerPC" : "no ring from this kernel");
-  const std::size_t before = inUse();
+  const std::size_t before = vorta_test::heapInUse();
   for (int i = 0; i < 50; ++i) ASSERT_EQ(readAhead(), engine);
-  const std::size_t after = inUse();
+  const std::size_t after = vorta_test::heapInUse();
   EXPECT_EQ(after, before) << "50 read-aheads kept " << static_cast<long long>(after - before) << " bytes";
   closedir(d);
 }

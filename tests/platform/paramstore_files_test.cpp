@@ -347,6 +347,33 @@ TEST(FileParamsPaths, AWriteFailingAtFsyncOrRenameSaysSoAndLeavesNoTemporaryFile
   EXPECT_EQ(store.getParam(eParamTake), 8u);
 }
 
+// A write that cannot open its temporary file (a directory stands under its
+// name) gives back the text it printed the file from: 200 such writes of a
+// file some 2 KB long leave the heap as they found it (one text kept per
+// write would be 400 KB), and the file as it was.
+TEST(FileParamsPaths, WritesThatCannotOpenTheirTemporaryFileLeaveNoHeapMemoryBehind) {
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  FileParamStore store(path);
+  ASSERT_EQ(store.setParamString(eParamCustomClipNameText, std::string(2000, 'x')), 1);
+  const std::string before = readFile(path);
+  const std::string tmp = path + ".tmp." + std::to_string(getpid());
+  ASSERT_EQ(mkdir(tmp.c_str(), 0755), 0);
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(store.setParam(eParamMediaBusy, 1), 0);  // whatever the C library sets up once is set up
+  const std::size_t heapBefore = vorta_test::heapInUse();
+  for (uint32_t i = 0; i < 200; ++i) ASSERT_EQ(store.setParam(eParamMediaBusy, i % 2), 0);
+  const std::size_t heapAfter = vorta_test::heapInUse();
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_LT(heapAfter, heapBefore + 4096)
+      << "200 failed writes kept " << static_cast<long long>(heapAfter - heapBefore) << " bytes";
+  std::string expected;
+  for (int i = 0; i < 201; ++i) expected += tmp + ": Is a directory\n";
+  EXPECT_EQ(said, expected);
+  EXPECT_EQ(readFile(path), before);
+  EXPECT_EQ(rmdir(tmp.c_str()), 0);
+}
+
 // Whether a parameter the table does not know holds text is read from the
 // file: a string is text, a number is not, and a file that cannot be read
 // as a parameter file (a directory, not JSON, missing) holds no text.

@@ -246,6 +246,22 @@ TEST(FileParams, WritesReadableJsonWithNamedKeys) {
   EXPECT_NE(content.find("\"0x0A0B0C0D\":\t3"), std::string::npos) << content;
 }
 
+// A write gives back the text it printed the file from: 200 writes of a
+// file some 2 KB long leave the heap as they found it (one text kept per
+// write would be 400 KB).
+TEST(FileParams, WritesLeaveNoHeapMemoryBehind) {
+  TempDir dir;
+  FileParamStore store(dir.file("p.json"));
+  ASSERT_EQ(store.setParamString(eParamCustomClipNameText, std::string(2000, 'x')), 1);
+  ASSERT_EQ(store.setParam(eParamMediaBusy, 1), 1);  // whatever the C library sets up once is set up
+  const std::size_t before = vorta_test::heapInUse();
+  for (uint32_t i = 0; i < 200; ++i) ASSERT_EQ(store.setParam(eParamMediaBusy, i % 2), 1);
+  const std::size_t after = vorta_test::heapInUse();
+  EXPECT_LT(after, before + 4096) << "200 writes kept " << static_cast<long long>(after - before) << " bytes";
+  EXPECT_EQ(readFile(dir.file("p.json")), "{\n\t\"custom-clip-name-text\":\t\"" + std::string(2000, 'x') +
+                                              "\",\n\t\"media-busy\":\t1\n}\n");
+}
+
 TEST(FileParams, NeverOverwritesAFileThatIsNotAParameterFile) {
   TempDir dir;
   const std::string path = dir.file("p.json");

@@ -7,6 +7,7 @@
 #include <ftw.h>
 #include <gtest/gtest.h>
 #include <limits.h>
+#include <malloc.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -159,6 +160,11 @@ int openDescriptors() {
     if (entry->d_name[0] != '.') ++count;
   closedir(dir);
   return count;
+}
+
+std::size_t heapInUse() {
+  const struct mallinfo2 m = mallinfo2();
+  return m.uordblks + m.hblkhd;
 }
 
 bool limitDescriptors(int spare) {
