@@ -168,7 +168,7 @@ cJSON* jsonItem(const Value& value) {
       return cJSON_CreateNumber(value.number);
     case Value::Pairs: {
       cJSON* object = cJSON_CreateObject();
-      for (const auto& pair : value.pairs)
+      for (const auto& pair : value.pairs())
         cJSON_AddStringToObject(object, jsonText(pair.first, lossy).c_str(),
                                 jsonText(pair.second, lossy).c_str());
       return object;
@@ -228,7 +228,50 @@ std::string hexBytes(const std::string& text) {
   return out;
 }
 
+struct Value::Extra {
+  std::vector<std::pair<std::string, std::string>> pairs;
+  std::string display;
+  bool hasDisplay = false;
+};
+
+Value::Value() = default;
 Value::Value(Kind k, std::string shown, double n) : kind(k), number(n), text(std::move(shown)) {}
+Value::Value(const Value& other)
+    : kind(other.kind),
+      number(other.number),
+      text(other.text),
+      extra_(other.extra_ ? new Extra(*other.extra_) : nullptr) {}
+Value& Value::operator=(const Value& other) {
+  if (this != &other) *this = Value(other);
+  return *this;
+}
+Value::Value(Value&& other) noexcept = default;
+Value& Value::operator=(Value&& other) noexcept = default;
+Value::~Value() = default;
+
+Value::Extra& Value::extra() {
+  if (!extra_) extra_.reset(new Extra());
+  return *extra_;
+}
+
+const std::vector<std::pair<std::string, std::string>>& Value::pairs() const {
+  static const std::vector<std::pair<std::string, std::string>> none;
+  return extra_ ? extra_->pairs : none;
+}
+
+void Value::setPairs(std::vector<std::pair<std::string, std::string>> entries) {
+  extra().pairs = std::move(entries);
+}
+
+Value Value::shows(std::string display) const {
+  Value copy = *this;
+  copy.extra().display = std::move(display);
+  copy.extra().hasDisplay = true;
+  return copy;
+}
+
+const std::string& Value::display() const { return extra_ && extra_->hasDisplay ? extra_->display : text; }
+
 Value text(std::string bytes) { return Value(Value::Text, std::move(bytes)); }
 Value integer(long long number) {
   return Value(Value::Number, std::to_string(number), static_cast<double>(number));
@@ -239,7 +282,7 @@ Value none(std::string display) { return Value(Value::Null, std::move(display));
 Value absent() { return Value(); }
 Value pairs(std::vector<std::pair<std::string, std::string>> entries) {
   Value value(Value::Pairs, "");
-  value.pairs = std::move(entries);
+  value.setPairs(std::move(entries));
   return value;
 }
 
@@ -290,34 +333,38 @@ void Rows::table(std::ostream& out, std::size_t width, bool wide) const {
   for (std::size_t c = 0; c < columns_.size(); ++c)
     if (!columns_[c].header.empty()) shownColumns.push_back(c);
   const std::size_t n = shownColumns.size();
-  // Every cell as shown, header row first, each measured once. Most cells
-  // are plain text, shown as they are: only the others are copied escaped.
-  struct Cell {
-    const std::string* text;
-    std::size_t width;
-    std::string escaped;
+  // Line 0 is the header row, line k row k - 1. Most cells are plain text
+  // (printable ASCII but the backslash), shown as they are and as wide as
+  // they are long; only the others are escaped, when measured and again when
+  // written, so that no copy of a table of thousands of rows is held.
+  const auto cellOf = [&](std::size_t line, std::size_t i) -> const std::string& {
+    return line == 0 ? columns_[shownColumns[i]].header : rows_[line - 1][shownColumns[i]].display();
   };
-  std::vector<Cell> cells;
-  cells.reserve((rows_.size() + 1) * n);  // never moved: a cell may point into itself
-  const auto add = [&cells](const std::string& text) {
-    const bool plain =
-        std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F && c != '\\'; });
-    cells.push_back({&text, text.size(), std::string()});
-    if (plain) return;
-    Cell& cell = cells.back();
-    cell.escaped = shown(text);
-    cell.text = &cell.escaped;
-    cell.width = widthOf(cell.escaped);
+  const auto plain = [](const std::string& text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F && c != '\\'; });
   };
-  for (std::size_t c : shownColumns) add(columns_[c].header);
-  for (const auto& row : rows_)
-    for (std::size_t c : shownColumns) add(row[c].display());
+  // The cell as shown, in spare when it had to be escaped, and its width.
+  const auto shownCell = [&](const std::string& raw, std::string& spare,
+                             std::size_t& columns) -> const std::string& {
+    if (plain(raw)) {
+      columns = raw.size();
+      return raw;
+    }
+    spare = shown(raw);
+    columns = widthOf(spare);
+    return spare;
+  };
   std::vector<std::size_t> widths(n);
-  for (std::size_t k = 0; k < cells.size(); ++k) widths[k % n] = std::max(widths[k % n], cells[k].width);
   // A column with nothing in it is left out, unless every column is asked for.
   std::vector<bool> visible(n, wide || rows_.empty());
-  for (std::size_t k = n; k < cells.size(); ++k)
-    if (!cells[k].text->empty()) visible[k % n] = true;
+  std::string spare;
+  for (std::size_t line = 0; line <= rows_.size(); ++line)
+    for (std::size_t i = 0; i < n; ++i) {
+      std::size_t columns = 0;
+      const std::string& cell = shownCell(cellOf(line, i), spare, columns);
+      widths[i] = std::max(widths[i], columns);
+      if (line > 0 && !cell.empty()) visible[i] = true;
+    }
   const auto total = [&] {
     std::size_t sum = 0;
     for (std::size_t i = 0; i < widths.size(); ++i)
@@ -351,20 +398,19 @@ void Rows::table(std::ostream& out, std::size_t width, bool wide) const {
   }
   if (!wide) shorten(8);
   std::string text;
-  for (std::size_t k = 0; k < cells.size(); k += n) {
+  for (std::size_t line = 0; line <= rows_.size(); ++line) {
     std::size_t pending = 0;  // padding owed before the next cell
     bool first = true;
     for (std::size_t i = 0; i < n; ++i) {
       if (!visible[i]) continue;
       const Column& column = columns_[shownColumns[i]];
-      const Cell& whole = cells[k + i];
+      std::size_t used = 0;
+      const std::string* cell = &shownCell(cellOf(line, i), spare, used);
       // Only a cell wider than its column is cut (a column that keeps its
       // cells is never narrower than they are).
       std::string shortened;
-      const std::string* cell = whole.text;
-      std::size_t used = whole.width;
-      if (whole.width > widths[i] && column.fit != Column::Keep) {
-        shortened = cut(*whole.text, widths[i], column.fit);
+      if (used > widths[i] && column.fit != Column::Keep) {
+        shortened = cut(*cell, widths[i], column.fit);
         cell = &shortened;
         used = widthOf(shortened);
       }

@@ -27,26 +27,31 @@ bool isUtf8(const std::string& text);
 std::string hexBytes(const std::string& text);
 
 /// One value of a result: typed for JSON, with the text tables, CSV and TSV show.
+/// A table of a full medium holds thousands: what few values have (a display
+/// of their own, pairs) lives apart, so that a value is small.
 struct Value {
   enum Kind { Absent, Null, Bool, Number, Text, Pairs };
-  Value() = default;
+  Value();
   Value(Kind k, std::string shown, double n = 0);
+  Value(const Value& other);
+  Value(Value&& other) noexcept;
+  Value& operator=(const Value& other);
+  Value& operator=(Value&& other) noexcept;
+  ~Value();
   Kind kind = Absent;  // Absent: left out of JSON, an empty cell
   double number = 0;   // Number; Bool: 1 or 0
   std::string text;    // Text: the bytes; every kind: what a table shows
-  std::vector<std::pair<std::string, std::string>> pairs;
+  /// Pairs: the entries of the JSON object.
+  const std::vector<std::pair<std::string, std::string>>& pairs() const;
+  void setPairs(std::vector<std::pair<std::string, std::string>> entries);
   /// The same value, shown as display in tables.
-  Value shows(std::string display) const {
-    Value copy = *this;
-    copy.display_ = std::move(display);
-    copy.hasDisplay_ = true;
-    return copy;
-  }
-  const std::string& display() const { return hasDisplay_ ? display_ : text; }
+  Value shows(std::string display) const;
+  const std::string& display() const;
 
  private:
-  std::string display_;
-  bool hasDisplay_ = false;
+  struct Extra;
+  std::unique_ptr<Extra> extra_;
+  Extra& extra();
 };
 Value text(std::string bytes);
 Value integer(long long value);
