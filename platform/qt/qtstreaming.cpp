@@ -159,16 +159,17 @@ template <std::size_t N>
 class FirstChildren {
  public:
   FirstChildren(const BigEndianView& region, const uint32_t (&wanted)[N]) {
-    std::copy(wanted, wanted + N, wanted_);
+    const uint32_t* next = wanted;
+    for (Child& child : children_) child.type = *next++;
     std::size_t missing = N;
     ChildAtoms children(region);
     uint32_t type;
     BigEndianView body;
-    while (missing != 0 && children.next(type, body)) {
-      for (std::size_t i = 0; i < N; ++i) {
-        if (type == wanted_[i] && !found_[i]) {
-          found_[i] = true;
-          bodies_[i] = body;
+    while (missing > 0 && children.next(type, body)) {
+      for (Child& child : children_) {
+        if (child.type == type && !child.found) {
+          child.found = true;
+          child.body = body;
           --missing;
         }
       }
@@ -177,9 +178,9 @@ class FirstChildren {
 
   /// The body of the first child of the given type, if there was one.
   bool find(uint32_t type, BigEndianView& body) const {
-    for (std::size_t i = 0; i < N; ++i) {
-      if (wanted_[i] == type && found_[i]) {
-        body = bodies_[i];
+    for (const Child& child : children_) {
+      if (child.type == type && child.found) {
+        body = child.body;
         return true;
       }
     }
@@ -187,14 +188,17 @@ class FirstChildren {
   }
 
  private:
-  uint32_t wanted_[N];
-  bool found_[N] = {};
-  BigEndianView bodies_[N];
+  struct Child {
+    uint32_t type = 0;
+    bool found = false;
+    BigEndianView body;
+  };
+  Child children_[N];
 };
 
 /// The body of the first child atom of the given type inside region.
 bool findChild(const BigEndianView& region, uint32_t wanted, BigEndianView& body) {
-  return FirstChildren<1>(region, {wanted}).find(wanted, body);
+  return FirstChildren(region, {wanted}).find(wanted, body);
 }
 
 /// The first entry of a sample description atom (stsd body), checking the
@@ -219,7 +223,7 @@ struct Track {
 
 Track parseTrack(const BigEndianView& trak) {
   Track track;
-  const FirstChildren<2> inTrak(trak, {kTkhd, kMdia});
+  const FirstChildren inTrak(trak, {kTkhd, kMdia});
   BigEndianView tkhd, mdia, hdlr, mdhd, minf, stbl;
   if (inTrak.find(kTkhd, tkhd)) {
     uint8_t version = 0;
@@ -227,7 +231,7 @@ Track parseTrack(const BigEndianView& trak) {
     tkhd.u32(version == 1 ? 20 : 12, track.trackId);
   }
   if (!inTrak.find(kMdia, mdia)) return track;
-  const FirstChildren<3> inMdia(mdia, {kHdlr, kMdhd, kMinf});
+  const FirstChildren inMdia(mdia, {kHdlr, kMdhd, kMinf});
   if (inMdia.find(kHdlr, hdlr)) hdlr.u32(8, track.handler);
   if (inMdia.find(kMdhd, mdhd)) {
     uint8_t version = 0;
@@ -235,7 +239,7 @@ Track parseTrack(const BigEndianView& trak) {
     mdhd.u32(version == 1 ? 20 : 12, track.timescale);
   }
   if (!inMdia.find(kMinf, minf) || !findChild(minf, kStbl, stbl)) return track;
-  const FirstChildren<5> inStbl(stbl, {kStsd, kStts, kStsz, kStco, kCo64});
+  const FirstChildren inStbl(stbl, {kStsd, kStts, kStsz, kStco, kCo64});
   track.hasStsd = inStbl.find(kStsd, track.stsd);
   track.hasStts = inStbl.find(kStts, track.stts);
   track.hasStsz = inStbl.find(kStsz, track.stsz);
