@@ -90,7 +90,7 @@ class FixedText {
   void add(const char* text) { add(text, std::strlen(text)); }
   /// An int in decimal, as "%d" prints it.
   void add(int value) {
-    char digits[16];
+    char digits[sizeof "-2147483648"];
     const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value);
     add(digits, static_cast<std::size_t>(end.ptr - digits));
   }
@@ -165,8 +165,9 @@ bool CZEVQTFileParams::scanFile(const char* path) {
   if (frameRate == static_cast<double>(rate) && !std::signbit(frameRate)) {
     formatText.add(rate);
   } else {
-    // The room left is at most 31 characters; a longer text is cut to it.
-    char digits[32];
+    // The room left is never more than the whole buffer; a longer text is
+    // cut to it.
+    char digits[sizeof format];
     if (std::snprintf(digits, sizeof digits, frameRate == static_cast<double>(rate) ? "%.0lf" : "%.2lf",
                       frameRate) < 0)
       format[0] = '\0';
