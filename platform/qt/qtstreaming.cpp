@@ -189,7 +189,7 @@ class FirstChildren {
 
  private:
   struct Child {
-    uint32_t type = 0;
+    uint32_t type;  // set by the constructor from wanted
     bool found = false;
     BigEndianView body;
   };
