@@ -2,7 +2,10 @@
 // vorta: the QuickTime file scanner and CFileParams::create, which picks a scanner by file name.
 #include "zevqtfileparams.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -67,6 +70,36 @@ int truncatedRate(double rate) {
   return static_cast<int>(rate);
 }
 
+/// A text built into a fixed buffer the way snprintf fills one: whatever
+/// does not fit before the buffer's last byte is cut, and the text always
+/// ends with a null.
+class FixedText {
+ public:
+  template <std::size_t N>
+  explicit FixedText(char (&buffer)[N]) : at_(buffer), room_(N - 1) {
+    *at_ = '\0';
+  }
+
+  void add(const char* text, std::size_t length) {
+    const std::size_t kept = std::min(length, room_);
+    std::memcpy(at_, text, kept);
+    at_ += kept;
+    room_ -= kept;
+    *at_ = '\0';
+  }
+  void add(const char* text) { add(text, std::strlen(text)); }
+  /// An int in decimal, as "%d" prints it.
+  void add(int value) {
+    char digits[sizeof "-2147483648"];
+    const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value);
+    add(digits, static_cast<std::size_t>(end.ptr - digits));
+  }
+
+ private:
+  char* at_;
+  std::size_t room_;
+};
+
 }  // namespace
 
 CFileParams* CFileParams::create(const char* path) {
@@ -119,22 +152,36 @@ bool CZEVQTFileParams::scanFile(const char* path) {
 
   const int rate = truncatedRate(frameRate);
   const char* suffix = video.fieldMode == 0 ? "p" : (rate == 23 || rate == 24) ? "psf" : "i";
-  // Each text goes into a buffer of fixed size and is cut there when longer
-  // (a result below zero, an output error, leaves the text empty).
+  // Each text goes into a buffer of fixed size and is cut there when longer,
+  // as snprintf cuts it. The integers are written directly: "%d" and, for a
+  // rate that is a whole number other than -0, "%.0lf" print the same
+  // digits.
   char format[32];
-  if (std::snprintf(format, sizeof format,
-                    frameRate == static_cast<double>(rate) ? "%dx%d%s%.0lf" : "%dx%d%s%.2lf", width, height,
-                    suffix, frameRate) < 0)
-    format[0] = '\0';
+  FixedText formatText(format);
+  formatText.add(width);
+  formatText.add("x", 1);
+  formatText.add(height);
+  formatText.add(suffix);
+  if (frameRate == static_cast<double>(rate) && !std::signbit(frameRate)) {
+    formatText.add(rate);
+  } else {
+    // The room left is never more than the whole buffer; a longer text is
+    // cut to it.
+    char digits[sizeof format];
+    if (std::snprintf(digits, sizeof digits, frameRate == static_cast<double>(rate) ? "%.0lf" : "%.2lf",
+                      frameRate) < 0)
+      format[0] = '\0';
+    else
+      formatText.add(digits);
+  }
 
   char encode[16];
-  if (std::snprintf(encode, sizeof encode, "%d", static_cast<int>(encodeType)) < 0) encode[0] = '\0';
+  FixedText(encode).add(static_cast<int>(encodeType));
 
   // The product of two 16-bit counts, as a 32-bit value printed signed.
   const uint32_t product = static_cast<uint32_t>(audio.audioChannelsPerTrack) * reader.audioTrackCount;
   char channels[8];
-  if (std::snprintf(channels, sizeof channels, "%d", static_cast<int>(static_cast<int32_t>(product))) < 0)
-    channels[0] = '\0';
+  FixedText(channels).add(static_cast<int>(static_cast<int32_t>(product)));
 
   AddAttribute(zev::media::MediaFormat, format);
   AddAttribute(zev::media::MediaVideoEncodeType, encode);

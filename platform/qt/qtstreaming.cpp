@@ -152,22 +152,53 @@ class ChildAtoms {
   bool malformed_ = false;
 };
 
+/// The first child atom of each of a few wanted types inside region, found
+/// in one walk. The walk stops at the first malformed child, as a walk per
+/// type would, and as soon as every type is found.
+template <std::size_t N>
+class FirstChildren {
+ public:
+  FirstChildren(const BigEndianView& region, const uint32_t (&wanted)[N]) {
+    const uint32_t* next = wanted;
+    for (Child& child : children_) child.type = *next++;
+    std::size_t missing = N;
+    ChildAtoms children(region);
+    uint32_t type;
+    BigEndianView body;
+    while (missing > 0 && children.next(type, body)) {
+      for (Child& child : children_) {
+        if (child.type == type && !child.found) {
+          child.found = true;
+          child.body = body;
+          --missing;
+        }
+      }
+    }
+  }
+
+  /// The body of the first child of the given type, if there was one.
+  bool find(uint32_t type, BigEndianView& body) const {
+    for (const Child& child : children_) {
+      if (child.type == type && child.found) {
+        body = child.body;
+        return true;
+      }
+    }
+    return false;
+  }
+
+ private:
+  struct Child {
+    uint32_t type;  // set by the constructor from wanted
+    bool found = false;
+    BigEndianView body;
+  };
+  Child children_[N];
+};
+
 /// The body of the first child atom of the given type inside region.
 bool findChild(const BigEndianView& region, uint32_t wanted, BigEndianView& body) {
-  ChildAtoms children(region);
-  uint32_t type;
-  while (children.next(type, body))
-    if (type == wanted) return true;
-  return false;
-}
-
-/// Follows a path of atom types from region; false when any step is missing.
-bool findPath(BigEndianView region, std::initializer_list<uint32_t> path, BigEndianView& body) {
-  for (uint32_t type : path) {
-    if (!findChild(region, type, region)) return false;
-  }
-  body = region;
-  return true;
+  return FirstChildren(region, {wanted}).find(wanted, body);
 }
 
 /// The first entry of a sample description atom (stsd body), checking the
@@ -192,25 +223,28 @@ struct Track {
 
 Track parseTrack(const BigEndianView& trak) {
   Track track;
-  BigEndianView tkhd, mdia, hdlr, mdhd, stbl;
-  if (findChild(trak, kTkhd, tkhd)) {
+  const FirstChildren inTrak(trak, {kTkhd, kMdia});
+  BigEndianView tkhd, mdia, hdlr, mdhd, minf, stbl;
+  if (inTrak.find(kTkhd, tkhd)) {
     uint8_t version = 0;
     tkhd.u8(0, version);
     tkhd.u32(version == 1 ? 20 : 12, track.trackId);
   }
-  if (!findChild(trak, kMdia, mdia)) return track;
-  if (findChild(mdia, kHdlr, hdlr)) hdlr.u32(8, track.handler);
-  if (findChild(mdia, kMdhd, mdhd)) {
+  if (!inTrak.find(kMdia, mdia)) return track;
+  const FirstChildren inMdia(mdia, {kHdlr, kMdhd, kMinf});
+  if (inMdia.find(kHdlr, hdlr)) hdlr.u32(8, track.handler);
+  if (inMdia.find(kMdhd, mdhd)) {
     uint8_t version = 0;
     mdhd.u8(0, version);
     mdhd.u32(version == 1 ? 20 : 12, track.timescale);
   }
-  if (!findPath(mdia, {kMinf, kStbl}, stbl)) return track;
-  track.hasStsd = findChild(stbl, kStsd, track.stsd);
-  track.hasStts = findChild(stbl, kStts, track.stts);
-  track.hasStsz = findChild(stbl, kStsz, track.stsz);
-  track.hasStco = findChild(stbl, kStco, track.stco);
-  track.hasCo64 = findChild(stbl, kCo64, track.co64);
+  if (!inMdia.find(kMinf, minf) || !findChild(minf, kStbl, stbl)) return track;
+  const FirstChildren inStbl(stbl, {kStsd, kStts, kStsz, kStco, kCo64});
+  track.hasStsd = inStbl.find(kStsd, track.stsd);
+  track.hasStts = inStbl.find(kStts, track.stts);
+  track.hasStsz = inStbl.find(kStsz, track.stsz);
+  track.hasStco = inStbl.find(kStco, track.stco);
+  track.hasCo64 = inStbl.find(kCo64, track.co64);
   return track;
 }
 
@@ -932,15 +966,20 @@ struct CQTReadSequence::Impl {
   }
 
   /// The moov has arrived (or its read failed): one pass over the tracks,
-  /// the first video track, every sound track, the first timecode track.
+  /// the first video track, every sound track, the first timecode track,
+  /// and the first 'mvex'.
   void readMovie() {
     if (!body.ready) return fail(fileError);
     const BigEndianView moov(body.data, body.length);
     ChildAtoms children(moov);
     uint32_t type;
     BigEndianView trak;
+    bool haveMvex = false;
     while (children.next(type, trak)) {
-      if (type == kTrak) {
+      if (type == kMvex && !haveMvex) {
+        tracks.mvex = trak;
+        haveMvex = true;
+      } else if (type == kTrak) {
         const Track track = parseTrack(trak);
         if (track.handler == kVide && !haveVideo) {
           videoTrack = track;
@@ -960,7 +999,7 @@ struct CQTReadSequence::Impl {
     if (!haveVideo || !videoTrack.hasStts || !addTimeToSample(videoTrack.stts, fragments.videoDurations))
       return fail(0);
     timecodeInMovie = haveTimecode && firstTimecodeSample(timecodeTrack, timecodeOffset);
-    if (findChild(moov, kMvex, tracks.mvex)) {
+    if (haveMvex) {
       tracks.videoId = videoTrack.trackId;
       tracks.hasTimecode = haveTimecode && !timecodeInMovie;
       tracks.timecodeId = timecodeTrack.trackId;

@@ -529,6 +529,37 @@ TEST_F(QtReaderBuiltMovie, TrackFragmentWithoutAHeaderEndsTheWalk) {
   EXPECT_EQ(video().videoLength, 3u);
 }
 
+// The moov's first 'mvex' gives the defaults, and one past a malformed
+// child of the moov is not seen: the fragments are then not read at all.
+TEST_F(QtReaderBuiltMovie, TheFirstMovieExtendsAtomBeforeAnyMalformedChildCounts) {
+  FragmentedMovie m;
+  m.trexDuration = 2;
+  const std::string head = fragmentedHead(m);  // the moov is last
+  Trun run;
+  run.flags = 0x1;
+  run.count = 5;
+  auto withMoovTail = [&](const std::string& tail) {
+    std::string bytes = head + tail;
+    const std::size_t moov = bytes.find("moov") - 4;
+    bytes.replace(moov, 4, be32(static_cast<uint32_t>(bytes.size() - moov)));
+    Tfhd header;
+    header.flags = 0x20000;
+    const std::string sized = moof(1, atom("traf", tfhd(header) + trun(run)));
+    run.dataOffset = static_cast<int32_t>(sized.size() + 8);
+    return bytes + moof(1, atom("traf", tfhd(header) + trun(run))) + atom("mdat", zeros(10));
+  };
+  ASSERT_TRUE(open(withMoovTail(atom("mvex", trex(1, 3, 0)))));
+  EXPECT_EQ(video().videoLength, 5u);
+  EXPECT_EQ(rate(), "25/2");  // the first trex's duration, not the second's 3
+  // A malformed child (size 4) ends the moov's walk before a leading mvex.
+  std::string bytes = withMoovTail("");
+  const std::size_t mvex = bytes.find("mvex") - 4;
+  bytes.insert(mvex, be32(4) + "junk");
+  const std::size_t moov = bytes.find("moov") - 4;
+  bytes.replace(moov, 4, be32(static_cast<uint32_t>(bytes.find("moof") - 4 - moov)));
+  EXPECT_FALSE(open(bytes));  // the video track's own tables are empty
+}
+
 // A fragment header giving a sample description index before its default
 // duration and size: the defaults are read past it.
 TEST_F(QtReaderBuiltMovie, FragmentHeaderWithDescriptionIndexAndDefaults) {

@@ -429,6 +429,50 @@ TEST_F(QtReaderBuilt, ChildOfSizeZeroRunsToTheEndOfItsParent) {
   EXPECT_EQ(video().videoLength, 3u);
 }
 
+// In every container the reader looks into (trak, mdia, minf, stbl) the
+// first child of a type counts and a later one of that type is ignored;
+// a malformed child ends the container: nothing after it is seen.
+TEST_F(QtReaderBuilt, EachContainerGivesTheFirstChildOfATypeUpToAMalformedOne) {
+  using namespace movbuild;
+  const std::string ftyp = atom("ftyp", std::string("qt  ") + zeros(4) + "qt  ");
+  auto movie = [&](const std::string& trakBody) {
+    return ftyp + atom("moov", atom("mvhd", zeros(100)) + atom("trak", trakBody));
+  };
+  auto stbl = [](uint16_t width, uint32_t frames) {
+    return atom("stbl", stsd(videoEntry("apch", width, 1080)) + stts({{frames, 1}}) + stsz(frames) + stco(0));
+  };
+  auto mdia = [&](uint32_t timescale, const std::string& handler, uint16_t width, uint32_t frames) {
+    return atom("mdia", mdhd(timescale, frames) + hdlr(handler) + atom("minf", stbl(width, frames)));
+  };
+  const std::string bad = be32(4) + "junk";
+
+  // Two of each in the stbl, two minf, two mdhd and hdlr, two mdia.
+  const std::string doubled =
+      atom("stbl", stsd(videoEntry("apch", 1920, 1080)) + stsd(videoEntry("apch", 1280, 1080)) +
+                       stts({{3, 1}}) + stts({{9, 1}}) + stsz(3) + stsz(9) + stco(0) + stco(0));
+  const std::string doubledMdia = atom("mdia", mdhd(25, 3) + hdlr("vide") + mdhd(50, 9) + hdlr("soun") +
+                                                   atom("minf", doubled) + atom("minf", stbl(640, 7)));
+  ASSERT_TRUE(open(movie(tkhd(1) + doubledMdia + mdia(30, "vide", 720, 5))));
+  EXPECT_EQ(video().width, 1920);
+  EXPECT_EQ(video().videoLength, 3u);
+  EXPECT_DOUBLE_EQ(video().frameRate, 25.0);
+  EXPECT_EQ(reader_.audioTrackCount, 0u);
+
+  // A malformed child before the stbl's time table: a video track without one.
+  EXPECT_FALSE(
+      open(movie(atom("mdia", mdhd(25, 3) + hdlr("vide") +
+                                  atom("minf", atom("stbl", stsd(videoEntry("apch", 1920, 1080)) + bad +
+                                                                stts({{3, 1}}) + stsz(3) + stco(0)))))));
+  // ... before the handler: no video track at all.
+  EXPECT_FALSE(open(movie(atom("mdia", mdhd(25, 3) + bad + hdlr("vide") + atom("minf", stbl(1920, 3))))));
+  // ... before the mdia, or the minf's stbl.
+  EXPECT_FALSE(open(movie(tkhd(1) + bad + mdia(25, "vide", 1920, 3))));
+  EXPECT_FALSE(open(movie(atom("mdia", mdhd(25, 3) + hdlr("vide") + atom("minf", bad + stbl(1920, 3))))));
+  // After them it changes nothing.
+  ASSERT_TRUE(open(movie(mdia(25, "vide", 1920, 3) + bad)));
+  EXPECT_EQ(video().videoLength, 3u);
+}
+
 // Atom headers are read a few hundred bytes at a time: headers, 64-bit
 // headers and the movie atom placed on every side of such a boundary are
 // read right, and no byte of the file is read twice.

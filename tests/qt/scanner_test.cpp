@@ -273,6 +273,51 @@ TEST_F(QtScannerBuilt, ChannelCountIsCutToSevenCharacters) {
   EXPECT_EQ(scanBuilt(m)->attributes.getAttributesMap()["Audio Chan"], "1048560");
 }
 
+// A product of channels and tracks past the int range is printed signed:
+// 65535 tracks of 65535 channels are 0xFFFE0001, "-131071", which fills the
+// seven characters exactly; 40000 tracks give -1673567296, cut to "-167356".
+TEST_F(QtScannerBuilt, ChannelProductPastTheIntRangeIsPrintedSignedAndCut) {
+  movbuild::Movie m = movie(25, 1);
+  m.audio = {{0, 65535}};
+  const std::string built = movbuild::build(m);
+  // The first sound track gives the channels; every further one needs only
+  // its handler to count.
+  const std::string bare = movbuild::atom("trak", movbuild::atom("mdia", movbuild::hdlr("soun")));
+  auto withTracks = [&](std::size_t tracks) {
+    std::string file = built;
+    for (std::size_t i = 1; i < tracks; ++i) file += bare;
+    const std::size_t moov = file.rfind("moov") - 4;  // the moov runs to the end
+    file.replace(moov, 4, movbuild::be32(static_cast<uint32_t>(file.size() - moov)));
+    const std::string path = dir_.file("tracks" + std::to_string(tracks) + ".mov");
+    writeFile(path, file);
+    return scan(path);
+  };
+  auto p = withTracks(65535);
+  ASSERT_TRUE(p->FileIsValid());
+  EXPECT_EQ(p->attributes.getAttributesMap()["Audio Chan"], "-131071");
+  p = withTracks(40000);
+  ASSERT_TRUE(p->FileIsValid());
+  EXPECT_EQ(p->attributes.getAttributesMap()["Audio Chan"], "-167356");
+}
+
+// A whole rate is printed without decimals and any other with two, the
+// suffix chosen by the truncated rate: 23 with fields is psf, 22 is i, and
+// half a frame a second truncates to 0 but is printed "0.50".
+TEST_F(QtScannerBuilt, WholeAndFractionalRatesAndTheirSuffixes) {
+  EXPECT_EQ(scanBuilt(movie(23, 1, 2, 1))->attributes.getAttributesMap()["Format"], "1920x1080psf23");
+  EXPECT_EQ(scanBuilt(movie(22, 1, 2, 1))->attributes.getAttributesMap()["Format"], "1920x1080i22");
+  EXPECT_EQ(scanBuilt(movie(25, 1, 2, 1))->attributes.getAttributesMap()["Format"], "1920x1080i25");
+  EXPECT_EQ(scanBuilt(movie(23, 1))->attributes.getAttributesMap()["Format"], "1920x1080p23");
+  EXPECT_EQ(scanBuilt(movie(1, 2))->attributes.getAttributesMap()["Format"], "1920x1080p0.50");
+  EXPECT_EQ(scanBuilt(movie(49, 2, 2, 1))->attributes.getAttributesMap()["Format"], "1920x1080psf24.50");
+  // 1 frame in 8 ticks of 1: 0.125, a tie in binary, is printed as printf rounds it.
+  EXPECT_EQ(scanBuilt(movie(1, 8))->attributes.getAttributesMap()["Format"], "1920x1080p0.12");
+  movbuild::Movie m = movie(100, 1);
+  m.width = 8;
+  m.height = 2;
+  EXPECT_EQ(scanBuilt(m)->attributes.getAttributesMap()["Format"], "8x2p100");
+}
+
 TEST_F(QtScannerBuilt, UnknownCodecIsInvalidAfterFieldsAreWritten) {
   movbuild::Movie m = movie(24000, 1001);
   m.codec = "AVdn";
