@@ -117,10 +117,12 @@ ClipFinder::ClipFinder(ParamStore* paramStore) : params(paramStore), mediaCache(
 ClipFinder::ClipFinder(ParamStore* paramStore, const zev::media::MediaCacheOptions& cache)
     : params(paramStore), mediaCache(cache) {}
 
-int ClipFinder::scanMedia(std::string path) {
+int ClipFinder::scanMedia(std::string path) { return scanMedia(std::move(path), nullptr); }
+
+int ClipFinder::scanMedia(std::string path, const std::function<void(Clip&)>& visit) {
   MediaBusy busy(params);
   const uint32_t encodeType = params->getParam(eParamEncodeType);
-  if (!mediaCache.ScanMedia(path, encodeType)) {
+  if (!(visit ? mediaCache.ScanMedia(path, encodeType, visit) : mediaCache.ScanMedia(path, encodeType))) {
     std::fprintf(stderr, "%s: ScanMedia failed\n", kUnitName);
     return -1;
   }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <set>
@@ -29,6 +30,9 @@ class ClipFinder {
   /// type; 0 on success, -1 when the scan failed. The media-busy parameter
   /// is 1 during the scan and 2 afterwards, also when an exception leaves it.
   int scanMedia(std::string path);
+  /// scanMedia, handing each clip of the catalogue the scan stored to visit
+  /// (MediaCache::ScanMedia with a visit).
+  int scanMedia(std::string path, const std::function<void(Clip&)>& visit);
   /// The clips in cache order (oldest first) or reversed, optionally
   /// through the current playlist, optionally without unplayable clips.
   std::list<Clip> findClips(bool inCacheOrder, bool usePlaylist, bool includeUnplayable);

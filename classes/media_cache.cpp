@@ -22,6 +22,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <new>
@@ -347,6 +349,18 @@ int writePlaylistImage(bip::shared_memory_object& segment, detail::CacheLock& lo
   });
 }
 
+// Hands each of count records at slots to visit, in order, as a copy: the
+// visit never sees the shared bytes themselves, which another process may
+// rewrite once the lock is released.
+void visitRecords(const unsigned char* slots, std::uint64_t count, const std::function<void(Clip&)>& visit) {
+  std::unique_ptr<Clip> record(new Clip());
+  const unsigned char* slot = slots;
+  for (std::uint64_t i = 0; i < count; ++i, slot += MediaCache::kClipSlotSize) {
+    std::memcpy(static_cast<void*>(record.get()), slot, MediaCache::kClipSlotSize);
+    visit(*record);
+  }
+}
+
 // How many of the first of count records at slots are already those
 // record() gives. record(i, out) stores record i's first Clip::kStoredSize
 // bytes at out.
@@ -370,12 +384,15 @@ std::uint64_t recordsInPlace(const unsigned char* slots, std::uint64_t count, Re
 // interprocess_exception, before touching the segment, when the image would
 // not fit.
 //
+// When there is a visit, it is handed each record of the image once the
+// image is whole, under the same hold of the lock.
+//
 // The records already in place are not written again: a catalogue rewritten
 // with what it holds (a medium scanned again unchanged) costs reading the
 // image instead of writing it, and stays valid for readers throughout.
 template <class Record>
 int writeClipImage(bip::shared_memory_object& segment, detail::CacheLock& lock, std::uint64_t count,
-                   Record record) {
+                   Record record, const std::function<void(Clip&)>& visit = nullptr) {
   return withImage(segment, lock, [&](unsigned char* base, std::uint64_t size) {
     const std::uint64_t needed = MediaCache::ClipImageSize(count);
     if (count > std::numeric_limits<std::uint32_t>::max() || needed > size)
@@ -389,7 +406,10 @@ int writeClipImage(bip::shared_memory_object& segment, detail::CacheLock& lock, 
     const bool holdsCount = std::memcmp(base, kClipMagic, MediaCache::kClipMagicSize) == 0 &&
                             loadCount(base + MediaCache::kClipMagicSize) == count;
     const std::uint64_t same = holdsCount ? recordsInPlace(slots, count, record) : 0;
-    if (holdsCount && same == count) return 1;
+    if (holdsCount && same == count) {
+      if (visit) visitRecords(slots, count, visit);
+      return 1;
+    }
     // The image is invalidated first and its magic put in last, so that a
     // writer that dies half-way leaves an invalid image, never a torn one.
     // The final bytes are those of the magic with its NUL followed by the
@@ -407,6 +427,7 @@ int writeClipImage(bip::shared_memory_object& segment, detail::CacheLock& lock, 
     }
     std::atomic_signal_fence(std::memory_order_seq_cst);
     std::memcpy(base, kClipMagic, MediaCache::kClipMagicSize);
+    if (visit) visitRecords(slots, count, visit);
     return 1;
   });
 }
@@ -553,15 +574,7 @@ int MediaCache::VisitClips(const std::function<void(Clip&)>& visit) {
       return 0;
     }
     if (!prefault(base, ClipImageSize(count), false)) return unreadableImage("ReadClipCacheFromSharedMemory");
-    // Each record is copied out of the segment before it is handed on: the
-    // visit never sees the shared bytes themselves, which another process
-    // may rewrite once the lock is released.
-    std::unique_ptr<Clip> record(new Clip());
-    const unsigned char* slot = base + kClipHeaderSize;
-    for (std::uint32_t i = 0; i < count; ++i, slot += kClipSlotSize) {
-      std::memcpy(static_cast<void*>(record.get()), slot, kClipSlotSize);
-      visit(*record);
-    }
+    visitRecords(base + kClipHeaderSize, count, visit);
     return 1;
   });
 }
@@ -879,11 +892,17 @@ int abandonScan(const std::string& directory, int error) {
 }  // namespace
 
 int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType) {
+  return ScanMedia(directory, currentEncodeType, nullptr);
+}
+
+int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType,
+                          const std::function<void(Clip&)>& visit) {
   DIR* dir = ::opendir(directory.c_str());
   if (dir == nullptr) {
     // A missing medium is not an error; a process out of descriptors or
     // memory is. The caches are untouched either way.
     if (outOfResources(errno)) return abandonScan(directory, errno);
+    if (visit) VisitClips(visit);
     return 1;
   }
   std::unique_ptr<DIR, int (*)(DIR*)> closer(dir, ::closedir);
@@ -952,8 +971,20 @@ int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType
     return abandonScan(directory, ENOMEM);
   }
 
-  writeClipImage(clipSegment_, *clipGuard_, clips.size(),
-                 [&clips](std::uint64_t i, unsigned char* out) { clips[i]->store(out); });
+  // A visit that throws ends its walk; the playlists are written all the
+  // same, and the exception reaches the caller after both caches are.
+  std::exception_ptr visitFailure;
+  const std::function<void(Clip&)> guarded = [&visit, &visitFailure](Clip& clip) {
+    if (visitFailure) return;
+    try {
+      visit(clip);
+    } catch (...) {
+      visitFailure = std::current_exception();
+    }
+  };
+  writeClipImage(
+      clipSegment_, *clipGuard_, clips.size(),
+      [&clips](std::uint64_t i, unsigned char* out) { clips[i]->store(out); }, visit ? guarded : nullptr);
   writePlaylistImage(playlistSegment_, *playlistGuard_, playlists.size(), [&playlists](unsigned char* slots) {
     unsigned char* slot = slots;
     for (const auto& element : playlists) {
@@ -961,6 +992,7 @@ int MediaCache::ScanMedia(std::string& directory, unsigned int currentEncodeType
       slot += kPlaylistSlotSize;
     }
   });
+  if (visitFailure) std::rethrow_exception(visitFailure);
   return 1;
 }
 

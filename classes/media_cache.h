@@ -234,6 +234,14 @@ class MediaCache {
   /// with a message, both caches are left as they were and 0 is returned:
   /// a catalogue that silently lacks files is never published.
   int ScanMedia(std::string& directory, unsigned int currentEncodeType);
+  /// ScanMedia, then visit with each clip of the catalogue as it stands when
+  /// the scan returns 1, as VisitClips would give them, under the same hold
+  /// of the clip lock as the catalogue's writing: what visit sees is what
+  /// this scan stored, with no other writer in between, and the image is
+  /// not read a second time. No call when the scan returns 0. An exception
+  /// from visit reaches the caller after the catalogue is written whole.
+  int ScanMedia(std::string& directory, unsigned int currentEncodeType,
+                const std::function<void(Clip&)>& visit);
   /// Fills a fresh clip from the file: its base name always; unless
   /// nameOnly, also the modification time and the scanner's parameters.
   /// False when the file cannot be stat'ed (perror of the path), is not a

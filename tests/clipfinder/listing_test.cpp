@@ -232,6 +232,35 @@ TEST(ListingScannedMedium, PlaylistReversalAndFilterOverRealClips) {
   EXPECT_EQ(names(finder.findClips(false, true, false)), (Names{"A.mov", "B.mov"}));
 }
 
+// A scan with a visit hands over the catalogue it stored, while the medium
+// is still marked busy, and ends marked 2 as a scan without one does.
+TEST(ListingScannedMedium, AScanWithAVisitHandsOverTheCatalogueWhileBusy) {
+  vorta_test::TempDir media;
+  UniqueCaches caches;
+  RecordingParams params;
+  ClipFinder finder(&params, caches.config);
+  time_t t = 2000;
+  for (const char* name : {"B.mov", "A.mov"}) {
+    vorta_test::writeFile(media.file(name),
+                          vorta_test::readFile(vorta_test::dataPath("qt/prores_proxy_25.mov")));
+    struct timespec times[2] = {{t, 0}, {t, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, media.file(name).c_str(), times, 0), 0);
+    t += 100;
+  }
+  Names seen;
+  std::vector<uint32_t> busyWhileSeen;
+  ASSERT_EQ(finder.scanMedia(media.path(),
+                             [&](Clip& clip) {
+                               seen.emplace_back(clip.name);
+                               busyWhileSeen.push_back(params.getParam(eParamMediaBusy));
+                             }),
+            0);
+  EXPECT_EQ(seen, (Names{"B.mov", "A.mov"}));
+  EXPECT_EQ(busyWhileSeen, (std::vector<uint32_t>{1, 1}));
+  EXPECT_EQ(params.busyWrites(), (std::vector<uint32_t>{1, 2}));
+  EXPECT_EQ(names(finder.findClips(true, false, true)), seen);
+}
+
 // The busy parameter goes back to 2 also when the scan ends in an exception
 // (here a catalogue larger than the clip segment).
 TEST(ListingScannedMedium, BusyIsSetBackWhenTheScanThrows) {

@@ -10,17 +10,22 @@
 
 #include <algorithm>
 #include <boost/interprocess/exceptions.hpp>
+#include <boost/interprocess/mapped_region.hpp>
+#include <boost/interprocess/shared_memory_object.hpp>
 #include <chrono>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <list>
 #include <memory>
 #include <random>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "fail_alloc.h"
 #include "fileparams.h"
 #include "internal/work_arena.h"
 #include "media_cache.h"
@@ -28,6 +33,7 @@
 
 namespace {
 
+namespace bip = boost::interprocess;
 using vorta_test::dataPath;
 using vorta_test::readFile;
 using vorta_test::TempDir;
@@ -528,6 +534,92 @@ TEST_F(Scan, AReaderInAnotherProcessSeesWholeCataloguesOnly) {
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a read saw a mixed catalogue";
+}
+
+// The records a scan hands its visit, byte for byte (padding too), are the
+// records a reader then gets: on a first scan over a segment of other bytes,
+// and on a second scan that finds the catalogue in place.
+TEST_F(Scan, TheVisitSeesWhatTheScanStored) {
+  place("hd1080_p25.mov", media.file("C.mov"), 3000);
+  place("hd720_p5994.mov", media.file("A.mov"), 1000);
+  place("prores_4444_25.mov", media.file("B.MOV"), 2000);
+  {  // the whole segment other bytes first, padding included
+    bip::shared_memory_object segment(bip::open_only, unique.options.clipSegment.c_str(), bip::read_write);
+    bip::mapped_region region(segment, bip::read_write);
+    std::memset(region.get_address(), 0xEE, region.get_size());
+  }
+  for (int round = 0; round < 2; ++round) {
+    std::vector<Clip> seen;
+    std::string dir = media.path();
+    ASSERT_EQ(cache.ScanMedia(dir, ENCODE_PRORES_422_HQ, [&seen](Clip& clip) { seen.push_back(clip); }), 1);
+    const std::list<Clip> stored = cache.GetClips();
+    ASSERT_EQ(seen.size(), 3u) << round;
+    ASSERT_EQ(stored.size(), 3u);
+    std::size_t i = 0;
+    for (const Clip& clip : stored) {
+      EXPECT_EQ(std::memcmp(&clip, &seen[i], sizeof(Clip)), 0) << round << " " << i;
+      ++i;
+    }
+    EXPECT_STREQ(seen[0].name, "A.mov");
+    EXPECT_STREQ(seen[2].name, "C.mov");
+    const unsigned char* padding = reinterpret_cast<const unsigned char*>(&seen[1]) + Clip::kStoredSize;
+    EXPECT_EQ(padding[0], 0xEE);  // never written: the segment's own bytes
+    EXPECT_EQ(padding[2], 0xEE);
+  }
+}
+
+// A visit that throws ends its walk, and the exception reaches the caller
+// once both caches are written whole; the clip lock is free again.
+TEST_F(Scan, AVisitThatThrowsLeavesBothCachesWritten) {
+  place("hd1080_p25.mov", media.file("C.mov"), 3000);
+  place("hd720_p5994.mov", media.file("A.mov"), 1000);
+  place("prores_4444_25.mov", media.file("B.MOV"), 2000);
+  writeFile(media.file("reel.playlist"), R"({"name":"Reel","cliplist":["A.mov"]})");
+  int calls = 0;
+  std::string dir = media.path();
+  EXPECT_THROW(cache.ScanMedia(dir, ENCODE_PRORES_422_HQ,
+                               [&calls](Clip&) {
+                                 if (++calls == 2) throw std::runtime_error("visit");
+                               }),
+               std::runtime_error);
+  EXPECT_EQ(calls, 2);
+  EXPECT_EQ(names(cache.GetClips()), (Names{"A.mov", "B.MOV", "C.mov"}));
+  EXPECT_EQ(cache.GetPlaylists().count("reel"), 1u);
+}
+
+// A medium that cannot be opened leaves the caches as they are, and the
+// visit sees the catalogue as it stands.
+TEST_F(Scan, AMissingDirectoryVisitsTheStoredCatalogue) {
+  place("prores_proxy_25.mov", media.file("kept.mov"), 1000);
+  scan(media.path());
+  Names seen;
+  std::string missing = media.file("no-such-dir");
+  EXPECT_EQ(
+      cache.ScanMedia(missing, ENCODE_PRORES_422_HQ, [&seen](Clip& clip) { seen.emplace_back(clip.name); }),
+      1);
+  EXPECT_EQ(seen, (Names{"kept.mov"}));
+}
+
+// A scan abandoned for want of memory visits nothing.
+TEST_F(Scan, AnAbandonedScanVisitsNothing) {
+  place("prores_proxy_25.mov", media.file("a.mov"), 1000);
+  scan(media.path());
+  std::string dir = media.path();
+  if (!vorta_test::allocationFailureAvailable())
+    GTEST_SKIP() << "allocations cannot be made to fail under a sanitizer or valgrind";
+  int calls = 0;
+  const std::function<void(Clip&)> visit = [&calls](Clip&) { ++calls; };
+  int result = -1;
+  testing::internal::CaptureStderr();
+  {
+    vorta_test::FailAlloc failing(0);
+    result = cache.ScanMedia(dir, ENCODE_PRORES_422_HQ, visit);
+  }
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(calls, 0);
+  EXPECT_NE(said.find("scan abandoned"), std::string::npos) << said;
+  EXPECT_EQ(names(cache.GetClips()), (Names{"a.mov"}));
 }
 
 }  // namespace

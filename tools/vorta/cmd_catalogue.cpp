@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -280,11 +281,23 @@ int runScan(Invocation& in) {
   const std::vector<std::string> names = entriesOf(dir);
   MediaSession session(in, true, CacheUse::Create);
   const unsigned encodeType = encodeTypeOf(in, session.params());
+  // Every clip as stored, in catalogue order (what findClips(true, false,
+  // true) gives), handed over by the scan itself as it stores the catalogue
+  // rather than read back: its rows and the names taken.
+  Rows catalogue = catalogueTable();
+  std::vector<std::string> clipNames;
+  const bool rowsPrinted = formatOf(in) != Format::Quiet;
+  const std::function<void(Clip&)> take = [&](Clip& clip) {
+    clipNames.push_back(clipName(clip));
+    if (rowsPrinted)
+      addCatalogueRow(catalogue, session.cache(), clip, encodeType, formatOf(in) == Format::Json);
+  };
   try {
     Progress progress(dir, names, formatOf(in) == Format::Quiet);
     if (in.value("encode-type")) {
-      if (session.cache().ScanMedia(dir, encodeType) != 1) throw Failure("the scan of " + dir + " failed");
-    } else if (session.finder().scanMedia(dir) != 0) {
+      if (session.cache().ScanMedia(dir, encodeType, take) != 1)
+        throw Failure("the scan of " + dir + " failed");
+    } else if (session.finder().scanMedia(dir, take) != 0) {
       throw Failure("the scan of " + dir + " failed");
     }
   } catch (const boost::interprocess::interprocess_exception& e) {
@@ -305,17 +318,6 @@ int runScan(Invocation& in) {
                   catalogueName(in) + " --" + kind + " " + std::to_string(need) + "' and scan again");
   }
 
-  // Every clip as stored, in catalogue order (what findClips(true, false,
-  // true) gives), read straight from the shared image rather than as a copy
-  // of a catalogue of megabytes: its rows and the names taken.
-  Rows catalogue = catalogueTable();
-  std::vector<std::string> clipNames;
-  const bool rowsPrinted = formatOf(in) != Format::Quiet;
-  session.cache().VisitClips([&](Clip& clip) {
-    clipNames.push_back(clipName(clip));
-    if (rowsPrinted)
-      addCatalogueRow(catalogue, session.cache(), clip, encodeType, formatOf(in) == Format::Json);
-  });
   // The stored playlists with "All Clips" built from those clips: what
   // GetPlaylists gives, without reading the catalogue a second time.
   std::map<std::string, PlaylistCacheEntry> playlists;
