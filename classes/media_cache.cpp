@@ -399,17 +399,21 @@ int writeClipImage(bip::shared_memory_object& segment, detail::CacheLock& lock, 
       throwSizeError("WriteClipCacheToSharedMemory: " + std::to_string(count) + " clips need " +
                      std::to_string(needed) + " bytes but the segment holds " + std::to_string(size));
 
-    // Every page the image may touch is had first, for reading as for
-    // writing: a full /dev/shm is an exception here, not SIGBUS later.
-    reserve(segment, needed);
+    // The image in place is read only where its pages can be had (a page
+    // never written, on a full /dev/shm, would be SIGBUS when read), and
+    // every page is had before anything is written: a full /dev/shm is an
+    // exception here, not SIGBUS later.
     unsigned char* const slots = base + MediaCache::kClipHeaderSize;
-    const bool holdsCount = std::memcmp(base, kClipMagic, MediaCache::kClipMagicSize) == 0 &&
-                            loadCount(base + MediaCache::kClipMagicSize) == count;
+    const bool holdsCount = prefault(base, MediaCache::kClipHeaderSize, false) &&
+                            std::memcmp(base, kClipMagic, MediaCache::kClipMagicSize) == 0 &&
+                            loadCount(base + MediaCache::kClipMagicSize) == count &&
+                            prefault(base, needed, false);
     const std::uint64_t same = holdsCount ? recordsInPlace(slots, count, record) : 0;
     if (holdsCount && same == count) {
       if (visit) visitRecords(slots, count, visit);
       return 1;
     }
+    reserve(segment, needed);
     // The image is invalidated first and its magic put in last, so that a
     // writer that dies half-way leaves an invalid image, never a torn one.
     // The final bytes are those of the magic with its NUL followed by the
