@@ -79,23 +79,31 @@ Rows catalogueTable() {
 }
 
 // Adds the clip's row. Its attribute pairs are printed in JSON alone (the
-// column has no header): only then is the attribute map built; the table's
-// two attributes are looked up alone.
+// column has no header): only then is the attribute map built; otherwise the
+// table's two attributes are looked up alone.
 void addCatalogueRow(Rows& rows, MediaCache& cache, Clip& clip, unsigned encodeType, bool withAttributes) {
   const bool nameOnly = clip.fourCC[0] == '\0';  // taken by name only
   std::string why = whyNotPlayable(cache, clip, encodeType);
   if (why.empty() && unplayable(clip)) why = "marked unplayable at intake";
-  std::string audio, startTimecode;
-  clip.attributes.getAttribute(zev::media::MediaAudioChannels, audio);
-  clip.attributes.getAttribute(zev::media::MediaStartingTimecode, startTimecode);
+  std::map<std::string, std::string> map;  // every pair, for JSON alone
+  if (withAttributes) map = clip.attributes.getAttributesMap();
+  const auto attribute = [&](const std::string& key) {
+    std::string value;
+    if (!withAttributes) {
+      clip.attributes.getAttribute(key, value);
+    } else if (const auto it = map.find(key); it != map.end()) {
+      value = it->second;
+    }
+    return value;
+  };
   const Picture picture{fourCCOf(clip),
                         clip.width,
                         clip.height,
                         clip.frameRate,
                         clip.scanMode,
                         clip.videoLength,
-                        text(std::move(audio)),
-                        text(std::move(startTimecode))};
+                        text(attribute(zev::media::MediaAudioChannels)),
+                        text(attribute(zev::media::MediaStartingTimecode))};
   std::vector<Value> row;
   row.reserve(15);
   row.push_back(text(clipName(clip)));
@@ -107,12 +115,7 @@ void addCatalogueRow(Rows& rows, MediaCache& cache, Clip& clip, unsigned encodeT
   });
   row.push_back(flag(!unplayable(clip)));
   row.push_back(why.empty() ? absent() : text(std::move(why)));
-  if (withAttributes) {
-    const std::map<std::string, std::string> map = clip.attributes.getAttributesMap();
-    row.push_back(pairs({map.begin(), map.end()}));
-  } else {
-    row.push_back(absent());
-  }
+  row.push_back(withAttributes ? pairs({map.begin(), map.end()}) : absent());
   rows.add(std::move(row));
 }
 
