@@ -52,6 +52,18 @@ std::map<std::string, std::string> MediaAttributes::getAttributesMap() {
   return result;
 }
 
+bool MediaAttributes::getAttribute(const std::string& key, std::string& value) const {
+  bool found = false;
+  std::string_view last;
+  detail::forEachAttribute(block, kSize, [&](std::string_view k, std::string_view v) {
+    if (k != key) return;
+    found = true;
+    last = v;  // a repeated key keeps its last value
+  });
+  if (found) value.assign(last.data(), last.size());
+  return found;
+}
+
 }  // namespace media
 }  // namespace zev
 

@@ -38,6 +38,11 @@ class MediaAttributes {
   /// read up to its 2400th byte.
   std::map<std::string, std::string> getAttributesMap();
 
+  /// The value getAttributesMap would hold for key (the last one written),
+  /// found without building the map: true and value set, or false and value
+  /// left as it was. The block is read by the same rules.
+  bool getAttribute(const std::string& key, std::string& value) const;
+
   char block[kSize];
 };
 

@@ -33,7 +33,6 @@
 #include <vector>
 
 #include "fileparams.h"
-#include "internal/attribute_text.h"
 #include "internal/cache_lock.h"
 #include "internal/regular_file.h"
 #include "internal/scan_prefetch.h"
@@ -1097,17 +1096,9 @@ std::list<Clip> MediaCache::GetClips() {
 }
 
 bool MediaCache::GetEncodeType(Clip& clip, unsigned int& encodeType) {
-  // The value the attribute map would hold for the key (the last one
-  // written), found without building the map: the scan asks this of every clip.
-  bool found = false;
+  // Found without building the attribute map: the scan asks this of every clip.
   std::string text;
-  detail::forEachAttribute(clip.attributes.block, sizeof clip.attributes.block,
-                           [&](std::string_view key, std::string_view value) {
-                             if (key != MediaVideoEncodeType) return;
-                             found = true;
-                             text.assign(value.data(), value.size());
-                           });
-  if (!found) return false;
+  if (!clip.attributes.getAttribute(MediaVideoEncodeType, text)) return false;
   // Read as the device's 32-bit strtol reads it: saturated at the 32-bit limits.
   long value = std::strtol(text.c_str(), nullptr, 10);
   if (value > INT32_MAX) value = INT32_MAX;

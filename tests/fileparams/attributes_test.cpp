@@ -7,6 +7,7 @@
 #include <limits>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "fileparams.h"
@@ -16,12 +17,40 @@ namespace {
 
 using Map = std::map<std::string, std::string>;
 
-Map parse(const std::string& text) {
+zev::media::MediaAttributes blockOf(const std::string& text) {
   zev::media::MediaAttributes attributes;
   std::memset(attributes.block, 0, sizeof(attributes.block));
   std::memcpy(attributes.block, text.data(), std::min(text.size(), sizeof(attributes.block)));
-  return attributes.getAttributesMap();
+  return attributes;
 }
+
+Map parse(const std::string& text) { return blockOf(text).getAttributesMap(); }
+
+// getAttribute's answer for key (nothing when it gives false), checked
+// against what getAttributesMap holds for the key; a value not found is
+// left as it was.
+std::optional<std::string> lookup(zev::media::MediaAttributes& attributes, const std::string& key) {
+  std::string value = "as it was";
+  const bool found = attributes.getAttribute(key, value);
+  const Map map = attributes.getAttributesMap();
+  const auto it = map.find(key);
+  EXPECT_EQ(found, it != map.end()) << "key '" << key << "'";
+  if (!found) {
+    EXPECT_EQ(value, "as it was") << "key '" << key << "'";
+    return std::nullopt;
+  }
+  if (it != map.end()) {
+    EXPECT_EQ(value, it->second) << "key '" << key << "'";
+  }
+  return value;
+}
+
+std::optional<std::string> lookup(const std::string& text, const std::string& key) {
+  zev::media::MediaAttributes attributes = blockOf(text);
+  return lookup(attributes, key);
+}
+
+using Found = std::optional<std::string>;
 
 std::string blockText(const CFileParams& params) {
   return std::string(params.attributes.block,
@@ -64,6 +93,66 @@ TEST(AttributesMap, ReadsABlockWithoutTerminatorUpToItsEnd) {
   for (std::size_t i = 0; i < sizeof(attributes.block); i += 4)
     std::memcpy(attributes.block + i, "k\nv\n", 4);
   EXPECT_EQ(attributes.getAttributesMap(), (Map{{"k", "v"}}));
+}
+
+// A single key is looked up by the map's rules, without the map.
+TEST(AttributeLookup, FindsEachKeyOfTheBlock) {
+  const std::string text = "Format\n1920x1080p25\nEncode Type\n1\nAudio Chan\n4\nStarting TC\n01:00:00:00\n";
+  EXPECT_EQ(lookup(text, "Format"), Found("1920x1080p25"));
+  EXPECT_EQ(lookup(text, "Encode Type"), Found("1"));
+  EXPECT_EQ(lookup(text, "Audio Chan"), Found("4"));
+  EXPECT_EQ(lookup(text, "Starting TC"), Found("01:00:00:00"));
+}
+
+// A key the block does not hold gives false and leaves the value alone.
+TEST(AttributeLookup, AMissingKeyIsNotFound) {
+  EXPECT_EQ(lookup("Format\n1920x1080p25\n", "Audio Chan"), std::nullopt);
+  EXPECT_EQ(lookup("", "Format"), std::nullopt);
+  EXPECT_EQ(lookup("Format\n1920x1080p25\n", "Form"), std::nullopt);  // whole tokens only
+  EXPECT_EQ(lookup("Format\n1920x1080p25\n", ""), std::nullopt);
+}
+
+// Of a key written twice, the last value counts, as in the map.
+TEST(AttributeLookup, ARepeatedKeyGivesItsLastValue) {
+  EXPECT_EQ(lookup("A\n1\nB\n2\nA\n3\n", "A"), Found("3"));
+  EXPECT_EQ(lookup("A\n1\nB\n2\nA\n3\n", "B"), Found("2"));
+}
+
+// A token in the place of a value is no key, even when its text is one.
+TEST(AttributeLookup, AKeyWrittenAsAValueIsNotFound) {
+  EXPECT_EQ(lookup("A\nB\n", "B"), std::nullopt);
+  EXPECT_EQ(lookup("A\nB\nB\nC\n", "B"), Found("C"));
+  EXPECT_EQ(lookup("A\nB\nB\nC\n", "C"), std::nullopt);
+}
+
+// A final key without a value is ignored, with or without its newline.
+TEST(AttributeLookup, AKeyWithoutAValueAtTheEndIsNotFound) {
+  EXPECT_EQ(lookup("A\n1\nB\n", "B"), std::nullopt);
+  EXPECT_EQ(lookup("A\n1\nB", "B"), std::nullopt);
+  EXPECT_EQ(lookup("A\n1\nB", "A"), Found("1"));
+  EXPECT_EQ(lookup("A\n1\nA\n", "A"), Found("1"));  // the dangling repeat changes nothing
+}
+
+// A block filled to its 2400th byte with no terminator is read to that
+// byte and not beyond: the last pair's value ends there.
+TEST(AttributeLookup, ReadsABlockWithoutTerminatorUpToItsEnd) {
+  auto attributes = std::make_unique<zev::media::MediaAttributes>();
+  for (std::size_t i = 0; i < sizeof(attributes->block); i += 4)
+    std::memcpy(attributes->block + i, "k\nv\n", 4);
+  std::memcpy(attributes->block + sizeof(attributes->block) - 4, "k\nwx", 4);
+  EXPECT_EQ(lookup(*attributes, "k"), Found("wx"));
+  EXPECT_EQ(lookup(*attributes, "v"), std::nullopt);
+}
+
+// Empty tokens are dropped, so no key has an empty value: the token after
+// an empty one becomes the value, and the empty key is never found.
+TEST(AttributeLookup, NoKeyHasAnEmptyValue) {
+  const std::string text = "Format\n\nEncode Type\n1\n";
+  EXPECT_EQ(lookup(text, "Format"), Found("Encode Type"));
+  EXPECT_EQ(lookup(text, "Encode Type"), std::nullopt);
+  EXPECT_EQ(lookup(text, "1"), std::nullopt);
+  EXPECT_EQ(lookup("\n\nA\n\n\n1\n", "A"), Found("1"));
+  EXPECT_EQ(lookup("\n\nA\n\n\n1\n", ""), std::nullopt);
 }
 
 TEST(AttributesWriter, AppendsPairsInOrder) {

@@ -37,11 +37,6 @@ using zev::media::MediaCache;
 
 std::string clipName(const Clip& clip) { return std::string(clip.name, strnlen(clip.name, Clip::kNameSize)); }
 
-std::string attribute(const std::map<std::string, std::string>& attributes, const std::string& key) {
-  const auto it = attributes.find(key);
-  return it == attributes.end() ? "" : it->second;
-}
-
 // Why a clip is not playable in the given codec mode, or "" when it is.
 std::string whyNotPlayable(MediaCache& cache, Clip& clip, unsigned encodeType) {
   unsigned clipType = 0;
@@ -85,30 +80,42 @@ Rows catalogueTable() {
 }
 
 // Adds the clip's row. Its attribute pairs are printed in JSON alone (the
-// column has no header): only then are they put in.
+// column has no header): only then is the attribute map built; otherwise the
+// table's two attributes are looked up alone.
 void addCatalogueRow(Rows& rows, MediaCache& cache, Clip& clip, unsigned encodeType, bool withAttributes) {
   const bool nameOnly = clip.fourCC[0] == '\0';  // taken by name only
   std::string why = whyNotPlayable(cache, clip, encodeType);
   if (why.empty() && unplayable(clip)) why = "marked unplayable at intake";
-  const std::map<std::string, std::string> map = clip.attributes.getAttributesMap();
+  std::map<std::string, std::string> map;  // every pair, for JSON alone
+  if (withAttributes) map = clip.attributes.getAttributesMap();
+  const auto attribute = [&](const std::string& key) {
+    std::string value;
+    if (!withAttributes) {
+      clip.attributes.getAttribute(key, value);
+    } else if (const auto it = map.find(key); it != map.end()) {
+      value = it->second;
+    }
+    return value;
+  };
   const Picture picture{fourCCOf(clip),
                         clip.width,
                         clip.height,
                         clip.frameRate,
                         clip.scanMode,
                         clip.videoLength,
-                        text(attribute(map, zev::media::MediaAudioChannels)),
-                        text(attribute(map, zev::media::MediaStartingTimecode))};
+                        text(attribute(zev::media::MediaAudioChannels)),
+                        text(attribute(zev::media::MediaStartingTimecode))};
   std::vector<Value> row;
   row.reserve(15);
   row.push_back(text(clipName(clip)));
   row.push_back(nameOnly ? none("-") : text(isoTime(clip.modTime)));
-  appendPictureValues(row, picture, [nameOnly](Value v) {
+  // Values made for the row are moved in, not copied.
+  appendPictureValues(row, picture, [nameOnly](auto&& v) -> Value {
     if (nameOnly) return v.shows("-");
-    return v;
+    return std::forward<decltype(v)>(v);
   });
   row.push_back(flag(!unplayable(clip)));
-  row.push_back(why.empty() ? absent() : text(why));
+  row.push_back(why.empty() ? absent() : text(std::move(why)));
   row.push_back(withAttributes ? pairs({map.begin(), map.end()}) : absent());
   rows.add(std::move(row));
 }
