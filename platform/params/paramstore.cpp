@@ -78,7 +78,7 @@ enum class FileState { Missing, Ok, Bad };
 
 // Reads and parses the file. Missing: no file. Bad: unreadable, too large,
 // or not a JSON object.
-FileState readFile(const std::string& path, Json& doc) {
+FileState readFile(const std::string& path, Json& doc, std::string* raw = nullptr) {
   // The open never blocks (a FIFO under the name would wait for a writer)
   // and anything but a regular file is Bad; the file is then read blocking.
   UniqueFd fd = UniqueFd::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY);
@@ -103,6 +103,7 @@ FileState readFile(const std::string& path, Json& doc) {
   if (readError || text.size() > static_cast<std::size_t>(kMaxFileSize)) return FileState::Bad;
   doc.reset(cJSON_ParseWithLength(text.data(), text.size()));
   if (!doc || !cJSON_IsObject(doc.get())) return FileState::Bad;
+  if (raw != nullptr) *raw = std::move(text);
   return FileState::Ok;
 }
 
@@ -209,11 +210,50 @@ void removeStaleTemporaries(const std::string& path) {
   ::closedir(dir);
 }
 
+// Puts content in place of current, the file's text as read under the
+// write lock, when the two differ in at most one byte: that byte is written
+// over the old one, which no reader, crash or power cut can see
+// half-written, and a file that holds content already is left alone. False,
+// with the file unchanged, when they differ otherwise or the file cannot be
+// written in place (a file that is no longer regular or no longer of that
+// size, no permission to write it).
+bool writeInPlace(const std::string& path, const std::string& current, const std::string& content) {
+  if (content.size() != current.size()) return false;
+  std::size_t at = content.size();
+  for (std::size_t i = 0; i < content.size(); ++i) {
+    if (content[i] == current[i]) continue;
+    if (at != content.size()) return false;  // a second difference
+    at = i;
+  }
+  if (at == content.size()) return true;  // the file holds it already
+  UniqueFd fd = UniqueFd::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY);
+  if (!fd) return false;
+  struct stat info;
+  if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) ||
+      static_cast<std::size_t>(info.st_size) != current.size())
+    return false;
+  ssize_t written;
+  do {
+    written = ::pwrite(fd.get(), content.data() + at, 1, static_cast<off_t>(at));
+  } while (written < 0 && errno == EINTR);
+  return written == 1 && fd.close();
+}
+
 // The file is replaced whole through a temporary file and rename. When
-// durable, the new content is forced to storage before the rename.
-bool writeAtomically(const std::string& path, const cJSON* doc, bool durable) {
-  char* text = cJSON_Print(doc);
-  if (text == nullptr) return false;
+// durable, the new content is forced to storage before the rename. A write
+// that need not be durable and changes at most one byte of current (the
+// file's text as read under the lock, when there is one) writes that byte in
+// place: a media-busy of 1 becoming 2 costs no new file and no rename.
+bool writeAtomically(const std::string& path, const cJSON* doc, bool durable, const std::string* current) {
+  std::string content;
+  {
+    char* text = cJSON_Print(doc);
+    if (text == nullptr) return false;
+    const std::unique_ptr<char, void (*)(void*)> printed(text, cJSON_free);
+    content = text;
+  }
+  content += '\n';
+  if (!durable && current != nullptr && writeInPlace(path, *current, content)) return true;
   const std::string tmp = temporaryPath(path, static_cast<long>(getpid()));
   // A FIFO or device left under the temporary name is neither blocked on
   // nor written: the open does not block, and only a regular file is
@@ -230,12 +270,8 @@ bool writeAtomically(const std::string& path, const cJSON* doc, bool durable) {
   }
   if (!fd) {
     std::perror(tmp.c_str());
-    cJSON_free(text);
     return false;
   }
-  std::string content(text);
-  content += '\n';
-  cJSON_free(text);
   std::size_t done = 0;
   bool ok = true;
   while (done < content.size()) {
@@ -270,7 +306,8 @@ int updateFile(const std::string& given, eParam_t id, cJSON* value) {
   }
   removeStaleTemporaries(path);
   Json doc;
-  const FileState state = readFile(path, doc);
+  std::string current;
+  const FileState state = readFile(path, doc, &current);
   if (state == FileState::Bad) {
     std::fprintf(stderr, "%s: not a parameter file (a JSON object); left as it is\n", path.c_str());
     return 0;
@@ -283,7 +320,9 @@ int updateFile(const std::string& given, eParam_t id, cJSON* value) {
   // media-busy says what a process is doing now, and is written around
   // every scan: after a power cut it is stale whatever it says, so its
   // writes are not forced to storage (each costs a journal commit).
-  return writeAtomically(path, doc.get(), id != eParamMediaBusy) ? 1 : 0;
+  return writeAtomically(path, doc.get(), id != eParamMediaBusy, state == FileState::Ok ? &current : nullptr)
+             ? 1
+             : 0;
 }
 
 }  // namespace

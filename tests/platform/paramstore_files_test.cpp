@@ -374,6 +374,66 @@ TEST(FileParamsPaths, WritesThatCannotOpenTheirTemporaryFileLeaveNoHeapMemoryBeh
   EXPECT_EQ(rmdir(tmp.c_str()), 0);
 }
 
+// The media-busy flag, written around every scan and not forced to storage,
+// changes in place when its new text differs from the file's in at most one
+// byte:
+// the file keeps its inode, no temporary file is made, and a rename that
+// would fail is never tried. Any other change goes through a new file and
+// rename: a longer value, and every durable parameter even when it changes
+// one byte.
+TEST(FileParamsPaths, TheMediaBusyFlagChangesInPlaceWhenOneByteChanges) {
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  FileParamStore store(path);
+  ASSERT_EQ(store.setParam(eParamTake, 6), 1);
+  ASSERT_EQ(store.setParam(eParamMediaBusy, 1), 1);  // a new key: a new file
+  ASSERT_EQ(readFile(path), "{\n\t\"take\":\t6,\n\t\"media-busy\":\t1\n}\n");
+  const auto inode = [&path] {
+    struct stat info;
+    return ::stat(path.c_str(), &info) == 0 ? info.st_ino : 0;
+  };
+  const ino_t before = inode();
+  gFailRename.store(1);
+  EXPECT_EQ(store.setParam(eParamMediaBusy, 2), 1);
+  EXPECT_EQ(readFile(path), "{\n\t\"take\":\t6,\n\t\"media-busy\":\t2\n}\n");
+  EXPECT_EQ(store.setParam(eParamMediaBusy, 1), 1);
+  EXPECT_EQ(store.setParam(eParamMediaBusy, 1), 1);  // nothing differs: nothing written
+  EXPECT_EQ(readFile(path), "{\n\t\"take\":\t6,\n\t\"media-busy\":\t1\n}\n");
+  EXPECT_EQ(inode(), before);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(store.setParam(eParamMediaBusy, 12), 0);  // a longer text
+  EXPECT_EQ(store.setParam(eParamTake, 7), 0);        // durable, one byte
+  const std::string said = testing::internal::GetCapturedStderr();
+  gFailRename.store(0);
+  EXPECT_EQ(said, path + ": Invalid cross-device link\n" + path + ": Invalid cross-device link\n");
+  EXPECT_EQ(readFile(path), "{\n\t\"take\":\t6,\n\t\"media-busy\":\t1\n}\n");
+  EXPECT_EQ(namesStartingWith(dir.path(), "p.json.tmp."), std::vector<std::string>{});
+  EXPECT_EQ(store.setParam(eParamTake, 7), 1);
+  EXPECT_NE(inode(), before);
+  EXPECT_EQ(store.getParam(eParamTake), 7u);
+  EXPECT_EQ(store.getParam(eParamMediaBusy), 1u);
+  // Two bytes that differ in a text of the same length: a new file.
+  ASSERT_EQ(store.setParam(eParamMediaBusy, 12), 1);
+  gFailRename.store(1);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(store.setParam(eParamMediaBusy, 21), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), path + ": Invalid cross-device link\n");
+  gFailRename.store(0);
+  EXPECT_EQ(store.getParam(eParamMediaBusy), 12u);
+}
+
+// A file whose text is not the one the store prints (written by hand, other
+// spacing) is rewritten whole, in the store's own layout, even when the
+// value changes one digit.
+TEST(FileParamsPaths, AFileInAnotherLayoutIsRewrittenWhole) {
+  TempDir dir;
+  const std::string path = dir.file("p.json");
+  vorta_test::writeFile(path, "{\"media-busy\": 1, \"take\": 6}\n");
+  FileParamStore store(path);
+  EXPECT_EQ(store.setParam(eParamMediaBusy, 2), 1);
+  EXPECT_EQ(readFile(path), "{\n\t\"take\":\t6,\n\t\"media-busy\":\t2\n}\n");
+}
+
 // Whether a parameter the table does not know holds text is read from the
 // file: a string is text, a number is not, and a file that cannot be read
 // as a parameter file (a directory, not JSON, missing) holds no text.
