@@ -43,7 +43,7 @@ test: build
 	@bash scripts/ctest-skips.sh build/default
 
 demo: build
-	@bash scripts/demo.sh build/default/tools/vorta/vorta
+	@bash scripts/demo.sh build/default/bin/vorta
 
 bench: build
 	@cmake --build --preset default --target bench

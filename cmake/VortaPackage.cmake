@@ -19,9 +19,25 @@ get_property(_vorta_platform_libs GLOBAL PROPERTY VORTA_PLATFORM_LIBRARIES)
 option(VORTA_INSTALL_RPATH "Give installed programs and libraries an \$ORIGIN-relative run path" ON)
 if(VORTA_INSTALL_RPATH)
   file(RELATIVE_PATH _vorta_bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  # The build tree lays them out as an installation does (the tool in bin/
+  # beside the library directory) and, built for this machine, they carry
+  # the installed run paths from the start. A run path that installation
+  # rewrites would otherwise end, in the build tree, with an empty entry
+  # CMake leaves as room for the installed one: the dynamic loader takes an
+  # empty entry for the current directory, and looks for every library
+  # there and in each build directory, hundreds of failed opens, before it
+  # finds it. A cross build keeps the build tree's run paths, which name the
+  # target's libraries in the staging prefix for the emulator.
   set_target_properties(vorta ${_vorta_platform_libs} PROPERTIES INSTALL_RPATH "$ORIGIN")
   if(TARGET vorta_cli)
-    set_target_properties(vorta_cli PROPERTIES INSTALL_RPATH "$ORIGIN/${_vorta_bin_to_lib}")
+    set_target_properties(vorta_cli PROPERTIES INSTALL_RPATH "$ORIGIN/${_vorta_bin_to_lib}"
+                                               RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${CMAKE_INSTALL_BINDIR})
+  endif()
+  if(NOT CMAKE_CROSSCOMPILING)
+    set_target_properties(vorta ${_vorta_platform_libs} PROPERTIES BUILD_WITH_INSTALL_RPATH ON)
+    if(TARGET vorta_cli)
+      set_target_properties(vorta_cli PROPERTIES BUILD_WITH_INSTALL_RPATH ON)
+    endif()
   endif()
 endif()
 

@@ -7,7 +7,7 @@
 # (prefix vorta-demo), so nothing of the user's is changed.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-vorta=$(cd "$(dirname "${1:-build/default/tools/vorta/vorta}")" && pwd)/$(basename "${1:-vorta}")
+vorta=$(cd "$(dirname "${1:-build/default/bin/vorta}")" && pwd)/$(basename "${1:-vorta}")
 clips="$root/tests/data/qt"
 work=${VORTA_DEMO_DIR:-/tmp/vorta-demo}
 media="$work/ZEV/card1"
