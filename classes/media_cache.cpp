@@ -362,9 +362,11 @@ void visitRecords(const unsigned char* slots, std::uint64_t count, const std::fu
 
 // How many of the first of count records at slots are already those
 // record() gives. record(i, out) stores record i's first Clip::kStoredSize
-// bytes at out.
+// bytes at out. Each record found in place is handed to visit, when there is
+// one, as a copy with the slot's padding: the record the image holds.
 template <class Record>
-std::uint64_t recordsInPlace(const unsigned char* slots, std::uint64_t count, Record& record) {
+std::uint64_t recordsInPlace(const unsigned char* slots, std::uint64_t count, Record& record,
+                             const std::function<void(Clip&)>& visit) {
   std::unique_ptr<Clip> scratch(new Clip());
   unsigned char* out = reinterpret_cast<unsigned char*>(scratch.get());
   const unsigned char* slot = slots;
@@ -372,6 +374,10 @@ std::uint64_t recordsInPlace(const unsigned char* slots, std::uint64_t count, Re
   for (; same < count; ++same, slot += MediaCache::kClipSlotSize) {
     record(same, out);
     if (std::memcmp(out, slot, Clip::kStoredSize) != 0) break;
+    if (!visit) continue;
+    std::memcpy(out + Clip::kStoredSize, slot + Clip::kStoredSize,
+                MediaCache::kClipSlotSize - Clip::kStoredSize);
+    visit(*scratch);
   }
   return same;
 }
@@ -383,8 +389,10 @@ std::uint64_t recordsInPlace(const unsigned char* slots, std::uint64_t count, Re
 // interprocess_exception, before touching the segment, when the image would
 // not fit.
 //
-// When there is a visit, it is handed each record of the image once the
-// image is whole, under the same hold of the lock.
+// When there is a visit, it is handed each record of the image, in order,
+// under the same hold of the lock: a record found in place when it is
+// compared, one written once the image is whole. The visit must not throw
+// (ScanMedia hands one that keeps its exception for later).
 //
 // The records already in place are not written again: a catalogue rewritten
 // with what it holds (a medium scanned again unchanged) costs reading the
@@ -407,11 +415,8 @@ int writeClipImage(bip::shared_memory_object& segment, detail::CacheLock& lock, 
                             std::memcmp(base, kClipMagic, MediaCache::kClipMagicSize) == 0 &&
                             loadCount(base + MediaCache::kClipMagicSize) == count &&
                             prefault(base, needed, false);
-    const std::uint64_t same = holdsCount ? recordsInPlace(slots, count, record) : 0;
-    if (holdsCount && same == count) {
-      if (visit) visitRecords(slots, count, visit);
-      return 1;
-    }
+    const std::uint64_t same = holdsCount ? recordsInPlace(slots, count, record, visit) : 0;
+    if (holdsCount && same == count) return 1;
     reserve(segment, needed);
     // The image is invalidated first and its magic put in last, so that a
     // writer that dies half-way leaves an invalid image, never a torn one.
@@ -430,7 +435,7 @@ int writeClipImage(bip::shared_memory_object& segment, detail::CacheLock& lock, 
     }
     std::atomic_signal_fence(std::memory_order_seq_cst);
     std::memcpy(base, kClipMagic, MediaCache::kClipMagicSize);
-    if (visit) visitRecords(slots, count, visit);
+    if (visit) visitRecords(slots + same * MediaCache::kClipSlotSize, count - same, visit);
     return 1;
   });
 }

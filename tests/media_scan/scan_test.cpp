@@ -538,7 +538,8 @@ TEST_F(Scan, AReaderInAnotherProcessSeesWholeCataloguesOnly) {
 
 // The records a scan hands its visit, byte for byte (padding too), are the
 // records a reader then gets: on a first scan over a segment of other bytes,
-// and on a second scan that finds the catalogue in place.
+// on a second scan that finds the catalogue in place, and on a third that
+// finds its first record in place and the second changed.
 TEST_F(Scan, TheVisitSeesWhatTheScanStored) {
   place("hd1080_p25.mov", media.file("C.mov"), 3000);
   place("hd720_p5994.mov", media.file("A.mov"), 1000);
@@ -548,7 +549,8 @@ TEST_F(Scan, TheVisitSeesWhatTheScanStored) {
     bip::mapped_region region(segment, bip::read_write);
     std::memset(region.get_address(), 0xEE, region.get_size());
   }
-  for (int round = 0; round < 2; ++round) {
+  for (int round = 0; round < 3; ++round) {
+    if (round == 2) place("prores_proxy_25.mov", media.file("B.MOV"), 2000);
     std::vector<Clip> seen;
     std::string dir = media.path();
     ASSERT_EQ(cache.ScanMedia(dir, ENCODE_PRORES_422_HQ, [&seen](Clip& clip) { seen.push_back(clip); }), 1);
@@ -561,7 +563,9 @@ TEST_F(Scan, TheVisitSeesWhatTheScanStored) {
       ++i;
     }
     EXPECT_STREQ(seen[0].name, "A.mov");
+    EXPECT_STREQ(seen[1].name, "B.MOV");
     EXPECT_STREQ(seen[2].name, "C.mov");
+    EXPECT_STREQ(seen[1].fourCC, round == 2 ? "apco" : "ap4h") << round;
     const unsigned char* padding = reinterpret_cast<const unsigned char*>(&seen[1]) + Clip::kStoredSize;
     EXPECT_EQ(padding[0], 0xEE);  // never written: the segment's own bytes
     EXPECT_EQ(padding[2], 0xEE);
