@@ -294,10 +294,10 @@ int runScan(Invocation& in) {
   Rows catalogue = catalogueTable();
   std::vector<std::string> clipNames;
   const bool rowsPrinted = formatOf(in) != Format::Quiet;
+  const bool withAttributes = formatOf(in) == Format::Json;
   const std::function<void(Clip&)> take = [&](Clip& clip) {
     clipNames.push_back(clipName(clip));
-    if (rowsPrinted)
-      addCatalogueRow(catalogue, session.cache(), clip, encodeType, formatOf(in) == Format::Json);
+    if (rowsPrinted) addCatalogueRow(catalogue, session.cache(), clip, encodeType, withAttributes);
   };
   try {
     Progress progress(dir, names, formatOf(in) == Format::Quiet);

@@ -180,6 +180,10 @@ cJSON* jsonItem(const Value& value) {
 
 int gStderr = 2;
 
+// A byte shown as it is, as wide as one column: printable ASCII but the
+// backslash (which shown() doubles).
+bool plainByte(char c) { return c >= 0x20 && c < 0x7F && c != '\\'; }
+
 }  // namespace
 
 std::string shown(const std::string& text) {
@@ -188,7 +192,7 @@ std::string shown(const std::string& text) {
   for (std::size_t i = 0; i < text.size();) {
     // Printable ASCII but the backslash, most of any text, goes as it is, a run at a time.
     std::size_t plain = i;
-    while (plain < text.size() && text[plain] >= 0x20 && text[plain] < 0x7F && text[plain] != '\\') ++plain;
+    while (plain < text.size() && plainByte(text[plain])) ++plain;
     if (plain > i) {
       out.append(text, i, plain - i);
       i = plain;
@@ -340,9 +344,7 @@ void Rows::table(std::ostream& out, std::size_t width, bool wide) const {
   const auto cellOf = [&](std::size_t line, std::size_t i) -> const std::string& {
     return line == 0 ? columns_[shownColumns[i]].header : rows_[line - 1][shownColumns[i]].display();
   };
-  const auto plain = [](const std::string& text) {
-    return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F && c != '\\'; });
-  };
+  const auto plain = [](const std::string& text) { return std::all_of(text.begin(), text.end(), plainByte); };
   // The cell as shown, in spare when it had to be escaped, and its width.
   const auto shownCell = [&](const std::string& raw, std::string& spare,
                              std::size_t& columns) -> const std::string& {
